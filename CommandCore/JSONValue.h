@@ -1,0 +1,65 @@
+#pragma once
+
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+namespace korvane {
+
+/// The one dynamically typed JSON tree of the program (RFC 8259): a value with structural equality, free
+/// to pass between threads. Numbers are doubles; there is no integer case. Objects have no key order.
+class JSONValue {
+public:
+    using Object = std::map<std::string, JSONValue, std::less<>>;
+    using Array = std::vector<JSONValue>;
+
+    JSONValue() = default; ///< null
+    JSONValue(std::nullptr_t) { }
+    JSONValue(bool value) : value(value) { }
+    JSONValue(double value) : value(value) { }
+    JSONValue(int value) : value(double(value)) { }
+    JSONValue(std::int64_t value) : value(double(value)) { }
+    JSONValue(std::string value) : value(std::move(value)) { }
+    JSONValue(const char *value) : value(std::string(value)) { }
+    JSONValue(Array value) : value(std::move(value)) { }
+    JSONValue(Object value) : value(std::move(value)) { }
+
+    /// Reads one JSON text in UTF-8. Throws `JSONError` for anything else: bad syntax or UTF-8, a byte
+    /// order mark, text behind the value, a number that overflows a double, more than 512 levels of
+    /// nesting. Of duplicate keys the last counts.
+    static JSONValue parse(std::string_view text);
+
+    /// Compact JSON, the solidus escaped, whole numbers without a fraction, other numbers so that they
+    /// read back to the same double, malformed UTF-8 repaired. Throws `JSONError` for a number that JSON cannot express.
+    std::string encodedString() const;
+
+    const std::string *string() const { return std::get_if<std::string>(&value); }
+    const double *number() const { return std::get_if<double>(&value); }
+    const bool *boolean() const { return std::get_if<bool>(&value); }
+    const Array *array() const { return std::get_if<Array>(&value); }
+    const Object *object() const { return std::get_if<Object>(&value); }
+    bool isNull() const { return std::holds_alternative<std::monostate>(value); }
+
+    /// The member of an object; null when it is missing or this is no object.
+    const JSONValue &operator[](std::string_view key) const;
+
+    bool operator==(const JSONValue &) const = default;
+
+private:
+    std::variant<std::monostate, Object, Array, std::string, double, bool> value;
+};
+
+/// A text that is no JSON, or a value that JSON cannot express. Its wording is for logs only.
+class JSONError : public std::exception {
+public:
+    explicit JSONError(std::string what) : message(std::move(what)) { }
+    const char *what() const noexcept override { return message.c_str(); }
+
+private:
+    std::string message;
+};
+
+} // namespace korvane

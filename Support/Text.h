@@ -1,0 +1,52 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// Text as people see it: folding, containment, comparison, characters. All text is UTF-8; what is
+/// not valid UTF-8 counts as U+FFFD and never throws. Pure functions; any thread.
+namespace korvane {
+
+/// `text` without regard to case and to diacritics: what two texts must share to be "the same word".
+/// ASCII takes a fast path with the same result. The choices for single letters stand in
+/// `docs/decisions/`.
+std::string folded(std::string_view text);
+
+/// `text` without white space and line ends (as Unicode defines white space) at both ends.
+std::string_view trimmed(std::string_view text);
+
+/// Whether `text` contains `part` without regard to case and to diacritics. An empty part is in no text.
+bool containsFolded(std::string_view text, std::string_view part);
+
+/// Whether the folded text `haystack` contains the folded text `needle`, as bytes.
+bool containsBytes(std::string_view haystack, std::string_view needle);
+
+/// Order of names as a file manager shows them: by the user's language, numbers by their value.
+/// Negative, zero or positive. A total order; equal only for texts that collate as equal.
+int compareNames(std::string_view left, std::string_view right);
+
+/// The user-perceived characters (extended grapheme clusters), in order, as views into `text`.
+std::vector<std::string_view> characters(std::string_view text);
+
+/// How many user-perceived characters `text` has.
+std::size_t characterCount(std::string_view text);
+
+/// Whether the character (one grapheme cluster) is white space or a line end.
+bool isWhitespace(std::string_view character);
+
+/// `text` with everything that is not valid UTF-8 replaced by U+FFFD: the form to show.
+std::string displayable(std::string_view text);
+bool isValidUTF8(std::string_view text);
+
+std::string lowercased(std::string_view text);
+std::string uppercased(std::string_view text);
+
+/// The number that the whole of `text` spells in base 10, without white space or a plus sign before it.
+std::optional<long long> integerFrom(std::string_view text);
+/// The finite or infinite number that the whole of `text` spells, with a decimal point whatever the locale.
+std::optional<double> realFrom(std::string_view text);
+
+} // namespace korvane
