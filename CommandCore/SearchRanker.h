@@ -22,6 +22,11 @@ public:
     SearchKeys() = default;
     SearchKeys(std::string_view title, std::span<const std::string> keywords);
     std::string_view title() const;
+
+    /// How well the texts match, worst first.
+    enum class Match { none, partOfKeyword, partOfTitle, beginningOfTitle, title };
+    /// The best match of a folded text that is not empty. One search through the block.
+    Match match(std::string_view folded) const;
     /// Whether one keyword alone contains the folded text.
     bool keywordContains(std::string_view folded) const;
 

@@ -20,6 +20,11 @@ Task<void> waitUntilReadable(const Descriptor &descriptor)
     namespace asio = boost::asio;
     co_await throwIfCancelled();
     asio::posix::stream_descriptor waiter(co_await asio::this_coro::executor, descriptor.get());
+    // The descriptor is the caller's to close, also when the loop goes away in the middle of the wait.
+    struct Releasing {
+        ~Releasing() { waiter.release(); }
+        asio::posix::stream_descriptor &waiter;
+    } const releasing{waiter};
     const asio::use_awaitable_t<Executor> token{};
     bool ended = false;
     try {
@@ -27,7 +32,6 @@ Task<void> waitUntilReadable(const Descriptor &descriptor)
     } catch (const boost::system::system_error &error) {
         ended = error.code() == asio::error::operation_aborted;
     }
-    waiter.release(); // the caller's descriptor is not ours to close
     if (ended)
         throw Cancelled();
 }

@@ -7,21 +7,22 @@
 #include <vector>
 
 /// Text as people see it: folding, containment, comparison, characters. All text is UTF-8; what is
-/// not valid UTF-8 counts as U+FFFD and never throws. Pure functions; any thread.
+/// not valid UTF-8 counts as U+FFFD and never throws. Pure functions; any thread. No text is longer than 2 GB.
 namespace korvane {
 
 /// `text` without regard to case and to diacritics: what two texts must share to be "the same word".
-/// ASCII takes a fast path with the same result. The choices for single letters stand in
-/// `docs/decisions/`.
+/// Valid UTF-8; folding it again changes nothing. ASCII takes a fast path with the same result. The
+/// choices for single letters stand in `docs/decisions/0001-text-folding.md`.
 std::string folded(std::string_view text);
 
 /// `text` without white space and line ends (as Unicode defines white space) at both ends.
 std::string_view trimmed(std::string_view text);
 
-/// Whether `text` contains `part` without regard to case and to diacritics. An empty part is in no text.
+/// Whether `text` contains `part` without regard to case and to diacritics. An empty part is in no text,
+/// nor is one of diacritics alone.
 bool containsFolded(std::string_view text, std::string_view part);
 
-/// Whether the folded text `haystack` contains the folded text `needle`, as bytes.
+/// Whether the folded text `haystack` contains the folded text `needle`, as bytes. An empty needle is in no text.
 bool containsBytes(std::string_view haystack, std::string_view needle);
 
 /// Order of names as a file manager shows them: by the user's language, numbers by their value.
@@ -34,19 +35,30 @@ std::vector<std::string_view> characters(std::string_view text);
 /// How many user-perceived characters `text` has.
 std::size_t characterCount(std::string_view text);
 
-/// Whether the character (one grapheme cluster) is white space or a line end.
+/// Whether the character (one grapheme cluster) is white space or a line end: its first code point decides.
 bool isWhitespace(std::string_view character);
 
 /// `text` with everything that is not valid UTF-8 replaced by U+FFFD: the form to show.
 std::string displayable(std::string_view text);
+/// Whether `text` is UTF-8 throughout: no stray bytes, no surrogates, no overlong forms.
 bool isValidUTF8(std::string_view text);
 
+/// In lower or upper case by the rules that hold for all languages together, whatever the user's.
+/// Bytes that are not UTF-8 stay as they are.
 std::string lowercased(std::string_view text);
 std::string uppercased(std::string_view text);
 
 /// The number that the whole of `text` spells in base 10, without white space or a plus sign before it.
 std::optional<long long> integerFrom(std::string_view text);
-/// The finite or infinite number that the whole of `text` spells, with a decimal point whatever the locale.
+/// The finite or infinite number that the whole of `text` spells, with a decimal point whatever the locale;
+/// without white space or a plus sign before it. Too large a number is infinite, too small a one zero.
 std::optional<double> realFrom(std::string_view text);
+
+namespace detail {
+
+/// What `folded` gives, without its fast path.
+std::string foldedByUnicode(std::string_view text);
+
+} // namespace detail
 
 } // namespace korvane

@@ -19,6 +19,7 @@ struct ApplicationEntry {
 struct ApplicationOwnAction {
     std::string id; ///< As the file names it.
     std::string title;
+    bool operator==(const ApplicationOwnAction &) const = default;
 };
 
 /// Where installed applications are found and how their files are read. Any thread, one at a time;

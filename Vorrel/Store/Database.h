@@ -4,6 +4,7 @@
 #include "Support/Task.h"
 
 #include <chrono>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -28,6 +29,9 @@ using SQLRow = std::map<std::string, std::string, std::less<>>;
 ///           the connection's own strand of the pool, and the caller resumes on its own executor.
 /// Errors:   `AppError` of kind `database`, with the sentences told at each operation; a cancelled
 ///           `rows` throws `Cancelled`. A write that has begun is always carried to its end.
+/// Files:    a store on disk that another program has moved, removed or replaced is written no more: what
+///           was committed goes to the file that was opened, and every later write is "Could not save
+///           local data." Reads go on from that file.
 /// Lifetime: `AppServices` owns it and closes it last; repositories share it.
 class Database {
 public:
@@ -38,7 +42,10 @@ public:
     /// Opens `path` on `pool` and, for `readWrite`, creates the file and brings its schema to the
     /// present version. ":memory:" gives a private store without a file. Throws "Could not open the local
     /// database.", "Could not migrate the local database." or "Could not configure the local database."
-    static Task<std::shared_ptr<Database>> open(Executor pool, std::string path, Access access, Uptime uptime = {});
+    /// `patience` is how long an operation waits for another connection's lock: 500 ms for `readOnly` and
+    /// 3000 ms for `readWrite` unless told otherwise.
+    static Task<std::shared_ptr<Database>> open(
+        Executor pool, std::string path, Access access, Uptime uptime = {}, std::optional<Milliseconds> patience = {});
     ~Database();
 
     /// Rows of one query. `timeout` bounds it: when it runs out, "File search took too long. Add a
@@ -58,8 +65,8 @@ public:
 
 private:
     struct Connection; // keeps SQLite out of this header
-    explicit Database(std::unique_ptr<Connection> connection);
-    std::unique_ptr<Connection> connection;
+    explicit Database(std::shared_ptr<Connection> connection);
+    std::shared_ptr<Connection> connection; // shared with the work that is still queued
 };
 
 } // namespace korvane

@@ -1,0 +1,63 @@
+# One command a need. Every target works from a fresh clone: what is missing is installed first.
+# From another folder: make -C PATH-OF-THE-CLONE TARGET.
+
+ROOT := $(dir $(abspath $(lastword $(MAKEFILE_LIST))))
+JOBS ?= $(shell nproc)
+export CTEST_PARALLEL_LEVEL ?= $(JOBS)
+
+.PHONY: build run test unit desktop asan tsan fuzz bench lint format bootstrap pictures clean
+
+## The two programs, optimised: build/bin/korvane and build/bin/korvanectl
+build:
+	@$(ROOT)scripts/bootstrap build
+	@cd $(ROOT) && cmake --preset release >/dev/null && cmake --build --preset release -j $(JOBS) --target korvane korvanectl
+	@mkdir -p $(ROOT)build/bin && ln -sf ../release/bin/korvane ../release/bin/korvanectl $(ROOT)build/bin/
+
+## Starts Korvane and shows the palette; without a display, on a private one (QUERY=text types it)
+run: build
+	@$(ROOT)scripts/bootstrap run
+	@$(ROOT)scripts/run $(ROOT)build/bin
+
+## Everything that the suite holds
+test:
+	@$(ROOT)scripts/bootstrap test
+	@cd $(ROOT) && cmake --preset release >/dev/null && cmake --build --preset release -j $(JOBS)
+	@mkdir -p $(ROOT)build/bin && ln -sf ../release/bin/korvane ../release/bin/korvanectl $(ROOT)build/bin/
+	@cd $(ROOT) && ctest --preset release
+
+## The inner loop: a debug build and all tests that need no screen
+unit:
+	@$(ROOT)scripts/bootstrap test
+	@cd $(ROOT) && cmake --preset dev >/dev/null && cmake --build --preset dev -j $(JOBS) && ctest --preset dev -LE 'desktop|slow'
+
+## The real program and the real adapters under a private X server
+desktop:
+	@$(ROOT)scripts/bootstrap test
+	@cd $(ROOT) && cmake --preset release >/dev/null && cmake --build --preset release -j $(JOBS) && ctest --preset release -L desktop
+
+asan tsan:
+	@$(ROOT)scripts/bootstrap test
+	@cd $(ROOT) && cmake --preset $@ >/dev/null && cmake --build --preset $@ -j $(JOBS) && ctest --preset $@
+
+## Hunts with every fuzzer for SECONDS_EACH seconds
+fuzz:
+	@$(ROOT)scripts/bootstrap test
+	@cd $(ROOT) && cmake --preset fuzz >/dev/null && cmake --build --preset fuzz -j $(JOBS) && scripts/fuzz
+
+## Prints the tables of docs/performance.md
+bench:
+	@$(ROOT)scripts/bootstrap test
+	@cd $(ROOT) && cmake --preset release >/dev/null && cmake --build --preset release -j $(JOBS) && scripts/bench
+
+lint:
+	@$(ROOT)scripts/bootstrap test
+	@cd $(ROOT) && cmake --preset dev >/dev/null && scripts/lint --tidy
+
+format:
+	@cd $(ROOT) && scripts/lint --format
+
+bootstrap:
+	@$(ROOT)scripts/bootstrap build run test
+
+clean:
+	@rm -rf $(ROOT)build

@@ -1,0 +1,259 @@
+#include "Support/ChildProcess.h"
+
+#include "Support/Descriptor.h"
+
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace korvane {
+
+namespace {
+
+[[noreturn]] void fail(int error, const char *step) { throw std::system_error(error, std::generic_category(), step); }
+
+/// What the child tells through the pipe that the start of its program closes.
+struct Report {
+    enum Kind : int { Started, Failed } kind;
+    int value; ///< The process id, or the error.
+};
+
+/// Everything that the child needs, made ready before the fork: between it and the program's start only
+/// calls that are safe in a signal handler are allowed, since other threads may have held any lock.
+struct Prepared {
+    const char *program;
+    char *const *arguments;
+    char *const *shellArguments; ///< For a script that names no interpreter.
+    char *const *environment;
+    const char *workingDirectory; ///< Null to stay.
+    int reports;
+};
+
+void tell(int reports, Report report)
+{
+    while (::write(reports, &report, sizeof report) < 0 && errno == EINTR) { }
+}
+
+[[noreturn]] void giveUp(int reports)
+{
+    tell(reports, {Report::Failed, errno});
+    ::_exit(127);
+}
+
+void resetSignals()
+{
+    struct sigaction byDefault { };
+    byDefault.sa_handler = SIG_DFL;
+    for (int signal = 1; signal < NSIG; ++signal)
+        ::sigaction(signal, &byDefault, nullptr);
+    sigset_t none;
+    ::sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+void closeFrom(int first)
+{
+    if (::close_range(static_cast<unsigned>(first), UINT_MAX, 0) == 0)
+        return;
+    // An old kernel, or a sandbox that does not know the call.
+    struct rlimit limit { };
+    const bool known = ::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < 65536;
+    for (int number = first, end = known ? static_cast<int>(limit.rlim_cur) : 65536; number < end; ++number)
+        ::close(number);
+}
+
+/// Leaves the three standard streams on "/dev/null" and the pipe at 3; returns its new number.
+int arrangeDescriptors(int reports)
+{
+    const int null = ::open("/dev/null", O_RDWR);
+    if (null < 0)
+        giveUp(reports);
+    for (int stream = 0; stream < 3; ++stream)
+        if (::dup2(null, stream) < 0)
+            giveUp(reports);
+    if (::dup3(reports, 3, O_CLOEXEC) < 0)
+        giveUp(reports);
+    closeFrom(4);
+    return 3;
+}
+
+[[noreturn]] void becomeProgram(const Prepared &prepared)
+{
+    tell(prepared.reports, {Report::Started, ::getpid()});
+    const int reports = arrangeDescriptors(prepared.reports);
+    resetSignals();
+    if (prepared.workingDirectory && ::chdir(prepared.workingDirectory) != 0)
+        giveUp(reports);
+    ::execve(prepared.program, prepared.arguments, prepared.environment);
+    if (errno == ENOEXEC)
+        ::execve(prepared.shellArguments[0], prepared.shellArguments, prepared.environment);
+    giveUp(reports);
+}
+
+/// The child in between: it makes the session and leaves, so that the program has no parent to lose.
+[[noreturn]] void forkAgain(const Prepared &prepared)
+{
+    ::setsid();
+    const pid_t program = ::fork();
+    if (program < 0)
+        giveUp(prepared.reports);
+    if (program == 0)
+        becomeProgram(prepared);
+    ::_exit(0);
+}
+
+std::vector<char *> pointers(const std::vector<std::string> &texts)
+{
+    std::vector<char *> all;
+    for (const auto &text : texts)
+        all.push_back(const_cast<char *>(text.c_str()));
+    all.push_back(nullptr);
+    return all;
+}
+
+/// Keeps this process's handlers from running in the child.
+class SignalsBlocked {
+public:
+    SignalsBlocked()
+    {
+        sigset_t all;
+        ::sigfillset(&all);
+        ::pthread_sigmask(SIG_SETMASK, &all, &before);
+    }
+    ~SignalsBlocked() { ::pthread_sigmask(SIG_SETMASK, &before, nullptr); }
+    SignalsBlocked(const SignalsBlocked &) = delete;
+
+private:
+    sigset_t before;
+};
+
+/// The process id that the child reported, once its program has begun.
+pid_t readReports(const Descriptor &pipe)
+{
+    pid_t program = 0;
+    for (;;) {
+        Report report{};
+        const auto count = ::read(pipe.get(), &report, sizeof report);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count != sizeof report)
+            break;
+        if (report.kind == Report::Failed)
+            fail(report.value, "start");
+        program = report.value;
+    }
+    if (program == 0)
+        fail(ECHILD, "start");
+    return program;
+}
+
+bool holdsNul(const std::vector<std::string> &texts)
+{
+    for (const auto &text : texts)
+        if (text.find('\0') != std::string::npos)
+            return true;
+    return false;
+}
+
+/// Above the standard streams and the place that the pipe takes in the child.
+Descriptor movedUp(int number)
+{
+    Descriptor low(number);
+    Descriptor high(::fcntl(low.get(), F_DUPFD_CLOEXEC, 4));
+    if (!high)
+        fail(errno, "descriptor");
+    return high;
+}
+
+} // namespace
+
+pid_t spawnDetachedProcess(const ChildProcess::Options &options)
+{
+    if (options.arguments.empty() || holdsNul(options.arguments) || holdsNul(options.environment))
+        fail(EINVAL, "arguments");
+    const auto program = findProgram(options.arguments.front(), environmentValue(options.environment, "PATH"));
+    if (!program)
+        fail(ENOENT, "program");
+
+    std::vector<std::string> shellTexts{"/bin/sh", *program};
+    shellTexts.insert(shellTexts.end(), options.arguments.begin() + 1, options.arguments.end());
+    const auto arguments = pointers(options.arguments);
+    const auto shellArguments = pointers(shellTexts);
+    const auto environment = pointers(options.environment);
+
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0)
+        fail(errno, "pipe");
+    Descriptor reading(ends[0]);
+    Descriptor writing = movedUp(ends[1]);
+    const Prepared prepared{program->c_str(),   arguments.data(),
+                            shellArguments.data(), environment.data(),
+                            options.workingDirectory.empty() ? nullptr : options.workingDirectory.c_str(), writing.get()};
+    pid_t between = 0;
+    {
+        const SignalsBlocked blocked;
+        between = ::fork();
+        if (between == 0)
+            forkAgain(prepared);
+    }
+    if (between < 0)
+        fail(errno, "fork");
+    writing.reset();
+    while (::waitpid(between, nullptr, 0) < 0 && errno == EINTR) { }
+    return readReports(reading);
+}
+
+std::vector<std::string> environmentSnapshot()
+{
+    std::vector<std::string> environment;
+    for (char **at = ::environ; at && *at; ++at)
+        environment.emplace_back(*at);
+    return environment;
+}
+
+std::string_view environmentValue(const std::vector<std::string> &environment, std::string_view name)
+{
+    for (const std::string_view one : environment)
+        if (one.size() > name.size() && one.starts_with(name) && one[name.size()] == '=')
+            return one.substr(name.size() + 1);
+    return {};
+}
+
+namespace {
+
+bool isExecutableFile(const std::string &path)
+{
+    struct stat status { };
+    return ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && ::access(path.c_str(), X_OK) == 0;
+}
+
+} // namespace
+
+std::optional<std::string> findProgram(const std::string &program, std::string_view searchPath)
+{
+    if (program.find('/') != std::string::npos)
+        return isExecutableFile(program) ? std::optional(program) : std::nullopt;
+    if (program.empty())
+        return std::nullopt;
+    if (searchPath.empty())
+        searchPath = "/usr/local/bin:/usr/bin:/bin";
+    while (!searchPath.empty()) {
+        const auto colon = searchPath.find(':');
+        const auto folder = searchPath.substr(0, colon);
+        searchPath = colon == std::string_view::npos ? std::string_view{} : searchPath.substr(colon + 1);
+        // Only absolute ones: what stands in the working folder is not a program of the user's.
+        if (!folder.starts_with('/'))
+            continue;
+        if (std::string path = std::string(folder) + "/" + program; isExecutableFile(path))
+            return path;
+    }
+    return std::nullopt;
+}
+
+} // namespace korvane

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <sys/types.h>
+#include <vector>
+
+/// Starting other programs. POSIX; knows no desktop. Everything here may block; any thread.
+namespace korvane {
+
+struct ChildProcess {
+    /// What a program is started with; nothing else of this process reaches it but its user and limits.
+    struct Options {
+        /// The program, by path or by its name in the PATH of `environment`, then its arguments.
+        std::vector<std::string> arguments;
+        /// The whole environment, as "NAME=value".
+        std::vector<std::string> environment;
+        /// Empty stands for the present working folder.
+        std::string workingDirectory;
+    };
+};
+
+/// Starts a program that lives on whatever becomes of this one: a session of its own, no parent that
+/// waits for it, "/dev/null" as its three standard streams, no other descriptor, every signal as by
+/// default. Returns its process id when it has begun; throws `std::system_error` when it could not.
+pid_t spawnDetachedProcess(const ChildProcess::Options &options);
+
+/// The environment of this process as it is now. Taken at the start of the program, before any library
+/// adds to it, it is what other programs are started with.
+std::vector<std::string> environmentSnapshot();
+
+/// The value of a variable in an environment like the above; empty when it is absent.
+std::string_view environmentValue(const std::vector<std::string> &environment, std::string_view name);
+
+/// The path of an executable file: `program` itself when it has a slash, otherwise the first in the
+/// colon-separated `searchPath` (the system's usual folders when that is empty). Nothing without one.
+std::optional<std::string> findProgram(const std::string &program, std::string_view searchPath);
+
+} // namespace korvane

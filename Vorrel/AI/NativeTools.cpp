@@ -1,0 +1,7 @@
+#include "Vorrel/AI/NativeTools.h"
+
+namespace korvane {
+
+void NativeTools::registerTools(ToolRegistry &, AppServices &) { }
+
+} // namespace korvane

@@ -1,0 +1,55 @@
+#pragma once
+
+#include "Vorrel/Palette/PaletteState.h"
+#include "Vorrel/Platform/PaletteWindow.h"
+
+namespace korvane {
+
+/// A key press as the window reports it, in the model's own terms.
+struct KeyPress {
+    enum class Key { Character, Return, Escape, Other };
+    Key key = Key::Other;
+    std::string character = {}; ///< Lower-cased, without modifiers; for `Character`.
+    bool command = false;       ///< The platform's command key: Ctrl on Linux.
+    bool shift = false;
+};
+
+/// Owns the palette's state and decides when its window shows and hides. Main thread only.
+class PaletteController {
+public:
+    /// Makes the window for a state that lives as long as the controller.
+    using MakeWindow = std::function<std::unique_ptr<PaletteWindow>(PaletteController &)>;
+
+    /// Starts `PaletteState::start` in a task of its own. `services` outlives the controller.
+    PaletteController(AppServices &services, const MakeWindow &makeWindow);
+    ~PaletteController();
+
+    void toggle(); ///< Shows if hidden, hides if shown; under a dialog it only brings that forward.
+    void hide();
+    void stop();   ///< Removes the window for good, at application end.
+
+    /// Handles a key that the window sees before its field does. True when it is consumed.
+    bool handleKey(const KeyPress &key);
+    /// The user pressed a mouse button at this place; `inside` when it was in one of the palette's own windows.
+    void mousePressed(int x, int y, bool inside);
+
+    bool presented() const { return _presented; }
+    PaletteState &state() { return *_state; }
+    ActionCoordinator &coordinator() { return actionCoordinator; }
+
+private:
+    void placeWindow();
+    bool mayHide() const;
+    static Task<void> focusSoon(std::weak_ptr<PaletteState> alive, PaletteController *self);
+    static Task<void> refreshApplications(std::shared_ptr<PaletteState> state);
+
+    AppServices &services;
+    ActionCoordinator actionCoordinator;
+    std::shared_ptr<PaletteState> _state;
+    std::unique_ptr<PaletteWindow> window;
+    bool _presented = false;
+    int presentationGeneration = 0;
+    TaskHandle startTask;
+};
+
+} // namespace korvane

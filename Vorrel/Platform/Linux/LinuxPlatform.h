@@ -1,0 +1,51 @@
+#pragma once
+
+#include "Vorrel/Platform/Linux/DesktopEntries.h"
+#include "Vorrel/Platform/Linux/FolderMonitor.h"
+#include "Vorrel/Platform/Linux/Launcher.h"
+#include "Vorrel/Platform/Linux/LinuxEnvironment.h"
+#include "Vorrel/Platform/Linux/LinuxSystemControl.h"
+#include "Vorrel/Platform/Linux/LinuxWorkspace.h"
+#include "Vorrel/Platform/Platform.h"
+#include "Vorrel/Shell/L10n.h"
+
+namespace korvane {
+
+/// The adapters of a Linux desktop that need no toolkit, made of one environment. Made on the main thread
+/// before anything else, and kept longer than the services.
+class LinuxPlatform {
+public:
+    /// `environment` holds the process's variables as "NAME=value", as they were when it started; programs
+    /// that it launches get these. `token` is asked for the activation token of each launch.
+    LinuxPlatform(Executor mainThread, std::vector<std::string> environment, std::function<std::string()> token = {});
+    ~LinuxPlatform();
+
+    /// The ports, with the two that only a front end can serve. `folders` are watched if `watches`.
+    Platform ports(Dialogs &dialogs, Pasteboard &pasteboard, bool watches);
+    /// Where the tables of texts are, for a program at `executable`.
+    L10n::Places textPlaces(const std::string &executable) const;
+    /// Ends the pool; nothing runs on it any more when this returns.
+    void join();
+
+    const Environment environment;
+    const UserFolders folders;
+    const BusAddresses buses;
+    SystemClock clock;
+    ThreadPool pool;
+
+private:
+    const Executor mainThread;
+    DesktopEntries entries;
+    DesktopLauncher launcher;
+    LinuxWorkspace workspace;
+    LinuxSystemControl system;
+    std::unique_ptr<FolderMonitor> watcher;
+};
+
+/// The variables of this process, as "NAME=value".
+std::vector<std::string> processVariables();
+
+/// The path of the running program; empty when the system does not tell.
+std::string executablePath();
+
+} // namespace korvane

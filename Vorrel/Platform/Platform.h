@@ -1,0 +1,30 @@
+#pragma once
+
+#include "Support/Clock.h"
+#include "Vorrel/Platform/ApplicationLauncher.h"
+#include "Vorrel/Platform/ApplicationSource.h"
+#include "Vorrel/Platform/Dialogs.h"
+#include "Vorrel/Platform/FolderWatcher.h"
+#include "Vorrel/Platform/Pasteboard.h"
+#include "Vorrel/Platform/SystemControl.h"
+#include "Vorrel/Platform/UserFolders.h"
+#include "Vorrel/Platform/Workspace.h"
+
+namespace korvane {
+
+/// Everything that the services ask of a system, as one front end chose it. The ports outlive the services.
+struct Platform {
+    Executor mainThread;
+    Executor pool; ///< Threads for blocking work.
+    Clock &clock;
+    UserFolders folders;
+    const ApplicationSource &applicationSource; ///< Used on the pool.
+    ApplicationLauncher &launcher;
+    FolderWatcher *folderWatcher; ///< Null where nothing can be watched, or nothing shall be.
+    Workspace &workspace;
+    SystemControl &system;
+    Dialogs &dialogs;
+    Pasteboard &pasteboard;
+};
+
+} // namespace korvane

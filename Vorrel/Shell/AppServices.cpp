@@ -1,0 +1,130 @@
+#include "Vorrel/Shell/AppServices.h"
+
+#include <filesystem>
+#include <sys/stat.h>
+
+namespace korvane {
+
+namespace {
+
+constexpr const char *storeName = "/korvane.sqlite";
+constexpr const char *presentVersion = "5";
+
+Database::Uptime uptimeOf(const Platform &platform)
+{
+    Clock &clock = platform.clock;
+    return [&clock] { return clock.uptime(); };
+}
+
+std::shared_ptr<ApplicationService> makeApplications(const Platform &platform)
+{
+    return std::make_shared<ApplicationService>(ApplicationService::Ports{
+        .mainThread = platform.mainThread,
+        .clock = platform.clock,
+        .indexer = std::make_shared<ApplicationIndexer>(platform.pool, platform.applicationSource),
+        .source = platform.applicationSource,
+        .launcher = platform.launcher,
+        .workspace = platform.workspace,
+        .folders = platform.folders,
+        .folderWatcher = platform.folderWatcher,
+    });
+}
+
+template <class Service> std::unique_ptr<Service> orDefault(std::unique_ptr<Service> given)
+{
+    return given ? std::move(given) : std::make_unique<Service>();
+}
+
+} // namespace
+
+Task<std::shared_ptr<AppServices>> AppServices::create(Platform platform, std::optional<Milliseconds> patience)
+{
+    const auto folder = platform.folders.korvane();
+    if (!folder)
+        throw AppError(AppError::Kind::database, "Could not open the local database.");
+    Actor disk(platform.pool);
+    auto makeFolder = [path = *folder](std::stop_token) { createPrivateFolder(path); };
+    co_await disk.run(std::move(makeFolder));
+
+    const std::string path = *folder + storeName;
+    auto database = co_await Database::open(platform.pool, path, Database::Access::readWrite, uptimeOf(platform), patience);
+    Injected injected;
+    injected.searchDatabase = co_await Database::open(platform.pool, path, Database::Access::readOnly, uptimeOf(platform));
+    co_return std::make_shared<AppServices>(std::move(platform), std::move(database), std::move(injected));
+}
+
+Task<std::shared_ptr<AppServices>> AppServices::createForReading(Platform platform)
+{
+    const auto folder = platform.folders.korvane();
+    const std::string path = folder ? *folder + storeName : std::string();
+    Actor disk(platform.pool);
+    auto look = [path](std::stop_token) { return !path.empty() && std::filesystem::exists(path); };
+    const bool exists = co_await disk.run(std::move(look));
+    if (!exists) {
+        auto empty = co_await Database::open(platform.pool, ":memory:", Database::Access::readWrite, uptimeOf(platform));
+        co_return std::make_shared<AppServices>(std::move(platform), std::move(empty), Injected());
+    }
+    auto store = co_await Database::open(platform.pool, path, Database::Access::readOnly, uptimeOf(platform));
+    const auto version = co_await store->rows("PRAGMA user_version");
+    if (version.size() != 1 || version[0].at("user_version") != presentVersion) {
+        co_await store->close();
+        co_return co_await create(std::move(platform));
+    }
+    co_return std::make_shared<AppServices>(std::move(platform), std::move(store), Injected());
+}
+
+void AppServices::createPrivateFolder(const std::string &path)
+{
+    std::error_code failure;
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), failure);
+    if (::mkdir(path.c_str(), 0700) == 0 || std::filesystem::is_directory(path, failure))
+        return;
+    throw AppError(AppError::Kind::database, "Could not open the local database.");
+}
+
+AppServices::AppServices(Platform given, std::shared_ptr<Database> store, Injected injected)
+    : platform(std::move(given)), diagnostics(platform.clock), database(std::move(store)),
+      searchDatabase(injected.searchDatabase ? std::move(injected.searchDatabase) : database), applications(makeApplications(platform)),
+      system(platform), files(platform), permissions(platform.dialogs), clipboard(orDefault(std::move(injected.clipboard))),
+      usage(database, platform.clock), settings(database), quicklinks(database), appLaunches(database, platform.clock),
+      fileIndex(orDefault(std::move(injected.fileIndex))), shortcuts(orDefault(std::move(injected.shortcuts))),
+      lazyAgents(std::move(injected.agents))
+{
+}
+
+AppServices::~AppServices() = default;
+
+ToolRegistry &AppServices::tools()
+{
+    if (!lazyTools) {
+        lazyTools = std::make_unique<ToolRegistry>(
+            [this](std::string title, std::string detail) { return permissions.confirm(std::move(title), std::move(detail)); });
+    }
+    return *lazyTools;
+}
+
+MCPManager &AppServices::mcp()
+{
+    tools();
+    if (!lazyMcp)
+        lazyMcp = std::make_unique<MCPManager>();
+    return *lazyMcp;
+}
+
+SettingsState &AppServices::preferences()
+{
+    mcp();
+    if (!lazyPreferences)
+        lazyPreferences = std::make_unique<SettingsState>();
+    return *lazyPreferences;
+}
+
+AgentStore &AppServices::agents()
+{
+    tools();
+    if (!lazyAgents)
+        lazyAgents = std::make_unique<AgentStore>();
+    return *lazyAgents;
+}
+
+} // namespace korvane

@@ -1,0 +1,75 @@
+#pragma once
+
+#include "Vorrel/AI/AgentStore.h"
+#include "Vorrel/AI/NativeTools.h"
+#include "Vorrel/FileIndex/FileService.h"
+#include "Vorrel/Launch/ApplicationService.h"
+#include "Vorrel/Launch/ClipboardService.h"
+#include "Vorrel/Launch/PermissionService.h"
+#include "Vorrel/Launch/ShortcutsService.h"
+#include "Vorrel/Launch/SystemService.h"
+#include "Vorrel/MCP/MCPManager.h"
+#include "Vorrel/Shell/DiagnosticsService.h"
+#include "Vorrel/Shell/SettingsState.h"
+#include "Vorrel/Store/Repositories.h"
+
+namespace korvane {
+
+/// The composition root: owns every service for the life of the process. Nothing replaces a member once
+/// it is built; the palette, the settings and the tools borrow them. Main thread only.
+class AppServices {
+public:
+    /// Creates the data folder (owner only), opens the store off the main thread with its migrations, then a
+    /// read-only connection for searches, and wires everything. Throws the store's errors, and
+    /// `database` "Could not open the local database." when there is no data folder.
+    /// `patience` is how long a write waits for a lock of another process; the store's own time without it.
+    static Task<std::shared_ptr<AppServices>> create(Platform platform, std::optional<Milliseconds> patience = {});
+
+    /// The same services for a process that only reads, beside a running one: over a read-only connection to an
+    /// up-to-date store, over an empty one in memory where there is no store yet. A store of an earlier
+    /// version is brought up to date first.
+    static Task<std::shared_ptr<AppServices>> createForReading(Platform platform);
+
+    /// What a host may replace. The defaults know no files and no shortcuts.
+    struct Injected {
+        std::unique_ptr<FileIndexService> fileIndex = {};
+        std::unique_ptr<ShortcutsService> shortcuts = {};
+        std::unique_ptr<ClipboardService> clipboard = {};
+        std::unique_ptr<AgentStore> agents = {};
+        std::shared_ptr<Database> searchDatabase = {};
+    };
+    AppServices(Platform platform, std::shared_ptr<Database> database, Injected injected);
+    ~AppServices();
+
+    // Built at first read, because they reach other members
+    ToolRegistry &tools();
+    MCPManager &mcp();
+    SettingsState &preferences();
+    AgentStore &agents();
+
+    const Platform platform;
+    DiagnosticsService diagnostics;
+    const std::shared_ptr<Database> database;
+    const std::shared_ptr<Database> searchDatabase; ///< Read-only; the same as `database` for ":memory:".
+    const std::shared_ptr<ApplicationService> applications;
+    SystemService system;
+    FileService files;
+    PermissionService permissions;
+    const std::unique_ptr<ClipboardService> clipboard;
+    CommandUsageStore usage;
+    SettingsRepository settings;
+    QuicklinkRepository quicklinks;
+    AppLaunchRepository appLaunches;
+    const std::unique_ptr<FileIndexService> fileIndex;
+    const std::unique_ptr<ShortcutsService> shortcuts;
+
+private:
+    static void createPrivateFolder(const std::string &path);
+
+    std::unique_ptr<ToolRegistry> lazyTools;
+    std::unique_ptr<MCPManager> lazyMcp;
+    std::unique_ptr<SettingsState> lazyPreferences;
+    std::unique_ptr<AgentStore> lazyAgents;
+};
+
+} // namespace korvane

@@ -1,0 +1,60 @@
+#pragma once
+
+#include "Support/MainLoop.h"
+#include "Vorrel/Palette/PaletteState.h"
+
+#include <span>
+
+namespace korvane {
+
+/// The program's services for scripts: parses a command line, drives the same state as the window, prints.
+///
+/// Exit statuses: 0 done, also for an empty list; 1 with one sentence on standard error and nothing on
+/// standard output when the answer is no or something failed; 2 for wrong usage. Works beside a running
+/// Korvane: what only reads opens the store read-only, what writes waits up to 30 seconds for it.
+class CommandLineTool {
+public:
+    struct Host {
+        MainLoop &loop;
+        Platform platform; ///< Its dialogs ask on the terminal, or refuse.
+        std::function<void(std::string_view)> out, err;
+        /// Told before anything runs whether consent was given on the command line.
+        std::function<void(bool yes)> consent;
+    };
+
+    explicit CommandLineTool(Host host) : host(std::move(host)) { }
+
+    /// Runs one command line, without the program's name. Main thread; returns when it is done.
+    int run(std::span<const std::string> arguments);
+
+private:
+    /// A command line taken apart.
+    struct Line {
+        std::vector<std::string> words;
+        std::optional<std::string> category;
+        bool json = false, yes = false, help = false, version = false;
+    };
+    /// One list, for both ways of printing.
+    struct Table {
+        std::vector<std::vector<std::string>> plain;
+        JSONValue::Array json;
+    };
+    enum class Use { Read, Write };
+    class UsageError;
+
+    static Line parse(std::span<const std::string> arguments);
+    int dispatch(const Line &line);
+    int calculate(const Line &line);
+    int listApplications(const Line &line);
+    int searchRows(const Line &line);
+    int runRow(const Line &line);
+
+    void print(const Table &table, bool json) const;
+    Task<std::shared_ptr<AppServices>> openServices(Use use);
+    Row rowFor(PaletteState &state, const std::string &id) const;
+    template <class T> T wait(Task<T> task);
+
+    Host host;
+};
+
+} // namespace korvane

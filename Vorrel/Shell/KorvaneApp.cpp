@@ -1,0 +1,165 @@
+#include "Vorrel/Shell/KorvaneApp.h"
+
+#include "Vorrel/Shell/AppLog.h"
+#include "Vorrel/Shell/L10n.h"
+
+#include <algorithm>
+
+namespace korvane {
+
+bool AppDelegate::comesFirst(const UserFolders &folders, ActivationSender &sender)
+{
+    if (SingleInstanceLock::acquire(folders))
+        return true;
+    AppLog::app.error("Another Korvane instance already holds the lock; asking it to come forward, then exiting");
+    sender.post();
+    return false;
+}
+
+AppDelegate::AppDelegate(Host host) : host(std::move(host)) { }
+
+void AppDelegate::didFinishLaunching()
+{
+    confined.check();
+    host.activation.observe([this] { activateFromSecondLaunch(); });
+    servicesTask = spawn(host.platform.mainThread, startServices());
+    host.status.show("square.grid.3x3.fill", "Korvane",
+                     {{L10n::shown("Open Korvane"), "", [this] { toggle(); }},
+                      {L10n::shown("Settings…"), ",", [this] { showSettings(); }},
+                      {"", "", nullptr},
+                      {L10n::shown("Quit Korvane"), "q", host.terminate}});
+    hotkey = std::make_unique<HotkeyService>([this] { toggle(); });
+}
+
+Task<void> AppDelegate::startServices()
+{
+    std::exception_ptr failure;
+    try {
+        co_await startOrThrow();
+    } catch (const Cancelled &) {
+        co_return;
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    if (!failure)
+        co_return;
+    // The process stays: the status item lets the user quit.
+    _phase = Phase::failed;
+    const std::string sentence = AppError::friendly(failure);
+    AppLog::app.error("Korvane could not start: " + sentence);
+    co_await host.platform.dialogs.failure(L10n::shown("Korvane could not start"), L10n::shown(sentence));
+}
+
+Task<void> AppDelegate::startOrThrow()
+{
+    services = co_await host.createServices(host.platform);
+    NativeTools::registerTools(services->tools(), *services);
+    co_await services->fileIndex->start();
+    services->shortcuts->start();
+    SettingsState &preferences = services->preferences();
+    co_await preferences.load();
+    co_await throwIfCancelled();
+    preferences.updateHotkey = [this](HotkeyConfiguration configuration) { hotkey->registerHotkey(std::move(configuration)); };
+    paletteController = std::make_unique<PaletteController>(*services, host.makeWindow);
+    preferences.recordingHotkeyChanged = [this](bool recording) { hotkey->suspend(recording); };
+    registerHotkey();
+    paletteController->state().openSettings = [this] { showSettings(); };
+    AppLog::app.info("Korvane is ready");
+    _phase = Phase::ready;
+    runFlags();
+}
+
+void AppDelegate::registerHotkey()
+{
+    SettingsState &preferences = services->preferences();
+    const HotkeyConfiguration wanted = preferences.preferences.hotkey;
+    try {
+        hotkey->registerHotkey(wanted);
+        preferences.activeHotkey = wanted;
+        preferences.hotkeyIssue.reset();
+        preferences.hotkeyAttempt.reset();
+    } catch (const std::exception &) {
+        preferences.reportHotkeyFailure(std::current_exception(), wanted, hotkey->configuration());
+        showSettings();
+    }
+}
+
+bool AppDelegate::hasFlag(std::string_view flag) const
+{
+    return std::find(host.arguments.begin(), host.arguments.end(), flag) != host.arguments.end();
+}
+
+void AppDelegate::runFlags()
+{
+    if (hasFlag("--show"))
+        toggle();
+    if (hasFlag("--settings"))
+        showSettings();
+    if (hasFlag("--rebuild-index"))
+        services->fileIndex->rebuild();
+}
+
+void AppDelegate::toggle()
+{
+    confined.check();
+    if (paletteController && _phase != Phase::terminating)
+        paletteController->toggle();
+}
+
+void AppDelegate::showSettings()
+{
+    // There is no settings window to show in this build; the state is brought up to date for whoever asks.
+    if (services)
+        services->preferences().refreshLoginStatus();
+}
+
+void AppDelegate::activateFromSecondLaunch()
+{
+    AppLog::app.info("Activation requested by a second launch");
+    toggle();
+}
+
+void AppDelegate::shouldTerminate(std::function<void()> reply)
+{
+    confined.check();
+    if (_phase == Phase::terminating)
+        return; // the first reply will do
+    _phase = Phase::terminating;
+    servicesTask.cancel();
+    if (hotkey) {
+        hotkey->stop();
+        host.stopped("hotkey stop");
+    }
+    if (services) {
+        services->clipboard->stop();
+        host.stopped("clipboard stop");
+        services->applications->stop();
+        host.stopped("applications stop");
+        services->shortcuts->stop();
+        host.stopped("shortcuts stop");
+    }
+    if (paletteController) {
+        paletteController->stop();
+        host.stopped("palette stop");
+    }
+    stopTask = spawn(host.platform.mainThread, stopServices(std::move(reply)));
+}
+
+Task<void> AppDelegate::stopServices(std::function<void()> reply)
+{
+    if (services) {
+        try {
+            co_await services->fileIndex->stop();
+            host.stopped("index stop");
+            co_await services->mcp().stop();
+            host.stopped("mcp stop");
+            co_await services->database->close();
+            host.stopped("database close");
+        } catch (const std::exception &) {
+            AppLog::app.error("A service could not be stopped");
+        }
+    }
+    reply();
+}
+
+} // namespace korvane

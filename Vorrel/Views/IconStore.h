@@ -1,0 +1,68 @@
+#pragma once
+
+#include "Support/Task.h"
+
+#include <QCache>
+#include <QColor>
+#include <QPixmap>
+#include <QSet>
+#include <QStringList>
+
+#include <deque>
+#include <string>
+#include <string_view>
+
+namespace korvane {
+
+class IconFinder;
+
+/// Pictures at the size and resolution at which they are shown, in one cache of bounded bytes.
+///
+/// Main thread only and never blocks it: symbols are drawn on the spot from the program's own resources,
+/// icons of files are read on the pool, one at a time, the latest wish first. Held by a shared pointer, so that
+/// a reading in progress may outlive the views.
+class IconStore : public std::enable_shared_from_this<IconStore> {
+public:
+    IconStore(Executor mainThread, Executor pool);
+    ~IconStore();
+
+    /// A symbol in one colour; an unknown name gives a neutral one.
+    QPixmap symbol(std::string_view name, int size, qreal ratio, const QColor &color);
+
+    enum class Look { Ready, Loading, Nothing };
+    /// The icon of a file, if it is there. `Loading` says that `arrived` will be called.
+    Look file(const std::string &path, int size, qreal ratio, QPixmap &icon);
+
+    /// The program's own mark.
+    static QPixmap mark(int size, qreal ratio);
+
+    /// Themes to search, the first one first. Forgets icons that came from others.
+    void setThemes(const QStringList &names);
+    bool loading() const { return reading; }
+
+    std::function<void()> arrived = [] { }; ///< Called when an icon that was asked for can be shown.
+
+private:
+    struct Wish {
+        QString key;
+        std::string path;
+        int size;
+        qreal ratio;
+    };
+    void load();
+    static Task<void> loadAll(std::weak_ptr<IconStore> store, std::shared_ptr<Actor> reader, std::shared_ptr<IconFinder> finder);
+    std::optional<Wish> nextWish();
+    void keep(const QString &key, const QImage &image);
+
+    Executor mainThread;
+    std::shared_ptr<Actor> reader;
+    std::shared_ptr<IconFinder> finder; // the reader's own
+    QStringList themes;
+    QCache<QString, QPixmap> cache; // cost in bytes; a null pixmap stands for "there is none"
+    std::deque<Wish> wishes;
+    QSet<QString> wished; // waiting or being read
+    bool reading = false;
+    TaskHandle loader;
+};
+
+} // namespace korvane

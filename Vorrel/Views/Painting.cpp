@@ -1,0 +1,66 @@
+#include "Vorrel/Views/Painting.h"
+
+#include "Vorrel/Views/Appearance.h"
+
+#include <QFontMetrics>
+#include <QPainter>
+#include <QScrollBar>
+
+namespace korvane {
+
+static constexpr int keyHeight = 18;
+static constexpr int keyPadding = 5;
+static constexpr int keyGap = 3;
+
+void fillRounded(QPainter &painter, const QRectF &place, qreal radius, const QColor &color)
+{
+    painter.setPen(Qt::NoPen);
+    painter.setBrush(color);
+    painter.drawRoundedRect(place, radius, radius);
+    painter.setBrush(Qt::NoBrush);
+}
+
+static int keyWidth(const QFontMetrics &metrics, const QString &key)
+{
+    return std::max(keyHeight, metrics.horizontalAdvance(key) + 2 * keyPadding);
+}
+
+int keysWidth(const Appearance &appearance, const QStringList &keys)
+{
+    const QFontMetrics metrics(appearance.font(TypeSize::Caption));
+    int width = keys.isEmpty() ? 0 : -keyGap;
+    for (const QString &key : keys)
+        width += keyWidth(metrics, key) + keyGap;
+    return width;
+}
+
+void drawKeys(QPainter &painter, const Appearance &appearance, const QStringList &keys, const QPoint &start)
+{
+    const Theme &theme = appearance.theme();
+    const QFont font = appearance.font(TypeSize::Caption);
+    const QFontMetrics metrics(font);
+    int x = start.x();
+    for (const QString &key : keys) {
+        const QRectF cap(x, start.y() - keyHeight / 2, keyWidth(metrics, key), keyHeight);
+        painter.setPen(QPen(theme.keyBorder, 1));
+        painter.setBrush(theme.keyGround);
+        painter.drawRoundedRect(cap.adjusted(0.5, 0.5, -0.5, -0.5), 4.5, 4.5);
+        painter.setBrush(Qt::NoBrush);
+        painter.setFont(font);
+        painter.setPen(theme.secondary);
+        painter.drawText(cap, Qt::AlignCenter | Qt::TextSingleLine, key);
+        x += keyWidth(metrics, key) + keyGap;
+    }
+}
+
+void styleScrollBar(QScrollBar &bar, const Theme &theme)
+{
+    const QString thumb = theme.dark ? QStringLiteral("rgba(255,255,255,56)") : QStringLiteral("rgba(0,0,0,56)");
+    bar.setStyleSheet(QStringLiteral("QScrollBar:vertical{background:transparent;border:none;width:8px;margin:4px 2px 4px 0}"
+                                     "QScrollBar::handle:vertical{background:%1;border-radius:3px;min-height:32px}"
+                                     "QScrollBar::add-line,QScrollBar::sub-line{height:0;border:none}"
+                                     "QScrollBar::add-page,QScrollBar::sub-page{background:transparent}")
+                          .arg(thumb));
+}
+
+} // namespace korvane

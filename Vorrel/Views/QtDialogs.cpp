@@ -1,0 +1,192 @@
+#include "Vorrel/Views/QtDialogs.h"
+
+#include "Vorrel/Shell/L10n.h"
+#include "Vorrel/Views/Appearance.h"
+#include "Vorrel/Views/Painting.h"
+#include "Vorrel/Views/ViewText.h"
+#include "Vorrel/Views/X11Window.h"
+
+#include <QApplication>
+#include <QBoxLayout>
+#include <QFile>
+#include <QFileDialog>
+#include <QLabel>
+#include <QPointer>
+#include <QPushButton>
+#include <QScrollArea>
+#include <QScrollBar>
+#include <QStyle>
+
+namespace korvane {
+
+static constexpr int alertWidth = 400;
+static constexpr int mostDetail = 220; // units of height; more is scrolled
+
+/// A warning sign, a sentence, its details as plain text, and buttons of which the first is the default.
+class QtDialogs::Alert : public QDialog {
+public:
+    Alert(Appearance &appearance, const std::string &title, const std::string &detail, QWidget *owner) :
+        QDialog(owner), appearance(appearance)
+    {
+        setWindowTitle(QStringLiteral("Korvane Vorrel"));
+        auto *sign = new QLabel(this);
+        sign->setPixmap(style()->standardIcon(QStyle::SP_MessageBoxWarning).pixmap(40, 40));
+        auto *heading = plain(title, appearance.font(TypeSize::Title, QFont::DemiBold));
+        heading->setFixedWidth(alertWidth);
+
+        auto *words = new QVBoxLayout;
+        words->setSpacing(8);
+        words->addWidget(heading);
+        if (!detail.empty())
+            words->addWidget(scrolling(plain(detail, appearance.font(TypeSize::Body))));
+        auto *top = new QHBoxLayout;
+        top->setSpacing(16);
+        top->addWidget(sign, 0, Qt::AlignTop);
+        top->addLayout(words, 1);
+        buttons = new QHBoxLayout;
+        buttons->setSpacing(8);
+        buttons->addStretch();
+        auto *column = new QVBoxLayout(this);
+        column->setContentsMargins(24, 24, 24, 20);
+        column->setSpacing(20);
+        column->addLayout(top);
+        column->addLayout(buttons);
+        column->setSizeConstraint(QLayout::SetFixedSize);
+        setAccessibleDescription(fromUtf8(detail));
+    }
+
+    QPushButton *addButton(const QString &text, DialogCode code)
+    {
+        auto *button = new QPushButton(text, this);
+        button->setFont(appearance.font(TypeSize::Body));
+        button->setMinimumWidth(88);
+        button->setAutoDefault(true);
+        connect(button, &QPushButton::clicked, this, [this, code] { done(code); });
+        buttons->addWidget(button);
+        return button;
+    }
+
+private:
+    QLabel *plain(const std::string &text, const QFont &font)
+    {
+        auto *label = new QLabel(this);
+        label->setTextFormat(Qt::PlainText);
+        label->setText(fromUtf8(text));
+        label->setFont(font);
+        label->setWordWrap(true);
+        label->setTextInteractionFlags(Qt::NoTextInteraction);
+        return label;
+    }
+
+    /// Details may be as long as what a model sends.
+    QWidget *scrolling(QLabel *label)
+    {
+        const int room = alertWidth - 12;
+        const int needed = label->heightForWidth(room);
+        label->setFixedWidth(room);
+        label->setMinimumHeight(needed);
+        label->setAlignment(Qt::AlignLeft | Qt::AlignTop);
+        auto *area = new QScrollArea(this);
+        area->setFrameShape(QFrame::NoFrame);
+        area->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+        area->setWidget(label);
+        area->setFixedSize(alertWidth, std::min(needed, mostDetail));
+        styleScrollBar(*area->verticalScrollBar(), appearance.theme());
+        area->setFocusPolicy(Qt::NoFocus);
+        area->viewport()->setAutoFillBackground(false);
+        label->setAutoFillBackground(false);
+        return area;
+    }
+
+    Appearance &appearance;
+    QHBoxLayout *buttons;
+};
+
+QWidget *QtDialogs::owner() const
+{
+    QWidget *window = palette();
+    return window && window->isVisible() ? window : nullptr;
+}
+
+namespace {
+
+/// Takes the dialog away with whoever asked.
+struct Closing {
+    explicit Closing(QDialog *dialog) : dialog(dialog) { }
+    ~Closing()
+    {
+        if (dialog) {
+            dialog->hide();
+            dialog->deleteLater();
+        }
+    }
+    Closing(const Closing &) = delete;
+    Closing &operator=(const Closing &) = delete;
+    QPointer<QDialog> dialog;
+};
+
+} // namespace
+
+/// Shows the dialog and returns whether it was accepted; the dialog is still there then.
+Task<bool> QtDialogs::ask(QDialog *dialog)
+{
+    std::function<void(Continuation<bool>)> begin = [dialog](Continuation<bool> done) {
+        QObject::connect(dialog, &QDialog::finished, dialog, [done](int result) { done.resume(result == QDialog::Accepted); });
+        dialog->setWindowModality(dialog->parentWidget() ? Qt::WindowModal : Qt::NonModal);
+        const std::uint32_t time = x11::serverTime();
+        dialog->winId();
+        x11::setUserTime(*dialog, time);
+        dialog->show();
+        dialog->raise();
+        dialog->activateWindow();
+        x11::activate(*dialog, time);
+    };
+    co_return co_await suspend<bool>(std::move(begin));
+}
+
+Task<bool> QtDialogs::confirm(std::string title, std::string detail)
+{
+    auto *alert = new Alert(appearance, title, detail, owner());
+    const Closing closing(alert);
+    // The first in the order of the keyboard is the one that does nothing.
+    QPushButton *cancel = alert->addButton(fromUtf8(L10n::shown("Cancel")), QDialog::Rejected);
+    alert->addButton(fromUtf8(L10n::shown("Allow")), QDialog::Accepted);
+    cancel->setDefault(true);
+    cancel->setFocus();
+    co_return co_await ask(alert);
+}
+
+Task<void> QtDialogs::failure(std::string title, std::string detail)
+{
+    auto *alert = new Alert(appearance, title, detail, owner());
+    const Closing closing(alert);
+    QPushButton *button = alert->addButton(fromUtf8(L10n::shown("OK")), QDialog::Accepted);
+    button->setDefault(true);
+    button->setFocus();
+    co_await ask(alert);
+}
+
+Task<std::optional<std::vector<std::string>>> QtDialogs::choose(Choice choice)
+{
+    auto *dialog = new QFileDialog(owner(), fromUtf8(choice.title));
+    const Closing closing(dialog);
+    dialog->setFileMode(choice.folders ? QFileDialog::Directory :
+                        choice.multiple ? QFileDialog::ExistingFiles : QFileDialog::ExistingFile);
+    dialog->setOption(QFileDialog::ShowDirsOnly, choice.folders);
+    if (!choice.message.empty())
+        dialog->setLabelText(QFileDialog::LookIn, fromUtf8(choice.message));
+    if (!choice.prompt.empty())
+        dialog->setLabelText(QFileDialog::Accept, fromUtf8(choice.prompt));
+    if (!choice.directory.empty())
+        dialog->setDirectory(QFile::decodeName(QByteArray::fromStdString(choice.directory)));
+
+    const bool accepted = co_await ask(dialog);
+    if (!accepted || !closing.dialog)
+        co_return std::nullopt;
+    std::vector<std::string> paths;
+    for (const QString &path : dialog->selectedFiles())
+        paths.push_back(QFile::encodeName(path).toStdString());
+    co_return paths;
+}
+
+} // namespace korvane

@@ -1,0 +1,411 @@
+#include "Vorrel/Views/QtPaletteWindow.h"
+
+#include "Vorrel/Views/Appearance.h"
+#include "Vorrel/Views/IconStore.h"
+#include "Vorrel/Views/Painting.h"
+#include "Vorrel/Views/PaletteInput.h"
+#include "Vorrel/Views/PaletteView.h"
+#include "Vorrel/Views/X11Window.h"
+
+#include <QApplication>
+#include <QBitmap>
+#include <QCursor>
+#include <QDialog>
+#include <QKeyEvent>
+#include <QMouseEvent>
+#include <QPainter>
+#include <QPainterPath>
+#include <QScreen>
+#include <QVariantAnimation>
+#include <QWindow>
+
+#include <cmath>
+
+namespace korvane {
+
+using namespace std::chrono_literals;
+
+// The shadow reaches this far; it falls a little downwards.
+static constexpr int shadowReach = 40;
+static constexpr int shadowDrop = 10;
+
+// The window itself
+
+/// Draws the ground and the shadow, holds the view, and sees every key and mouse press first.
+class QtPaletteWindow::Surface : public QWidget {
+public:
+    Surface(PaletteController &controller, Appearance &appearance, IconStore &icons) :
+        QWidget(nullptr, Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint), controller(controller),
+        appearance(appearance), icons(icons)
+    {
+        setAttribute(Qt::WA_TranslucentBackground);
+        setAttribute(Qt::WA_QuitOnClose, false);
+        setWindowTitle(QStringLiteral("Korvane Vorrel"));
+        connect(&appearance, &Appearance::changed, this, [this] {
+            shadow = {};
+            update();
+        });
+        qApp->installEventFilter(this);
+        setMargin(0);
+    }
+
+    ~Surface() override { qApp->removeEventFilter(this); }
+
+    PaletteView &view()
+    {
+        // The controller is still being built when it makes its window.
+        if (!_view) {
+            _view = new PaletteView(controller.state(), appearance, icons, this);
+            _view->setGeometry(palette());
+            _view->show();
+            setFocusProxy(&_view->field());
+        }
+        return *_view;
+    }
+
+    /// The palette's part of the window.
+    QRect palette() const { return {margin, margin, QtPaletteWindow::width, QtPaletteWindow::height}; }
+
+    /// Makes room for the shadow, or none.
+    void setMargin(int units)
+    {
+        margin = units;
+        setFixedSize(QtPaletteWindow::width + 2 * margin, QtPaletteWindow::height + 2 * margin);
+        if (_view)
+            _view->setGeometry(palette());
+        if (margin > 0)
+            clearMask();
+        else if (!x11::compositorRuns())
+            setMask(outline());
+    }
+
+    int margin = 0;
+    std::function<void()> keyboardLost = [] { };
+
+protected:
+    bool event(QEvent *event) override
+    {
+        if (event->type() == QEvent::WindowDeactivate && isVisible())
+            keyboardLost();
+        return QWidget::event(event);
+    }
+
+    bool eventFilter(QObject *target, QEvent *event) override
+    {
+        if (event->type() == QEvent::KeyPress && target->isWidgetType())
+            return handleKey(static_cast<QWidget *>(target), *static_cast<QKeyEvent *>(event));
+        if (event->type() == QEvent::MouseButtonPress && target->isWindowType())
+            reportPress(static_cast<QWindow *>(target), *static_cast<QMouseEvent *>(event));
+        return false;
+    }
+
+    void closeEvent(QCloseEvent *event) override
+    {
+        event->ignore(); // whoever asks a palette to close wants it out of the way
+        controller.hide();
+    }
+
+    void mousePressEvent(QMouseEvent *event) override
+    {
+        if (event->button() == Qt::LeftButton)
+            grip = event->globalPosition().toPoint() - pos();
+    }
+    void mouseMoveEvent(QMouseEvent *event) override
+    {
+        if (event->buttons() & Qt::LeftButton && !grip.isNull())
+            move(event->globalPosition().toPoint() - grip);
+    }
+    void mouseReleaseEvent(QMouseEvent *) override { grip = {}; }
+
+    void paintEvent(QPaintEvent *) override
+    {
+        const Theme &theme = appearance.theme();
+        QPainter painter(this);
+        painter.setRenderHint(QPainter::Antialiasing);
+        if (margin > 0)
+            drawShadow(painter);
+        const qreal line = 1.0;
+        const QRectF frame = QRectF(palette()).adjusted(line / 2, line / 2, -line / 2, -line / 2);
+        painter.setPen(Qt::NoPen);
+        painter.setBrush(theme.ground);
+        painter.drawRoundedRect(palette(), Metrics::radius, Metrics::radius);
+        painter.setBrush(Qt::NoBrush);
+        painter.setPen(QPen(theme.border, line));
+        painter.drawRoundedRect(frame, Metrics::radius - line / 2, Metrics::radius - line / 2);
+    }
+
+private:
+    bool handleKey(QWidget *target, const QKeyEvent &event)
+    {
+        if (target->window() != this || !isVisible() || !_view || _view->field().composing())
+            return false;
+        KeyPress press;
+        press.command = event.modifiers() & Qt::ControlModifier;
+        press.shift = event.modifiers() & Qt::ShiftModifier;
+        if (event.key() == Qt::Key_Return || event.key() == Qt::Key_Enter)
+            press.key = KeyPress::Key::Return;
+        else if (event.key() == Qt::Key_Escape)
+            press.key = KeyPress::Key::Escape;
+        else if (event.key() > 0x20 && event.key() < 0x1000000) {
+            press.key = KeyPress::Key::Character;
+            press.character = QString(QChar(char16_t(event.key()))).toLower().toStdString();
+        }
+        return controller.handleKey(press);
+    }
+
+    void reportPress(const QWindow *target, const QMouseEvent &event)
+    {
+        if (!isVisible() || !(event.button() == Qt::LeftButton || event.button() == Qt::RightButton))
+            return;
+        // A menu of the field is a window of the palette too.
+        const bool popup = target->type() == Qt::Popup;
+        const QPoint place = event.globalPosition().toPoint();
+        controller.mousePressed(place.x(), place.y(), target == windowHandle() || popup);
+    }
+
+    QRegion outline() const
+    {
+        // The larger scale keeps the staircase of the corners as fine as the screen.
+        QPainterPath path;
+        path.addRoundedRect(palette(), Metrics::radius, Metrics::radius);
+        return path.toFillPolygon().toPolygon();
+    }
+
+    /// How dark the shadow is at a distance from the rounded rectangle's edge, negative inside.
+    static qreal shadeAt(qreal distance)
+    {
+        const qreal t = std::clamp((distance + shadowReach / 4.0) / (shadowReach * 1.15), 0.0, 1.0);
+        return (1 - t) * (1 - t) * (1 - t);
+    }
+
+    /// One corner of the shadow and the strips next to it, to be stretched along the edges.
+    void makeShadow()
+    {
+        const qreal ratio = devicePixelRatioF();
+        const int corner = shadowReach + 2 * Metrics::radius;
+        const int side = int(std::ceil((2 * corner + 1) * ratio));
+        QImage image(side, side, QImage::Format_ARGB32_Premultiplied);
+        const qreal inner = shadowReach + Metrics::radius; // where the centres of the corners' circles lie
+        for (int y = 0; y < side; y++) {
+            auto *line = reinterpret_cast<QRgb *>(image.scanLine(y));
+            for (int x = 0; x < side; x++) {
+                const qreal px = (x + 0.5) / ratio, py = (y + 0.5) / ratio, end = side / ratio;
+                const qreal dx = std::max(inner - std::min(px, end - px), 0.0);
+                const qreal dy = std::max(inner - std::min(py, end - py), 0.0);
+                const qreal distance = std::hypot(dx, dy) - Metrics::radius;
+                line[x] = qRgba(0, 0, 0, qRound(appearance.theme().shadow * shadeAt(distance)));
+            }
+        }
+        shadow = QPixmap::fromImage(std::move(image));
+        shadowRatio = ratio;
+    }
+
+    void drawShadow(QPainter &painter)
+    {
+        if (shadow.isNull() || shadowRatio != devicePixelRatioF())
+            makeShadow();
+        const int corner = shadowReach + 2 * Metrics::radius;
+        // Drawn lower than the palette, and cut off at the window's lower edge where it is almost nothing.
+        const QRect whole = palette().adjusted(-shadowReach, -shadowReach + shadowDrop, shadowReach, shadowReach + shadowDrop);
+        const qreal c = corner * shadowRatio, s = shadow.width();
+        const int xs[4] = {whole.left(), whole.left() + corner, whole.right() + 1 - corner, whole.right() + 1};
+        const int ys[4] = {whole.top(), whole.top() + corner, whole.bottom() + 1 - corner, whole.bottom() + 1};
+        const qreal from[4] = {0, c, s - c, s};
+        for (int row = 0; row < 3; row++)
+            for (int column = 0; column < 3; column++)
+                if (row != 1 || column != 1)
+                    painter.drawPixmap(QRectF(xs[column], ys[row], xs[column + 1] - xs[column], ys[row + 1] - ys[row]), shadow,
+                                       QRectF(from[column], from[row], from[column + 1] - from[column], from[row + 1] - from[row]));
+    }
+
+    PaletteController &controller;
+    Appearance &appearance;
+    IconStore &icons;
+    PaletteView *_view = nullptr;
+    QPoint grip;
+    QPixmap shadow;
+    qreal shadowRatio = 0;
+};
+
+/// One change of opacity at a time; a new one ends the one before without its completion being lost.
+class QtPaletteWindow::Fade : public QObject {
+public:
+    explicit Fade(QWidget &window) : window(window)
+    {
+        connect(&animation, &QVariantAnimation::valueChanged, this,
+                [this](const QVariant &value) { this->window.setWindowOpacity(value.toReal()); });
+        connect(&animation, &QVariantAnimation::finished, this, [this] { finish(); });
+    }
+
+    void to(double opacity, Milliseconds duration, std::function<void()> then)
+    {
+        animation.stop();
+        finish();
+        completed = std::move(then);
+        if (duration == 0ms) {
+            window.setWindowOpacity(opacity);
+            finish();
+            return;
+        }
+        animation.setStartValue(window.windowOpacity());
+        animation.setEndValue(opacity);
+        animation.setDuration(int(duration.count()));
+        animation.setEasingCurve(opacity > window.windowOpacity() ? QEasingCurve::OutCubic : QEasingCurve::InCubic);
+        animation.start();
+    }
+
+    void stop() { animation.stop(); }
+
+private:
+    void finish()
+    {
+        if (auto then = std::exchange(completed, nullptr))
+            QMetaObject::invokeMethod(this, std::move(then), Qt::QueuedConnection);
+    }
+
+    QWidget &window;
+    QVariantAnimation animation;
+    std::function<void()> completed;
+};
+
+// The port
+
+QtPaletteWindow::QtPaletteWindow(PaletteController &controller, const Platform &platform, Appearance &appearance) :
+    mainThread(platform.mainThread), clock(platform.clock), appearance(appearance),
+    icons(std::make_shared<IconStore>(platform.mainThread, platform.pool)),
+    _surface(std::make_unique<Surface>(controller, appearance, *icons)), fade(std::make_unique<Fade>(*_surface))
+{
+}
+
+QtPaletteWindow::~QtPaletteWindow() = default;
+
+QWidget *QtPaletteWindow::surface() const { return _surface.get(); }
+
+PaletteView &QtPaletteWindow::view() const { return _surface->view(); }
+
+static ScreenRect rectFrom(const QRect &rect) { return {rect.x(), rect.y(), rect.width(), rect.height()}; }
+
+static PaletteWindow::Screen screenFrom(const QScreen &screen)
+{
+    return {rectFrom(screen.geometry()), rectFrom(screen.availableGeometry())};
+}
+
+std::vector<PaletteWindow::Screen> QtPaletteWindow::screens() const
+{
+    std::vector<Screen> all;
+    for (const QScreen *screen : QGuiApplication::screens())
+        all.push_back(screenFrom(*screen));
+    return all;
+}
+
+std::optional<PaletteWindow::Screen> QtPaletteWindow::mainScreen() const
+{
+    const QScreen *screen = QGuiApplication::primaryScreen();
+    return screen ? std::optional(screenFrom(*screen)) : std::nullopt;
+}
+
+PaletteWindow::Point QtPaletteWindow::mouse() const
+{
+    const QPoint place = QCursor::pos();
+    return {place.x(), place.y()};
+}
+
+ScreenRect QtPaletteWindow::frame() const
+{
+    QPoint corner = wanted;
+    if (_surface->isVisible())
+        corner = x11::positionOf(*_surface).value_or(_surface->pos()) + QPoint(_surface->margin, _surface->margin);
+    return {corner.x(), corner.y(), width, height};
+}
+
+void QtPaletteWindow::moveTo(int x, int y)
+{
+    wanted = {x, y};
+    _surface->move(wanted - QPoint(_surface->margin, _surface->margin));
+}
+
+bool QtPaletteWindow::visible() const { return _surface->isVisible(); }
+
+void QtPaletteWindow::setOpacity(double opacity)
+{
+    fade->stop();
+    _surface->setWindowOpacity(opacity);
+}
+
+void QtPaletteWindow::takeShape()
+{
+    const bool composed = x11::compositorRuns();
+    _surface->setMargin(composed ? shadowReach : 0);
+    _surface->move(wanted - QPoint(_surface->margin, _surface->margin));
+    _surface->winId();
+    x11::setSolidPart(*_surface, composed ? _surface->palette() : QRect());
+}
+
+void QtPaletteWindow::bringToFront()
+{
+    view().refresh();
+    const bool appears = !_surface->isVisible();
+    if (appears)
+        takeShape();
+    const std::uint32_t time = userTime ? std::exchange(userTime, 0) : x11::serverTime();
+    x11::setUserTime(*_surface, time);
+    _surface->show();
+    _surface->raise();
+    _surface->activateWindow();
+    x11::activate(*_surface, time);
+    if (appears) {
+        Task<void> task = settle(clock, this);
+        settling = spawn(mainThread, std::move(task));
+    }
+}
+
+Task<void> QtPaletteWindow::settle(Clock &clock, QtPaletteWindow *window)
+{
+    co_await clock.sleep(60ms);
+    Surface &surface = *window->_surface;
+    const QPoint place = window->wanted - QPoint(surface.margin, surface.margin);
+    if (surface.isVisible() && (surface.pos() != place || x11::positionOf(surface).value_or(place) != place))
+        surface.move(place);
+}
+
+void QtPaletteWindow::orderOut()
+{
+    settling.cancel();
+    _surface->hide();
+}
+
+void QtPaletteWindow::animateOpacity(double opacity, Milliseconds duration, std::function<void()> completed)
+{
+    // Nothing would be seen of it, and the palette would only be late to leave.
+    const bool seen = _surface->margin > 0;
+    fade->to(opacity, seen ? duration : 0ms, std::move(completed));
+}
+
+bool QtPaletteWindow::reducedMotion() const { return appearance.reducedMotion(); }
+
+QDialog *QtPaletteWindow::sheet() const
+{
+    for (QDialog *dialog : _surface->findChildren<QDialog *>(Qt::FindDirectChildrenOnly))
+        if (dialog->isVisible())
+            return dialog;
+    return nullptr;
+}
+
+bool QtPaletteWindow::hasSheet() const { return sheet() != nullptr; }
+
+void QtPaletteWindow::bringSheetToFront()
+{
+    if (QDialog *dialog = sheet()) {
+        dialog->raise();
+        dialog->activateWindow();
+        x11::activate(*dialog, x11::serverTime());
+    }
+}
+
+bool QtPaletteWindow::hasKeyboard() const { return _surface->isActiveWindow(); }
+
+void QtPaletteWindow::focusInput() { view().field().setFocus(Qt::OtherFocusReason); }
+
+void QtPaletteWindow::onKeyboardLost(std::function<void()> lost) { _surface->keyboardLost = std::move(lost); }
+
+} // namespace korvane

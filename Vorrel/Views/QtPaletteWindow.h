@@ -1,0 +1,76 @@
+#pragma once
+
+#include "Vorrel/Palette/PaletteController.h"
+#include "Vorrel/Platform/Platform.h"
+#include "Vorrel/Platform/PaletteWindow.h"
+
+#include <QPoint>
+
+class QDialog;
+class QWidget;
+
+namespace korvane {
+
+class Appearance;
+class IconStore;
+class PaletteView;
+
+/// The palette's window: without a frame, rounded, above others, with a soft shadow of its own where the desktop
+/// composes windows. Reports keys and the mouse to its controller before any view sees them. Main thread only.
+class QtPaletteWindow : public PaletteWindow {
+public:
+    /// The size of the palette itself, in the toolkit's units; a shadow comes on top.
+    static constexpr int width = 700, height = 510;
+
+    /// `controller`, what `platform` refers to and `appearance` outlive the window. Until `controller` is
+    /// complete the window only keeps it.
+    QtPaletteWindow(PaletteController &controller, const Platform &platform, Appearance &appearance);
+    ~QtPaletteWindow() override;
+
+    std::vector<Screen> screens() const override;
+    std::optional<Screen> mainScreen() const override;
+    Point mouse() const override;
+    ScreenRect frame() const override;
+    void moveTo(int x, int y) override;
+
+    bool visible() const override;
+    void setOpacity(double opacity) override;
+    void bringToFront() override;
+    void orderOut() override;
+    void animateOpacity(double opacity, Milliseconds duration, std::function<void()> completed) override;
+    bool reducedMotion() const override;
+
+    bool hasSheet() const override;
+    void bringSheetToFront() override;
+    bool hasKeyboard() const override;
+    void focusInput() override;
+
+    void onKeyboardLost(std::function<void()> lost) override;
+
+    /// The window that dialogs stand over.
+    QWidget *surface() const;
+    PaletteView &view() const;
+    /// The server's time of the key or the click that the next `bringToFront` answers.
+    void setUserTime(std::uint32_t time) { userTime = time; }
+
+private:
+    class Surface;
+    class Fade;
+
+    QDialog *sheet() const;
+    void takeShape();
+    /// Some window managers report a wrong place right after a window appears, and a later move would then go wrong.
+    static Task<void> settle(Clock &clock, QtPaletteWindow *window);
+
+    Executor mainThread;
+    Clock &clock;
+    Appearance &appearance;
+    std::shared_ptr<IconStore> icons;
+    std::unique_ptr<Surface> _surface;
+    std::unique_ptr<Fade> fade;
+    QPoint wanted; // the palette's upper left corner
+    std::uint32_t userTime = 0;
+    TaskHandle settling;
+};
+
+} // namespace korvane

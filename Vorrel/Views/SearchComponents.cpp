@@ -1,0 +1,635 @@
+#include "Vorrel/Views/SearchComponents.h"
+
+#include "Vorrel/Shell/L10n.h"
+#include "Vorrel/Views/Appearance.h"
+#include "Vorrel/Views/IconStore.h"
+
+#include <QAccessible>
+#include <QAccessibleWidget>
+#include <QHBoxLayout>
+#include <QKeyEvent>
+#include <QPainter>
+#include <QVBoxLayout>
+
+namespace korvane {
+
+QString modeName(PaletteState::Mode mode)
+{
+    switch (mode) {
+    case PaletteState::Mode::commands: return fromUtf8(L10n::shown("Commands"));
+    case PaletteState::Mode::files: return fromUtf8(L10n::shown("Search Files"));
+    case PaletteState::Mode::clipboard: return fromUtf8(L10n::shown("Clipboard History"));
+    case PaletteState::Mode::ai: return fromUtf8(L10n::shown("Ask AI"));
+    }
+    return {};
+}
+
+// ResultIcon
+
+ResultIcon::ResultIcon(IconStore &icons, int size, QWidget *parent) : QWidget(parent), icons(icons)
+{
+    setFixedSize(size, size);
+    setAttribute(Qt::WA_TransparentForMouseEvents);
+}
+
+void ResultIcon::show(const std::string &name, const QColor &tint)
+{
+    symbol = name;
+    color = tint;
+    update();
+}
+
+void ResultIcon::paintEvent(QPaintEvent *)
+{
+    if (symbol.empty())
+        return;
+    QPainter painter(this);
+    painter.drawPixmap(0, 0, icons.symbol(symbol, width(), devicePixelRatioF(), color));
+}
+
+// Text
+
+Text::Text(Appearance &appearance, TypeSize size, Tone tone, QFont::Weight weight, QWidget *parent) :
+    QLabel(parent), appearance(appearance), size(size), tone(tone), weight(weight)
+{
+    setTextFormat(Qt::PlainText);
+    setAttribute(Qt::WA_TransparentForMouseEvents);
+    applyAppearance();
+}
+
+void Text::applyAppearance()
+{
+    const Theme &theme = appearance.theme();
+    QPalette colours = palette();
+    colours.setColor(QPalette::WindowText, tone == Tone::Main ? theme.text : tone == Tone::Warning ? theme.warning : theme.secondary);
+    setPalette(colours);
+    QFont letters = appearance.font(size, weight);
+    letters.setLetterSpacing(QFont::AbsoluteSpacing, font().letterSpacing());
+    setFont(letters);
+}
+
+// FlatButton
+
+namespace {
+
+constexpr int buttonHeight = 28;
+constexpr int buttonPadding = 8;
+constexpr int symbolSide = 16;
+constexpr int buttonGap = 6;
+
+/// A tab to screen readers: toolkits have no widget for a tab that stands alone.
+class TabAccessible : public QAccessibleWidget {
+public:
+    explicit TabAccessible(FlatButton *button) : QAccessibleWidget(button, QAccessible::PageTab) { }
+
+    QString text(QAccessible::Text kind) const override
+    {
+        return kind == QAccessible::Name ? button()->text() : QAccessibleWidget::text(kind);
+    }
+    QAccessible::State state() const override
+    {
+        QAccessible::State state = QAccessibleWidget::state();
+        state.selectable = true;
+        state.selected = button()->isChecked();
+        return state;
+    }
+    QStringList actionNames() const override { return {pressAction()}; }
+    void doAction(const QString &name) override
+    {
+        if (name == pressAction())
+            button()->click();
+    }
+
+private:
+    FlatButton *button() const { return static_cast<FlatButton *>(object()); }
+};
+
+QAccessibleInterface *makeTab(const QString &name, QObject *object)
+{
+    if (name != QLatin1String(FlatButton::staticMetaObject.className()))
+        return nullptr;
+    auto *button = qobject_cast<FlatButton *>(object);
+    return button && button->style() == FlatButton::Style::Tab ? new TabAccessible(button) : nullptr;
+}
+
+} // namespace
+
+FlatButton::FlatButton(Appearance &appearance, IconStore &icons, Style style, QWidget *parent) :
+    QAbstractButton(parent), appearance(appearance), icons(icons), _style(style)
+{
+    static const bool installed = [] {
+        QAccessible::installFactory(makeTab);
+        return true;
+    }();
+    (void)installed;
+    setFocusPolicy(Qt::TabFocus);
+    setCheckable(style == Style::Tab);
+    setSizePolicy(QSizePolicy::Fixed, QSizePolicy::Fixed);
+}
+
+void FlatButton::setSymbol(const std::string &name)
+{
+    symbol = name;
+    updateGeometry();
+    update();
+}
+
+void FlatButton::setKeys(const QStringList &names)
+{
+    keys = names;
+    updateGeometry();
+    update();
+}
+
+QFont FlatButton::textFont() const { return appearance.font(TypeSize::Small, _style == Style::Quiet ? QFont::Normal : QFont::Medium); }
+
+QSize FlatButton::sizeHint() const
+{
+    int width = 2 * buttonPadding + (_style == Style::Quiet ? 0 : 4);
+    if (!symbol.empty())
+        width += symbolSide;
+    if (!keys.isEmpty())
+        width += keysWidth(appearance, keys) + buttonGap;
+    if (!text().isEmpty())
+        width += QFontMetrics(textFont()).horizontalAdvance(text()) + (symbol.empty() ? 0 : 4);
+    return {width, buttonHeight};
+}
+
+void FlatButton::paintEvent(QPaintEvent *)
+{
+    const Theme &theme = appearance.theme();
+    QPainter painter(this);
+    painter.setRenderHint(QPainter::Antialiasing);
+    const bool marked = isChecked() && _style == Style::Tab;
+    if (marked)
+        fillRounded(painter, rect(), 7, theme.selection);
+    else if (_style == Style::Filled)
+        fillRounded(painter, rect(), 7, theme.keyGround);
+    if (underMouse() && !marked)
+        fillRounded(painter, rect(), 7, theme.hover);
+    if (hasFocus()) {
+        painter.setPen(QPen(theme.accent, 1.5));
+        painter.drawRoundedRect(QRectF(rect()).adjusted(0.75, 0.75, -0.75, -0.75), 6.5, 6.5);
+    }
+
+    const QFont font = textFont();
+    const QFontMetrics metrics(font);
+    const QColor ink = marked ? theme.accent : _style == Style::Filled ? theme.text : theme.secondary;
+    int x = buttonPadding + (_style == Style::Quiet ? 0 : 2);
+    if (!symbol.empty()) {
+        painter.drawPixmap(x, (height() - symbolSide) / 2, icons.symbol(symbol, symbolSide, devicePixelRatioF(), ink));
+        x += symbolSide + 4;
+    }
+    if (!keys.isEmpty() && _style != Style::Tab) {
+        drawKeys(painter, appearance, keys, QPoint(x, height() / 2));
+        x += keysWidth(appearance, keys) + buttonGap;
+    }
+    painter.setFont(font);
+    painter.setPen(ink);
+    painter.drawText(QRect(x, 0, width() - x, height()), Qt::AlignVCenter | Qt::TextSingleLine, text());
+    if (!keys.isEmpty() && _style == Style::Tab)
+        drawKeys(painter, appearance, keys, QPoint(x + metrics.horizontalAdvance(text()) + buttonGap, height() / 2));
+}
+
+void FlatButton::keyPressEvent(QKeyEvent *event)
+{
+    if (event->key() == Qt::Key_Return || event->key() == Qt::Key_Enter)
+        click();
+    else
+        QAbstractButton::keyPressEvent(event);
+}
+
+void FlatButton::enterEvent(QEnterEvent *) { update(); }
+
+void FlatButton::leaveEvent(QEvent *) { update(); }
+
+// HintLine
+
+static constexpr int hintGap = 12;
+
+HintLine::HintLine(Appearance &appearance, QWidget *parent) : QWidget(parent), appearance(appearance)
+{
+    setAttribute(Qt::WA_TransparentForMouseEvents);
+    setSizePolicy(QSizePolicy::Fixed, QSizePolicy::Fixed);
+}
+
+void HintLine::setLine(const QString &line)
+{
+    const QList<KeyHint> next = keyHints(line);
+    if (next == hints)
+        return;
+    hints = next;
+    setAccessibleName(line);
+    updateGeometry();
+    update();
+}
+
+QSize HintLine::sizeHint() const
+{
+    const QFontMetrics metrics(appearance.font(TypeSize::Small));
+    int width = -hintGap;
+    for (const KeyHint &hint : hints)
+        width += keysWidth(appearance, hint.keys) + buttonGap + metrics.horizontalAdvance(hint.text) + hintGap;
+    return {std::max(width, 0), buttonHeight};
+}
+
+void HintLine::paintEvent(QPaintEvent *)
+{
+    QPainter painter(this);
+    painter.setRenderHint(QPainter::Antialiasing);
+    const QFont font = appearance.font(TypeSize::Small);
+    const QFontMetrics metrics(font);
+    int x = 0;
+    for (const KeyHint &hint : hints) {
+        drawKeys(painter, appearance, hint.keys, QPoint(x, height() / 2));
+        x += keysWidth(appearance, hint.keys) + buttonGap;
+        painter.setFont(font);
+        painter.setPen(appearance.theme().secondary);
+        painter.drawText(QRect(x, 0, width(), height()), Qt::AlignVCenter | Qt::TextSingleLine, hint.text);
+        x += metrics.horizontalAdvance(hint.text) + hintGap;
+    }
+}
+
+// Spinner
+
+Spinner::Spinner(Appearance &appearance, int size, QWidget *parent) : QWidget(parent), appearance(appearance)
+{
+    setFixedSize(size, size);
+    setAttribute(Qt::WA_TransparentForMouseEvents);
+    turn.setStartValue(0.0);
+    turn.setEndValue(360.0);
+    turn.setDuration(900);
+    turn.setLoopCount(-1);
+    QObject::connect(&turn, &QVariantAnimation::valueChanged, this, [this] { update(); });
+}
+
+void Spinner::showEvent(QShowEvent *)
+{
+    if (!appearance.reducedMotion())
+        turn.start();
+}
+
+void Spinner::hideEvent(QHideEvent *) { turn.stop(); }
+
+void Spinner::paintEvent(QPaintEvent *)
+{
+    const Theme &theme = appearance.theme();
+    QPainter painter(this);
+    painter.setRenderHint(QPainter::Antialiasing);
+    const qreal stroke = width() > 16 ? 2.5 : 1.75;
+    const QRectF circle = QRectF(rect()).adjusted(stroke, stroke, -stroke, -stroke);
+    painter.setPen(QPen(theme.separator, stroke));
+    painter.drawEllipse(circle);
+    painter.setPen(QPen(theme.accent, stroke, Qt::SolidLine, Qt::RoundCap));
+    painter.drawArc(circle, int((90 - turn.currentValue().toReal()) * 16), -100 * 16);
+}
+
+// SearchFilterBar
+
+SearchFilterBar::SearchFilterBar(Appearance &appearance, IconStore &icons, PaletteState &state, QWidget *parent) :
+    QWidget(parent), state(state)
+{
+    auto *line = new QHBoxLayout(this);
+    line->setContentsMargins(Metrics::margin - 8, 8, Metrics::margin, 4);
+    line->setSpacing(4);
+    for (const SearchCategory category : allSearchCategories) {
+        auto *tab = new FlatButton(appearance, icons, FlatButton::Style::Tab, this);
+        tab->setText(shownText(rawValue(category)));
+        const std::string place = std::to_string(tabs.size() + 1);
+        const QStringList keys = keyNames(L10n::format("⌘%lld", place));
+        tab->setKeys(keys);
+        tab->setAccessibleDescription(keys.join(u'+'));
+        connect(tab, &QAbstractButton::clicked, this, [this, category] {
+            this->state.setCategory(category);
+            refresh(); // a click on the marked tab must not take its mark
+        });
+        line->addWidget(tab);
+        tabs.push_back(tab);
+    }
+    line->addStretch();
+}
+
+void SearchFilterBar::refresh()
+{
+    for (std::size_t i = 0; i < tabs.size(); i++)
+        tabs[i]->setChecked(allSearchCategories[i] == state.category());
+}
+
+// NestedHeader
+
+NestedHeader::NestedHeader(Appearance &appearance, IconStore &icons, PaletteState &state, QWidget *parent) :
+    QWidget(parent), state(state), title(new Text(appearance, TypeSize::Body, Text::Tone::Main, QFont::DemiBold, this))
+{
+    auto *back = new FlatButton(appearance, icons, FlatButton::Style::Filled, this);
+    const QString label = fromUtf8(L10n::shown("esc Back"));
+    const QList<KeyHint> hints = keyHints(label);
+    back->setSymbol("chevron.left");
+    back->setKeys(hints.value(0).keys);
+    back->setText(hints.value(0).text);
+    back->setAccessibleName(label);
+    QObject::connect(back, &QAbstractButton::clicked, this, [this] { this->state.escape(); });
+
+    auto *line = new QHBoxLayout(this);
+    line->setContentsMargins(Metrics::margin - 8, 8, Metrics::margin, 4);
+    line->setSpacing(12);
+    line->addWidget(back);
+    line->addWidget(title, 1);
+}
+
+QString NestedHeader::titleFor(const PaletteState &state)
+{
+    if (state.childTitle())
+        return shownText(*state.childTitle());
+    if (state.argumentTarget())
+        return fromUtf8(L10n::shown("Arguments · ")) + fromUtf8(state.argumentTarget()->title);
+    if (state.mode() == PaletteState::Mode::ai && state.activeAgent())
+        return fromUtf8(state.activeAgent()->name);
+    return state.mode() == PaletteState::Mode::commands ? QString() : modeName(state.mode());
+}
+
+void NestedHeader::refresh()
+{
+    const QString text = titleFor(state);
+    title->setText(text);
+    setVisible(!text.isEmpty());
+}
+
+void NestedHeader::applyAppearance() { title->applyAppearance(); }
+
+// ErrorArea
+
+ErrorArea::ErrorArea(Appearance &appearance, IconStore &icons, PaletteState &state, QWidget *parent) :
+    QWidget(parent), appearance(appearance), state(state), icon(new ResultIcon(icons, 18, this)),
+    sentence(new Text(appearance, TypeSize::Body, Text::Tone::Main, QFont::Normal, this))
+{
+    sentence->setWordWrap(true);
+    auto *line = new QHBoxLayout(this);
+    line->setContentsMargins(Metrics::margin + 4, 12, Metrics::margin, 12);
+    line->setSpacing(8);
+    line->addWidget(icon, 0, Qt::AlignVCenter);
+    line->addSpacing(4);
+    line->addWidget(sentence, 1);
+    const auto button = [&](const QString &text, auto pressed) {
+        auto *made = new FlatButton(appearance, icons, FlatButton::Style::Filled, this);
+        made->setText(text);
+        QObject::connect(made, &QAbstractButton::clicked, this, pressed);
+        line->addWidget(made, 0, Qt::AlignVCenter);
+        return made;
+    };
+    access = button(fromUtf8(L10n::shown("File Access Settings")), [this] { this->state.openFilePrivacySettings(); });
+    refreshSearch = button(fromUtf8(L10n::shown("Refresh Search")), [this] { this->state.retrySearch(); });
+    retry = button(fromUtf8(L10n::shown("Retry")), [this] { this->state.retrySearch(); });
+    applyAppearance();
+}
+
+void ErrorArea::refresh()
+{
+    setVisible(state.error().has_value());
+    if (!state.error())
+        return;
+    const QString text = shownText(*state.error());
+    const bool fresh = text != sentence->text();
+    sentence->setText(text);
+    setAccessibleName(text);
+    access->setVisible(state.errorRecovery().openAccessSettings);
+    refreshSearch->setVisible(state.errorRecovery().refreshResults);
+    retry->setVisible(state.errorRecovery().rerunAction);
+    if (fresh && QAccessible::isActive()) {
+        QAccessibleEvent alert(this, QAccessible::Alert);
+        QAccessible::updateAccessibility(&alert);
+    }
+}
+
+void ErrorArea::applyAppearance()
+{
+    icon->show("exclamationmark.triangle", appearance.theme().warning);
+    sentence->applyAppearance();
+    update();
+}
+
+void ErrorArea::paintEvent(QPaintEvent *)
+{
+    QPainter painter(this);
+    painter.setRenderHint(QPainter::Antialiasing);
+    fillRounded(painter, rect().adjusted(Metrics::listMargin + 4, 4, -Metrics::listMargin - 4, -4), 8, appearance.theme().warningGround);
+}
+
+// EmptyState
+
+EmptyState::EmptyState(Appearance &appearance, IconStore &icons, QWidget *parent) :
+    QWidget(parent), appearance(appearance), icon(new ResultIcon(icons, 40, this)),
+    title(new Text(appearance, TypeSize::Heading, Text::Tone::Main, QFont::DemiBold, this)),
+    line(new Text(appearance, TypeSize::Body, Text::Tone::Secondary, QFont::Normal, this))
+{
+    line->setWordWrap(true);
+    line->setAlignment(Qt::AlignHCenter | Qt::AlignTop);
+    line->setFixedWidth(400);
+    title->setAlignment(Qt::AlignCenter);
+    auto *column = new QVBoxLayout(this);
+    column->setContentsMargins(Metrics::margin, 0, Metrics::margin, 16);
+    column->setSpacing(0);
+    column->addStretch();
+    column->addWidget(icon, 0, Qt::AlignHCenter);
+    column->addSpacing(16);
+    column->addWidget(title, 0, Qt::AlignHCenter);
+    column->addSpacing(8);
+    column->addWidget(line, 0, Qt::AlignHCenter);
+    column->addStretch();
+}
+
+static QString emptyTitle(const PaletteState &state)
+{
+    if (!state.query().empty())
+        return fromUtf8(L10n::shown("No Results"));
+    if (state.argumentTarget())
+        return fromUtf8(L10n::shown("Arguments for ")) + fromUtf8(state.argumentTarget()->title);
+    return modeName(state.mode());
+}
+
+static QString emptyLine(const PaletteState &state)
+{
+    if (state.argumentTarget())
+        return fromUtf8(L10n::shown("Type arguments and press Return, or pick a previous launch below."));
+    if (state.mode() == PaletteState::Mode::files || state.category() == SearchCategory::files)
+        return fromUtf8(L10n::shown(
+            "Results come from Korvane's own file index. Add folders in Settings → File Index if something is missing."));
+    return fromUtf8(L10n::shown("Type a name or keyword to find a result."));
+}
+
+void EmptyState::refresh(const PaletteState &state)
+{
+    const char *name = state.mode() == PaletteState::Mode::clipboard ? "clipboard" : state.argumentTarget() ? "terminal" : "magnifyingglass";
+    show(name, emptyTitle(state), emptyLine(state));
+}
+
+void EmptyState::showNoActions() { show("magnifyingglass", fromUtf8(L10n::shown("No Results")), {}); }
+
+void EmptyState::show(const std::string &name, const QString &heading, const QString &text)
+{
+    symbol = name;
+    icon->show(symbol, appearance.theme().faint);
+    title->setText(heading);
+    line->setText(text);
+    line->setVisible(!text.isEmpty());
+}
+
+void EmptyState::applyAppearance()
+{
+    icon->show(symbol, appearance.theme().faint);
+    title->applyAppearance();
+    line->applyAppearance();
+}
+
+// ProgressView
+
+ProgressView::ProgressView(Appearance &appearance, QWidget *parent) :
+    QWidget(parent), label(new Text(appearance, TypeSize::Body, Text::Tone::Secondary, QFont::Normal, this))
+{
+    label->setText(fromUtf8(L10n::shown("Searching…")));
+    auto *column = new QVBoxLayout(this);
+    column->setContentsMargins(0, 0, 0, 16);
+    column->setSpacing(12);
+    column->addStretch();
+    column->addWidget(new Spinner(appearance, 24, this), 0, Qt::AlignHCenter);
+    column->addWidget(label, 0, Qt::AlignHCenter);
+    column->addStretch();
+}
+
+// ResultList
+
+ResultList::ResultList(Appearance &appearance, IconStore &icons, PaletteState &state, QWidget *parent) :
+    RowList(appearance, icons, parent), state(state)
+{
+    setAccessibleName(fromUtf8(L10n::shown("Results")));
+    clicked = [this](int row) {
+        // Between the drawing and the click the list may have changed.
+        if (this->state.results() != shown)
+            return;
+        this->state.select(row);
+        this->state.execute();
+    };
+}
+
+RowFace ResultList::face(int row) const
+{
+    const CommandResult &result = *shown[std::size_t(row)];
+    // The program's own commands are named in the words of the platform; names of the user's things stay as they are.
+    const auto text = result.kind == ResultKind::command ? shownText : fromUtf8;
+    return {.title = text(result.title), .subtitle = text(result.subtitle.value_or("")), .icon = result.icon};
+}
+
+void ResultList::refresh()
+{
+    if (state.results() == shown)
+        return showSelection(state.selection());
+    shown = state.results();
+    std::vector<Section> heads;
+    std::optional<ResultKind> kind;
+    for (std::size_t row = 0; row < shown.size(); row++)
+        if (kind != shown[row]->kind) {
+            kind = shown[row]->kind;
+            heads.push_back({int(row), shownText(rawValue(*kind))});
+        }
+    showRows(int(shown.size()), std::move(heads), state.selection());
+}
+
+// ActionsList
+
+ActionsList::ActionsList(Appearance &appearance, IconStore &icons, PaletteState &state, QWidget *parent) :
+    RowList(appearance, icons, parent), state(state)
+{
+    setAccessibleName(fromUtf8(L10n::shown("Actions")));
+    clicked = [this](int row) { this->state.execute(shown[std::size_t(row)]); };
+}
+
+RowFace ActionsList::face(int row) const
+{
+    const CommandAction &action = shown[std::size_t(row)];
+    const char *symbol = action.role == ActionRole::write ? "pencil" :
+                         action.role == ActionRole::destructive ? "exclamationmark.triangle" : "arrow.right";
+    const std::string keys = action.shortcut ? *action.shortcut : action.key ? std::string(label(*action.key)) : std::string();
+    return {.title = shownText(action.title),
+            .icon = CommandIcon::symbol(symbol),
+            .badge = action.role == ActionRole::normal ? QString() : shownText(rawValue(action.role)),
+            .keys = keyNames(keys)};
+}
+
+void ActionsList::refresh()
+{
+    std::vector<CommandAction> actions = state.filteredActions();
+    const auto same = [](const CommandAction &a, const CommandAction &b) { return a.id == b.id && a.title == b.title; };
+    const bool unchanged = std::equal(actions.begin(), actions.end(), shown.begin(), shown.end(), same);
+    shown = std::move(actions);
+    if (unchanged)
+        showSelection(state.actionSelection());
+    else
+        showRows(int(shown.size()), {}, state.actionSelection());
+}
+
+// PaletteFooter
+
+PaletteFooter::PaletteFooter(Appearance &appearance, IconStore &icons, PaletteState &state, QWidget *parent) :
+    QWidget(parent), appearance(appearance), state(state),
+    name(new Text(appearance, TypeSize::Caption, Text::Tone::Secondary, QFont::DemiBold, this)),
+    filesText(new Text(appearance, TypeSize::Small, Text::Tone::Secondary, QFont::Normal, this)),
+    filesMark(new Spinner(appearance, 12, this)), busyMark(new Spinner(appearance, 16, this)),
+    preview(new FlatButton(appearance, icons, FlatButton::Style::Quiet, this)),
+    actions(new FlatButton(appearance, icons, FlatButton::Style::Quiet, this)), arguments(new HintLine(appearance, this)),
+    hint(new HintLine(appearance, this))
+{
+    setFixedHeight(44);
+    name->setText(QStringLiteral("KORVANE"));
+    QFont spaced = name->font();
+    spaced.setLetterSpacing(QFont::AbsoluteSpacing, 2);
+    name->setFont(spaced);
+    filesText->setText(fromUtf8(L10n::shown("Files…")));
+    preview->setText(fromUtf8(L10n::shown("Preview")));
+    preview->setKeys(keyNames(label(ActionKey::preview)));
+    actions->setText(fromUtf8(L10n::shown("Actions")));
+    actions->setKeys(keyNames("⌘ K"));
+    arguments->setLine(QStringLiteral("⇥ ") + fromUtf8(L10n::shown("Arguments")));
+    arguments->setAccessibleName(fromUtf8(L10n::shown("Arguments")));
+    hint->setLine(fromUtf8(L10n::shown("↵ Open · esc Back")));
+    connect(preview, &QAbstractButton::clicked, this, [this] { this->state.togglePreview(); });
+    connect(actions, &QAbstractButton::clicked, this, [this] { this->state.toggleActions(); });
+
+    auto *line = new QHBoxLayout(this);
+    line->setContentsMargins(Metrics::margin, 1, Metrics::margin, 0);
+    line->setSpacing(8);
+    line->addWidget(name);
+    line->addSpacing(4);
+    for (QWidget *one : std::initializer_list<QWidget *>{filesMark, filesText, busyMark})
+        line->addWidget(one);
+    line->addStretch();
+    line->addWidget(preview);
+    line->addWidget(arguments);
+    line->addSpacing(-4);
+    line->addWidget(actions);
+    line->addWidget(hint);
+}
+
+void PaletteFooter::refresh()
+{
+    const Row selected = state.selectedResult();
+    filesMark->setVisible(state.searchingFiles());
+    filesText->setVisible(state.searchingFiles());
+    busyMark->setVisible(state.busy());
+    preview->setVisible(selected && (selected->preview || selected->previewText));
+    arguments->setVisible(selected && selected->kind == ResultKind::application && !state.childTitle() && !state.showsActions());
+    actions->setVisible(selected != nullptr);
+}
+
+void PaletteFooter::applyAppearance()
+{
+    name->applyAppearance();
+    filesText->applyAppearance();
+    update();
+}
+
+void PaletteFooter::paintEvent(QPaintEvent *)
+{
+    QPainter painter(this);
+    painter.fillRect(QRect(0, 0, width(), 1), appearance.theme().separator);
+}
+
+} // namespace korvane

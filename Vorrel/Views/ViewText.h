@@ -1,0 +1,27 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+#include <string_view>
+
+/// Text at the edge between the model (UTF-8) and the toolkit, and the names of keys as this desktop knows them.
+namespace korvane {
+
+inline QString fromUtf8(std::string_view text) { return QString::fromUtf8(text.data(), qsizetype(text.size())); }
+
+/// The user's words for `english`, which the views get from the model at run time.
+QString shownText(std::string_view english);
+
+/// The keys of a hint as they are printed here: "⌘ ⇧ C" is Ctrl, Shift, C and "⌘1" is Ctrl, 1.
+QStringList keyNames(std::string_view hint);
+
+/// One part of a line of hints such as "↵ Open · esc Back".
+struct KeyHint {
+    QStringList keys;
+    QString text;
+    bool operator==(const KeyHint &) const = default;
+};
+QList<KeyHint> keyHints(const QString &line);
+
+} // namespace korvane

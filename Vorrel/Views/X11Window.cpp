@@ -1,0 +1,181 @@
+#include "Vorrel/Views/X11Window.h"
+
+#include <QGuiApplication>
+#include <QScreen>
+#include <QWidget>
+#include <QWindow>
+
+#include <xcb/shape.h>
+#include <xcb/xcb.h>
+#include <xcb/xfixes.h>
+
+#include <array>
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+namespace korvane::x11 {
+
+namespace {
+
+template <class T> struct Free {
+    void operator()(T *reply) const { std::free(reply); }
+};
+template <class T> using Reply = std::unique_ptr<T, Free<T>>;
+
+xcb_connection_t *connection()
+{
+    const auto *native = qApp ? qApp->nativeInterface<QNativeInterface::QX11Application>() : nullptr;
+    return native ? native->connection() : nullptr;
+}
+
+xcb_window_t root(xcb_connection_t *x) { return xcb_setup_roots_iterator(xcb_get_setup(x)).data->root; }
+
+xcb_atom_t atom(xcb_connection_t *x, const std::string &name)
+{
+    const Reply<xcb_intern_atom_reply_t> reply(
+        xcb_intern_atom_reply(x, xcb_intern_atom(x, 0, std::uint16_t(name.size()), name.c_str()), nullptr));
+    return reply ? reply->atom : xcb_atom_t(XCB_ATOM_NONE);
+}
+
+xcb_window_t idOf(const QWidget &window) { return xcb_window_t(window.internalWinId()); }
+
+void setCardinals(xcb_connection_t *x, xcb_window_t window, xcb_atom_t name, const std::uint32_t *values, std::uint32_t count)
+{
+    xcb_change_property(x, XCB_PROP_MODE_REPLACE, window, name, XCB_ATOM_CARDINAL, 32, count, values);
+}
+
+/// A connection of its own, because the toolkit's takes all events of its connection.
+class Watch {
+public:
+    Watch() : x(xcb_connect(nullptr, nullptr))
+    {
+        if (xcb_connection_has_error(x))
+            return;
+        window = xcb_generate_id(x);
+        const std::uint32_t events = XCB_EVENT_MASK_PROPERTY_CHANGE;
+        xcb_create_window(x, XCB_COPY_FROM_PARENT, window, root(x), -1, -1, 1, 1, 0, XCB_WINDOW_CLASS_INPUT_ONLY,
+                          XCB_COPY_FROM_PARENT, XCB_CW_EVENT_MASK, &events);
+    }
+    ~Watch() { xcb_disconnect(x); }
+    Watch(const Watch &) = delete;
+    Watch &operator=(const Watch &) = delete;
+
+    /// Every change of a property is stamped; an empty change is enough.
+    std::uint32_t time() const
+    {
+        if (!window)
+            return 0;
+        xcb_change_property(x, XCB_PROP_MODE_APPEND, window, XCB_ATOM_WM_NAME, XCB_ATOM_STRING, 8, 0, "");
+        xcb_flush(x);
+        while (const Reply<xcb_generic_event_t> event{xcb_wait_for_event(x)})
+            if ((event->response_type & 0x7f) == XCB_PROPERTY_NOTIFY)
+                return reinterpret_cast<const xcb_property_notify_event_t *>(event.get())->time;
+        return 0;
+    }
+
+private:
+    xcb_connection_t *x;
+    xcb_window_t window = 0;
+};
+
+} // namespace
+
+bool compositorRuns()
+{
+    xcb_connection_t *x = connection();
+    if (!x)
+        return true; // other platforms always compose
+    static const xcb_atom_t manager = atom(x, "_NET_WM_CM_S0");
+    const Reply<xcb_get_selection_owner_reply_t> reply(xcb_get_selection_owner_reply(x, xcb_get_selection_owner(x, manager), nullptr));
+    return reply && reply->owner != XCB_WINDOW_NONE;
+}
+
+std::optional<QPoint> positionOf(const QWidget &window)
+{
+    xcb_connection_t *x = connection();
+    if (!x || !idOf(window))
+        return std::nullopt;
+    const Reply<xcb_translate_coordinates_reply_t> reply(
+        xcb_translate_coordinates_reply(x, xcb_translate_coordinates(x, idOf(window), root(x), 0, 0), nullptr));
+    if (!reply)
+        return std::nullopt;
+    // A screen's corner keeps its place when the toolkit scales; what lies on it moves towards the corner.
+    const QPoint native(reply->dst_x, reply->dst_y);
+    const QScreen *screen = window.screen();
+    const QPoint corner = screen ? screen->geometry().topLeft() : QPoint();
+    return corner + (QPointF(native - corner) / window.devicePixelRatio()).toPoint();
+}
+
+std::uint32_t serverTime()
+{
+    if (!connection())
+        return 0;
+    static const Watch watch;
+    return watch.time();
+}
+
+void setUserTime(const QWidget &window, std::uint32_t time)
+{
+    xcb_connection_t *x = connection();
+    if (!x || !idOf(window) || !time) // a time of 0 would ask not to get the keyboard
+        return;
+    static const xcb_atom_t userTime = atom(x, "_NET_WM_USER_TIME");
+    setCardinals(x, idOf(window), userTime, &time, 1);
+}
+
+void activate(const QWidget &window, std::uint32_t time)
+{
+    xcb_connection_t *x = connection();
+    if (!x || !idOf(window))
+        return;
+    static const xcb_atom_t activeWindow = atom(x, "_NET_ACTIVE_WINDOW");
+    xcb_client_message_event_t message{};
+    message.response_type = XCB_CLIENT_MESSAGE;
+    message.format = 32;
+    message.window = idOf(window);
+    message.type = activeWindow;
+    message.data.data32[0] = 2; // on behalf of the user
+    message.data.data32[1] = time;
+    xcb_send_event(x, 0, root(x), XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY | XCB_EVENT_MASK_SUBSTRUCTURE_REDIRECT,
+                   reinterpret_cast<const char *>(&message));
+    xcb_flush(x);
+}
+
+void setSolidPart(const QWidget &window, const QRect &part)
+{
+    xcb_connection_t *x = connection();
+    if (!x || !idOf(window))
+        return;
+    static const xcb_atom_t frameExtents = atom(x, "_GTK_FRAME_EXTENTS");
+    static const bool fixes = [x] {
+        const Reply<xcb_xfixes_query_version_reply_t> reply(
+            xcb_xfixes_query_version_reply(x, xcb_xfixes_query_version(x, 5, 0), nullptr));
+        return reply != nullptr;
+    }();
+    const qreal ratio = window.devicePixelRatio();
+    const auto pixels = [ratio](int units) { return qRound(units * ratio); };
+    if (part.isEmpty()) {
+        xcb_delete_property(x, idOf(window), frameExtents);
+    } else {
+        const std::array<std::uint32_t, 4> extents{
+            std::uint32_t(pixels(part.left())), std::uint32_t(pixels(window.width() - part.left() - part.width())),
+            std::uint32_t(pixels(part.top())), std::uint32_t(pixels(window.height() - part.top() - part.height()))};
+        setCardinals(x, idOf(window), frameExtents, extents.data(), extents.size());
+    }
+    if (fixes) {
+        xcb_xfixes_region_t region = XCB_NONE;
+        if (!part.isEmpty()) {
+            region = xcb_generate_id(x);
+            const xcb_rectangle_t area{std::int16_t(pixels(part.left())), std::int16_t(pixels(part.top())),
+                                       std::uint16_t(pixels(part.width())), std::uint16_t(pixels(part.height()))};
+            xcb_xfixes_create_region(x, region, 1, &area);
+        }
+        xcb_xfixes_set_window_shape_region(x, idOf(window), XCB_SHAPE_SK_INPUT, 0, 0, region);
+        if (region)
+            xcb_xfixes_destroy_region(x, region);
+    }
+    xcb_flush(x);
+}
+
+} // namespace korvane::x11

@@ -1,0 +1,64 @@
+#include "Vorrel/Platform/Linux/LinuxPlatform.h"
+#include "Vorrel/Platform/Linux/XcbPasteboard.h"
+#include "Vorrel/Shell/AppLog.h"
+#include "Vorrel/Shell/CommandLineTool.h"
+
+#include <csignal>
+#include <cstdio>
+#include <iostream>
+#include <unistd.h>
+
+using namespace korvane;
+
+namespace {
+
+/// Questions on the terminal. Without one, and for everything that needs a window, the answer is no.
+class TerminalDialogs final : public Dialogs {
+public:
+    Task<bool> confirm(std::string title, std::string detail) override
+    {
+        if (yes)
+            co_return true;
+        if (!::isatty(STDIN_FILENO) || !::isatty(STDERR_FILENO))
+            co_return false;
+        std::cerr << title << "\n" << detail << "\nAllow? [y/N] " << std::flush;
+        std::string answer;
+        std::getline(std::cin, answer);
+        co_return answer == "y" || answer == "Y" || answer == "yes";
+    }
+    Task<void> failure(std::string, std::string) override { co_return; }
+    Task<std::optional<std::vector<std::string>>> choose(Choice) override { co_return std::nullopt; }
+
+    bool yes = false;
+};
+
+void write(std::FILE *stream, std::string_view text)
+{
+    std::fwrite(text.data(), 1, text.size(), stream);
+    std::fflush(stream);
+}
+
+} // namespace
+
+int main(int count, char **words)
+{
+    std::signal(SIGPIPE, SIG_IGN); // a reader that has seen enough is no failure
+    AppLog::silence();
+    MainLoop loop;
+    int status = 1;
+    {
+        LinuxPlatform system(loop.executor(), processVariables());
+        TerminalDialogs dialogs;
+        XcbPasteboard pasteboard(system.pool.executor(), nonEmpty(system.environment, "DISPLAY").value_or(""));
+        CommandLineTool tool({.loop = loop,
+            .platform = system.ports(dialogs, pasteboard, false),
+            .out = [](std::string_view text) { write(stdout, text); },
+            .err = [](std::string_view text) { write(stderr, text); },
+            .consent = [&](bool yes) { dialogs.yes = yes; }});
+        const std::vector<std::string> arguments(words + std::min(count, 1), words + count);
+        status = tool.run(arguments);
+        loop.shutDown();
+        system.join();
+    }
+    return status;
+}

@@ -1,0 +1,304 @@
+#include "tests/support/TestPalette.h"
+
+#include "Vorrel/Platform/Headless/HeadlessPaletteWindow.h"
+#include "Vorrel/Shell/AppLog.h"
+#include "Vorrel/Shell/KorvaneApp.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace korvane;
+using namespace korvane::test;
+using namespace std::chrono_literals;
+
+namespace {
+
+/// A temporary data folder that goes with its test.
+struct DataFolder {
+    DataFolder()
+    {
+        std::string pattern = std::filesystem::temp_directory_path() / "korvane-test-XXXXXX";
+        path = ::mkdtemp(pattern.data());
+    }
+    ~DataFolder() { std::filesystem::remove_all(path); }
+    std::string path;
+};
+
+/// The whole program over a desktop in memory; its store is in memory too unless a data folder is given.
+struct TestApp : HeadlessDesktop {
+    explicit TestApp(Strings arguments = {}, std::optional<std::string> data = {})
+    {
+        folders.data = data;
+        AppDelegate::Host host{
+            .platform = platform(),
+            .status = status,
+            .activation = receiver,
+            .makeWindow = [this](PaletteController &) {
+                auto made = std::make_unique<HeadlessPaletteWindow>();
+                window = made.get();
+                return made;
+            },
+            .arguments = std::move(arguments),
+            .terminate = [this] { terminate(); },
+            .stopped = [this](std::string_view step) { log.emplace_back(step); },
+        };
+        if (!data)
+            host.createServices = [this](Platform ports) { return servicesInMemory(std::move(ports)); };
+        delegate = std::make_unique<AppDelegate>(std::move(host));
+        AppLog::observe([this](std::string_view category, AppLog::Level, std::string_view message) {
+            messages.push_back(std::string(category) + ": " + std::string(message));
+        });
+    }
+    ~TestApp()
+    {
+        AppLog::observe({});
+        loop.shutDown();
+        delegate.reset();
+    }
+
+    Task<std::shared_ptr<AppServices>> servicesInMemory(Platform ports)
+    {
+        if (createDelay > 0ms)
+            co_await clock.sleep(createDelay);
+        if (createFailure)
+            std::rethrow_exception(createFailure);
+        auto database = co_await Database::open(loop.executor(), ":memory:", Database::Access::readWrite);
+        AppServices::Injected injected;
+        injected.fileIndex = std::make_unique<ScriptedIndex>();
+        injected.clipboard = std::make_unique<ScriptedClipboard>();
+        injected.shortcuts = std::make_unique<ScriptedShortcuts>();
+        index = static_cast<ScriptedIndex *>(injected.fileIndex.get());
+        clipboard = static_cast<ScriptedClipboard *>(injected.clipboard.get());
+        shortcuts = static_cast<ScriptedShortcuts *>(injected.shortcuts.get());
+        services = std::make_shared<AppServices>(std::move(ports), std::move(database), std::move(injected));
+        co_return services;
+    }
+
+    void launch()
+    {
+        delegate->didFinishLaunching();
+        loop.runUntilIdle();
+    }
+    void terminate()
+    {
+        delegate->shouldTerminate([this] { ++replies; });
+        loop.runUntilIdle();
+    }
+    bool logged(const std::string &message) const { return std::find(messages.begin(), messages.end(), message) != messages.end(); }
+
+    HeadlessStatusItem status;
+    HeadlessActivationReceiver receiver;
+    HeadlessPaletteWindow *window = nullptr;
+    std::shared_ptr<AppServices> services;
+    ScriptedIndex *index = nullptr;
+    ScriptedClipboard *clipboard = nullptr;
+    ScriptedShortcuts *shortcuts = nullptr;
+    std::unique_ptr<AppDelegate> delegate;
+    std::exception_ptr createFailure;
+    Milliseconds createDelay{0};
+    Strings log, messages;
+    int replies = 0;
+};
+
+} // namespace
+
+TEST(AppDelegate, ShowsTheStatusItemBeforeTheServicesStart)
+{
+    TestApp app;
+    app.delegate->didFinishLaunching();
+    EXPECT_TRUE(app.status.shown());
+    EXPECT_EQ(app.status.symbol(), "square.grid.3x3.fill");
+    EXPECT_EQ(app.status.description(), "Korvane");
+    EXPECT_EQ(app.status.titles(), (Strings{"Open Korvane", "Settings…", "", "Quit Korvane"}));
+    EXPECT_EQ(app.status.menu()[1].keyEquivalent, ",");
+    EXPECT_EQ(app.status.menu()[3].keyEquivalent, "q");
+    EXPECT_FALSE(app.delegate->controller());
+    EXPECT_TRUE(app.status.choose("Open Korvane")) << "harmless while there is no palette";
+    app.loop.runUntilIdle();
+    EXPECT_TRUE(app.delegate->controller());
+    EXPECT_TRUE(app.logged("app: Korvane is ready"));
+    EXPECT_EQ(app.delegate->phase(), AppDelegate::Phase::ready);
+    EXPECT_FALSE(app.delegate->controller()->presented());
+}
+
+TEST(AppDelegate, TheFlagShowOpensThePaletteOnceReady)
+{
+    TestApp app({"--show"});
+    app.launch();
+    ASSERT_TRUE(app.delegate->controller());
+    EXPECT_TRUE(app.delegate->controller()->presented());
+    EXPECT_TRUE(app.window->visible());
+}
+
+TEST(AppDelegate, FlagsCountOnlyAsWholeWords)
+{
+    TestApp app({"--showing", "-show", "show"});
+    app.launch();
+    EXPECT_FALSE(app.delegate->controller()->presented());
+}
+
+TEST(AppDelegate, ASecondLaunchOpensAClosedPaletteAndClosesAnOpenOne)
+{
+    TestApp app;
+    app.launch();
+    app.receiver.receive();
+    EXPECT_TRUE(app.delegate->controller()->presented());
+    EXPECT_TRUE(app.logged("app: Activation requested by a second launch"));
+    app.receiver.receive();
+    EXPECT_FALSE(app.delegate->controller()->presented());
+}
+
+TEST(AppDelegate, ASecondLaunchBeforeThePaletteExistsDoesNothing)
+{
+    TestApp app;
+    app.delegate->didFinishLaunching();
+    app.receiver.receive();
+    app.loop.runUntilIdle();
+    EXPECT_FALSE(app.delegate->controller()->presented());
+}
+
+TEST(AppDelegate, AFailedStartTellsWhyAndKeepsTheStatusItemAlive)
+{
+    TestApp app({"--show"});
+    app.createFailure = std::make_exception_ptr(AppError(AppError::Kind::database, "Could not open the local database."));
+    app.launch();
+    ASSERT_EQ(app.dialogs.asked().size(), 1u);
+    EXPECT_EQ(app.dialogs.asked()[0].title, "Korvane could not start");
+    EXPECT_EQ(app.dialogs.asked()[0].detail, "Could not open the local database.");
+    EXPECT_EQ(app.delegate->phase(), AppDelegate::Phase::failed);
+    app.dialogs.accept();
+    app.loop.runUntilIdle();
+    EXPECT_TRUE(app.status.shown());
+    EXPECT_TRUE(app.status.choose("Open Korvane"));
+    EXPECT_TRUE(app.status.choose("Settings…"));
+    EXPECT_FALSE(app.delegate->controller());
+    EXPECT_EQ(app.replies, 0);
+    EXPECT_TRUE(app.status.choose("Quit Korvane"));
+    EXPECT_EQ(app.replies, 1);
+}
+
+TEST(AppDelegate, StopsEverythingInItsOrder)
+{
+    TestApp app;
+    app.launch();
+    app.status.choose("Quit Korvane");
+    EXPECT_EQ(app.log, (Strings{"hotkey stop", "clipboard stop", "applications stop", "shortcuts stop", "palette stop", "index stop",
+                                "mcp stop", "database close"}));
+    EXPECT_EQ(app.replies, 1);
+    EXPECT_FALSE(app.clipboard->started);
+    EXPECT_FALSE(app.shortcuts->started);
+    EXPECT_TRUE(app.index->stopped);
+    EXPECT_EQ(app.clock.sleepers(), 0u) << "no periodic task is left";
+    auto late = app.services->usage.load();
+    EXPECT_THROW(await(app.loop, std::move(late)), AppError);
+}
+
+TEST(AppDelegate, QuittingTwiceStopsAndRepliesOnce)
+{
+    TestApp app;
+    app.launch();
+    app.terminate();
+    app.terminate();
+    EXPECT_EQ(app.replies, 1);
+    EXPECT_EQ(app.log.size(), 8u);
+}
+
+TEST(AppDelegate, QuittingBeforeTheServicesExistRepliesAtOnce)
+{
+    TestApp app({"--show"});
+    app.createDelay = 10s;
+    app.launch();
+    app.terminate();
+    EXPECT_EQ(app.replies, 1);
+    EXPECT_EQ(app.log, Strings{"hotkey stop"});
+    app.clock.advance(20s);
+    EXPECT_FALSE(app.delegate->controller()) << "a start that was overtaken does not go on";
+}
+
+TEST(AppDelegate, NothingOpensOnceItIsQuitting)
+{
+    TestApp app;
+    app.launch();
+    app.terminate();
+    app.receiver.receive();
+    app.status.choose("Open Korvane");
+    EXPECT_FALSE(app.delegate->controller()->presented());
+}
+
+TEST(AppDelegate, TheDataFolderIsMadeForItsOwnerAloneWithTheStoreInIt)
+{
+    const DataFolder data;
+    TestApp app({}, data.path + "/deeper");
+    app.launch();
+    ASSERT_EQ(app.delegate->phase(), AppDelegate::Phase::ready);
+    struct stat status;
+    ASSERT_EQ(::stat((data.path + "/deeper/Korvane").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0700u);
+    EXPECT_TRUE(std::filesystem::exists(data.path + "/deeper/Korvane/korvane.sqlite"));
+    app.terminate();
+    EXPECT_EQ(app.replies, 1);
+}
+
+TEST(AppDelegate, AStoreThatIsNoDatabaseIsToldAndLeftAsItIs)
+{
+    const DataFolder data;
+    std::filesystem::create_directory(data.path + "/Korvane");
+    const std::string store = data.path + "/Korvane/korvane.sqlite";
+    const std::string content(5000, 'x');
+    std::ofstream(store) << content;
+    TestApp app({}, data.path);
+    app.launch();
+    ASSERT_EQ(app.dialogs.asked().size(), 1u);
+    EXPECT_EQ(app.dialogs.asked()[0].detail, "Could not migrate the local database.");
+    std::ifstream file(store);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), content);
+}
+
+TEST(AppDelegate, WithoutAPlaceForDataTheStartFailsWithASentence)
+{
+    const DataFolder data;
+    std::ofstream(data.path + "/file") << "not a folder";
+    TestApp app({}, data.path + "/file");
+    app.launch();
+    ASSERT_EQ(app.dialogs.asked().size(), 1u);
+    EXPECT_EQ(app.dialogs.asked()[0].detail, "Could not open the local database.");
+}
+
+TEST(AppDelegate, OnlyTheFirstOfTwoProcessesComesFirstAndTheOtherAsksItForward)
+{
+    const DataFolder data;
+    const UserFolders folders{.home = data.path, .data = data.path};
+    int ready[2], done[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    ASSERT_EQ(::pipe(done), 0);
+    const pid_t first = ::fork();
+    if (first == 0) {
+        HeadlessActivationSender sender;
+        const char result = AppDelegate::comesFirst(folders, sender) && sender.posts == 0 ? 'y' : 'n';
+        (void)!::write(ready[1], &result, 1);
+        char wait;
+        ::close(done[1]);
+        (void)!::read(done[0], &wait, 1);
+        ::_exit(0);
+    }
+    char result = '?';
+    ASSERT_EQ(::read(ready[0], &result, 1), 1);
+    EXPECT_EQ(result, 'y');
+    const pid_t second = ::fork();
+    if (second == 0) {
+        ::close(done[1]);
+        HeadlessActivationSender sender;
+        ::_exit(!AppDelegate::comesFirst(folders, sender) && sender.posts == 1 ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(second, &status, 0), second);
+    EXPECT_EQ(status, 0);
+    ::close(done[1]);
+    ASSERT_EQ(::waitpid(first, &status, 0), first);
+    ::close(done[0]), ::close(ready[0]), ::close(ready[1]);
+}

@@ -1,0 +1,80 @@
+#!/bin/bash
+# Runs a command on a desktop of its own: private X server, window manager, D-Bus session, home and XDG folders.
+#
+#   with-desktop.sh [--wm openbox|xfwm4|metacity|none] [--compositor picom|none] [--size WxH] [--timeout SECONDS] COMMAND...
+#
+# The exit status is the command's; 124 when the time limit ended it; 125 when the desktop did not come up. What the
+# desktop's own programs say goes to a file that is shown only in that last case. Nothing outlives the script.
+set -u
+
+wm=openbox compositor=none size=1920x1080 limit=60
+while [ $# -gt 0 ]; do
+    case $1 in
+        --wm) wm=$2; shift 2 ;;
+        --compositor) compositor=$2; shift 2 ;;
+        --size) size=$2; shift 2 ;;
+        --timeout) limit=$2; shift 2 ;;
+        --) shift; break ;;
+        -*) sed -n '2,6s/^# \{0,1\}//p' "$0" >&2; exit 2 ;;
+        *) break ;;
+    esac
+done
+[ $# -gt 0 ] || { sed -n '2,6s/^# \{0,1\}//p' "$0" >&2; exit 2; }
+here=$(cd "$(dirname "$0")" && pwd)
+
+# The second stage runs inside the D-Bus session, in the process group that the first one ends as a whole.
+if [ "${KORVANE_DESKTOP_STAGE:-}" != inside ]; then
+    folder=$(mktemp -d "${TMPDIR:-/tmp}/korvane-desktop.XXXXXX") || exit 125
+    export KORVANE_DESKTOP_STAGE=inside KORVANE_DESKTOP_FOLDER=$folder
+    export HOME=$folder/home XDG_RUNTIME_DIR=$folder/run
+    export XDG_CONFIG_HOME=$HOME/.config XDG_DATA_HOME=$HOME/.local/share XDG_CACHE_HOME=$HOME/.cache
+    mkdir -p "$HOME" "$XDG_RUNTIME_DIR" "$XDG_CONFIG_HOME" "$XDG_DATA_HOME" "$XDG_CACHE_HOME"
+    chmod 700 "$HOME" "$XDG_RUNTIME_DIR"
+    [ -d /tmp/.X11-unix ] || { mkdir -p /tmp/.X11-unix && chmod 1777 /tmp/.X11-unix; } 2>/dev/null
+    unset WAYLAND_DISPLAY DISPLAY DBUS_SESSION_BUS_ADDRESS XAUTHORITY XDG_CURRENT_DESKTOP DESKTOP_SESSION GTK_THEME QT_STYLE_OVERRIDE
+    export QT_QPA_PLATFORM=xcb LC_ALL=C.UTF-8
+
+    setsid dbus-run-session --config-file="$here/bare-bus.conf" -- \
+        "$here/with-desktop.sh" --wm "$wm" --compositor "$compositor" --size "$size" --timeout "$limit" -- "$@" </dev/null 2>"$folder/bus.log" 3>&2 &
+    group=$!
+    end() {
+        kill -TERM -- "-$group" 2>/dev/null
+        for _ in 1 2 3 4 5 6 7 8 9 10; do
+            kill -0 -- "-$group" 2>/dev/null || break
+            sleep 0.05
+        done
+        kill -KILL -- "-$group" 2>/dev/null
+        rm -rf "$folder"
+    }
+    trap 'end; exit 143' TERM INT HUP
+    wait "$group"
+    status=$?
+    [ -f "$folder/errors" ] && cat "$folder/errors" >&2
+    [ "$status" -eq 125 ] && cat "$folder"/*.log >&2
+    end
+    exit "$status"
+fi
+
+log=$KORVANE_DESKTOP_FOLDER/desktop.log
+unset KORVANE_DESKTOP_STAGE
+Xvfb -displayfd 9 -screen 0 "${size}x24" -dpi 96 -nolisten tcp -noreset 9>"$KORVANE_DESKTOP_FOLDER/display" >>"$log" 2>&1 &
+for _ in $(seq 200); do [ -s "$KORVANE_DESKTOP_FOLDER/display" ] && break; sleep 0.05; done
+number=$(cat "$KORVANE_DESKTOP_FOLDER/display" 2>/dev/null)
+[ -n "$number" ] || { echo "The X server did not start." >>"$log"; exit 125; }
+export DISPLAY=:$number
+
+if [ "$wm" != none ]; then
+    "$wm" >>"$log" 2>&1 &
+    for _ in $(seq 200); do
+        xprop -root _NET_SUPPORTING_WM_CHECK 2>/dev/null | grep -q 'window id' && break
+        sleep 0.05
+    done
+    xprop -root _NET_SUPPORTING_WM_CHECK 2>/dev/null | grep -q 'window id' || { echo "The window manager did not start." >>"$log"; exit 125; }
+fi
+if [ "$compositor" = picom ]; then
+    hsetroot -solid '#3b6ea5' >>"$log" 2>&1
+    picom --backend xrender >>"$log" 2>&1 &
+    sleep 0.5
+fi
+timeout -k 2 "$limit" "$@" 2>"$KORVANE_DESKTOP_FOLDER/errors"
+exit $?

@@ -1,0 +1,43 @@
+#pragma once
+
+#include "Support/MainLoop.h"
+#include "Vorrel/Platform/Headless/HeadlessApplications.h"
+#include "Vorrel/Platform/Headless/HeadlessSystem.h"
+#include "Vorrel/Platform/Platform.h"
+
+namespace korvane::test {
+
+using Strings = std::vector<std::string>;
+
+/// A whole desktop in memory, on one thread and in virtual time.
+struct HeadlessDesktop {
+    explicit HeadlessDesktop(Strings applicationRoots = {}) : source(std::move(applicationRoots)) { }
+
+    Platform platform()
+    {
+        return {.mainThread = loop.executor(),
+                .pool = loop.executor(),
+                .clock = clock,
+                .folders = folders,
+                .applicationSource = source,
+                .launcher = launcher,
+                .folderWatcher = &folderWatcher,
+                .workspace = workspace,
+                .system = system,
+                .dialogs = dialogs,
+                .pasteboard = pasteboard};
+    }
+
+    MainLoop loop;
+    ManualClock clock{loop};
+    UserFolders folders{.home = "/home/ada", .data = std::nullopt};
+    HeadlessApplicationSource source;
+    HeadlessApplicationLauncher launcher;
+    HeadlessFolderWatcher folderWatcher;
+    HeadlessWorkspace workspace;
+    HeadlessSystemControl system;
+    HeadlessDialogs dialogs;
+    HeadlessPasteboard pasteboard;
+};
+
+} // namespace korvane::test

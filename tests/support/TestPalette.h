@@ -1,0 +1,127 @@
+#pragma once
+
+#include "tests/support/Await.h"
+#include "tests/support/HeadlessDesktop.h"
+#include "Vorrel/Palette/PaletteState.h"
+
+/// A palette that a test types into and looks at: the second front end.
+namespace korvane::test {
+
+/// Answers file searches when and how the test says.
+class ScriptedIndex final : public FileIndexService {
+public:
+    Task<std::vector<IndexedFile>> search(std::string query, std::optional<std::string> directory) override;
+
+    /// Answers the oldest search that waits.
+    void answer(std::vector<IndexedFile> files);
+    void fail(std::exception_ptr error);
+
+    Strings queries; ///< Every query that arrived.
+    std::vector<IndexedFile> files; ///< What a search finds at once, by a plain containment test of its name.
+    bool holds = false; ///< Searches wait for `answer` or `fail`.
+    bool stopped = false;
+    Task<void> stop() override
+    {
+        stopped = true;
+        co_return;
+    }
+
+private:
+    std::vector<Continuation<std::vector<IndexedFile>>> waiting;
+};
+
+/// Answers clipboard searches with set rows, or fails.
+class ScriptedClipboard final : public ClipboardService {
+public:
+    void start() override { started = true; }
+    void stop() override { started = false; }
+    Task<Rows> search(std::string query) override;
+
+    Strings queries;
+    Rows rows;
+    std::exception_ptr failure;
+    bool started = false;
+};
+
+class ScriptedShortcuts final : public ShortcutsService {
+public:
+    CommandRegistry::Commands commands() const override { return family; }
+    void cancelRun() override { ++cancelled; }
+    void refresh(bool force) override { refreshes.push_back(force); }
+    void start() override { started = true; }
+    void stop() override { started = false; }
+
+    CommandRegistry::Commands family;
+    int cancelled = 0;
+    std::vector<bool> refreshes;
+    bool started = false;
+};
+
+class ScriptedAgents final : public AgentStore {
+public:
+    const std::vector<Agent> &agents() const override { return list; }
+    std::vector<Agent> list;
+};
+
+/// The coordinator with a probe that the test controls.
+class ScriptedCoordinator final : public ActionCoordinator {
+public:
+    using ActionCoordinator::ActionCoordinator;
+    Task<void> togglePreview(std::string path) override;
+    void reset() override
+    {
+        ++resets;
+        ActionCoordinator::reset();
+    }
+
+    Strings previews;
+    std::exception_ptr previewFailure;
+    int resets = 0;
+};
+
+class TestPalette : public HeadlessDesktop {
+public:
+    TestPalette();
+    ~TestPalette();
+
+    // Arranging
+    /// Adds a command that remembers its runs in `ran`. More of it may be set in `fields`.
+    TestPalette &command(std::string title, CommandResultFields fields = {});
+    /// Adds a file to what the index finds.
+    TestPalette &file(std::string path);
+    /// Notes a past use of a row, `days` before now.
+    void used(const std::string &id, int times, double daysAgo = 0);
+    /// Runs `PaletteState::start` to its end.
+    void start();
+
+    // Acting
+    void type(std::string text) { state->setInputText(std::move(text)), settle(); }
+    void wait(Milliseconds time) { clock.advance(time); }
+    void settle() { loop.runUntilIdle(); }
+    void run() { state->execute(), settle(); }
+    void run(const CommandAction &action) { state->execute(action), settle(); }
+
+    // Looking
+    Strings titles() const;
+    Strings ids() const;
+    std::string selected() const; ///< Title of the selected row; empty without one.
+    int selectedIndex() const { return state->selection(); }
+    const CommandAction &action(const std::string &rowTitle, const std::string &id) const;
+    std::string error() const { return state->error().value_or(""); }
+    std::int64_t usesOf(const std::string &id); ///< As the store has it.
+
+    ScriptedIndex *index = nullptr;
+    ScriptedClipboard *clipboard = nullptr;
+    ScriptedShortcuts *shortcuts = nullptr;
+    ScriptedAgents *agents = nullptr;
+    std::shared_ptr<AppServices> services;
+    std::unique_ptr<ScriptedCoordinator> coordinator;
+    std::shared_ptr<PaletteState> state;
+    Strings ran; ///< Titles of the actions that ran, in order.
+    Strings log; ///< "hide", "focus", "settings", in order.
+};
+
+/// A record as the index gives it.
+IndexedFile indexedFile(std::string path);
+
+} // namespace korvane::test
