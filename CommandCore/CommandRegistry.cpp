@@ -40,6 +40,7 @@ void CommandRegistry::registerCommand(std::shared_ptr<const Command> command)
     if (holds(sorted, at, command->id()))
         throw AppError(AppError::Kind::configuration, "Duplicate command identifier.");
     sorted.insert(at, std::move(command));
+    ++_revision;
 }
 
 void CommandRegistry::replace(std::string_view prefix, const Commands &family)
@@ -56,6 +57,7 @@ void CommandRegistry::replace(std::string_view prefix, const Commands &family)
     all.insert(all.end(), members.begin(), members.end());
     all.insert(all.end(), end, sorted.cend());
     sorted = std::move(all);
+    ++_revision;
 }
 
 Rows CommandRegistry::results() const

@@ -36,9 +36,12 @@ public:
 
     /// All commands, by identifier in byte order. Nothing may depend on that order but speed.
     const Commands &commands() const { return sorted; }
+    /// Another number after each change of the set; zero before the first.
+    std::uint64_t revision() const { return _revision; }
 
 private:
     Commands sorted;
+    std::uint64_t _revision = 0;
 };
 
 } // namespace korvane

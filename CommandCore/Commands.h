@@ -199,9 +199,11 @@ public:
     virtual ~Command() = default;
     /// Unique in a registry, with the prefix of its source. Never changes.
     virtual const std::string &id() const = 0;
-    /// The row as it is now. Called for every command at every keystroke: an unchanged row is returned
-    /// as the same object, a changed one as a new object.
+    /// The row as it is now: an unchanged row is returned as the same object, a changed one as a new object.
+    /// Asked for at every keystroke unless the command `isFixed`.
     virtual Row result(const CommandContext &context) const = 0;
+    /// Whether `result` gives one and the same object for the whole life of the command.
+    virtual bool isFixed() const { return false; }
 };
 
 /// A command that wraps a finished row.
@@ -210,6 +212,7 @@ public:
     explicit StaticCommand(CommandResultFields fields) : value(makeRow(std::move(fields))) { }
     const std::string &id() const override { return value->id; }
     Row result(const CommandContext &) const override { return value; }
+    bool isFixed() const override { return true; }
 
     const Row value;
 };

@@ -12,16 +12,16 @@ namespace {
 // Folded text is valid UTF-8, in which this byte never occurs.
 constexpr char separator = '\xFF';
 
-std::optional<double> base(std::string_view query, const SearchKeys &keys)
+std::optional<double> base(std::string_view query, const FoldedTexts &texts)
 {
     if (query.empty())
         return 1;
-    switch (keys.match(query)) {
-    case SearchKeys::Match::title: return 120;
-    case SearchKeys::Match::beginningOfTitle: return 90;
-    case SearchKeys::Match::partOfTitle: return 65;
-    case SearchKeys::Match::partOfKeyword: return 40;
-    case SearchKeys::Match::none: break;
+    switch (texts.match(query)) {
+    case FoldedTexts::Match::title: return 120;
+    case FoldedTexts::Match::beginningOfTitle: return 90;
+    case FoldedTexts::Match::partOfTitle: return 65;
+    case FoldedTexts::Match::partOfKeyword: return 40;
+    case FoldedTexts::Match::none: break;
     }
     return std::nullopt;
 }
@@ -56,7 +56,7 @@ SearchKeys::SearchKeys(std::string_view title, std::span<const std::string> keyw
 
 std::string_view SearchKeys::title() const { return std::string_view(block).substr(0, titleSize); }
 
-SearchKeys::Match SearchKeys::match(std::string_view folded) const
+FoldedTexts::Match FoldedTexts::match(std::string_view folded) const
 {
     const auto at = block.find(folded);
     // A match that reaches over two texts has the separator in it, and so has what was asked for.
@@ -81,9 +81,9 @@ std::optional<double> SearchRanker::score(std::string_view query, std::string_vi
 }
 
 std::optional<double> SearchRanker::score(
-    const PreparedQuery &query, const SearchKeys &keys, const CommandUsage *usage, double now) const
+    const PreparedQuery &query, FoldedTexts texts, const CommandUsage *usage, double now) const
 {
-    auto score = base(query.text(), keys);
+    auto score = base(query.text(), texts);
     if (score && usage)
         *score += bonus(*usage, now);
     return score;

@@ -16,17 +16,27 @@ private:
     std::string folded;
 };
 
-/// The folded texts of one row, kept between keystrokes. Its memory is one block.
-class SearchKeys {
-public:
-    SearchKeys() = default;
-    SearchKeys(std::string_view title, std::span<const std::string> keywords);
-    std::string_view title() const;
+/// The folded texts of one row, wherever they are kept: the title, and behind it the keywords with a separator before each.
+struct FoldedTexts {
+    std::string_view block;
+    std::size_t titleSize = 0;
 
     /// How well the texts match, worst first.
     enum class Match { none, partOfKeyword, partOfTitle, beginningOfTitle, title };
     /// The best match of a folded text that is not empty. One search through the block.
     Match match(std::string_view folded) const;
+};
+
+/// The folded texts of one row with their memory, which is one block.
+class SearchKeys {
+public:
+    SearchKeys() = default;
+    SearchKeys(std::string_view title, std::span<const std::string> keywords);
+    operator FoldedTexts() const { return {block, titleSize}; }
+    std::string_view title() const;
+
+    using Match = FoldedTexts::Match;
+    Match match(std::string_view folded) const { return FoldedTexts(*this).match(folded); }
     /// Whether one keyword alone contains the folded text.
     bool keywordContains(std::string_view folded) const;
 
@@ -46,7 +56,7 @@ public:
                                 const std::optional<CommandUsage> &usage, double now) const;
 
     /// The same for texts made ready beforehand; `usage` may be null.
-    std::optional<double> score(const PreparedQuery &query, const SearchKeys &keys, const CommandUsage *usage, double now) const;
+    std::optional<double> score(const PreparedQuery &query, FoldedTexts texts, const CommandUsage *usage, double now) const;
 };
 
 } // namespace korvane

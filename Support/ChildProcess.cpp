@@ -192,9 +192,8 @@ pid_t spawnDetachedProcess(const ChildProcess::Options &options)
         fail(errno, "pipe");
     Descriptor reading(ends[0]);
     Descriptor writing = movedUp(ends[1]);
-    const Prepared prepared{program->c_str(),   arguments.data(),
-                            shellArguments.data(), environment.data(),
-                            options.workingDirectory.empty() ? nullptr : options.workingDirectory.c_str(), writing.get()};
+    const Prepared prepared{program->c_str(), arguments.data(), shellArguments.data(), environment.data(),
+        options.workingDirectory.empty() ? nullptr : options.workingDirectory.c_str(), writing.get()};
     pid_t between = 0;
     {
         const SignalsBlocked blocked;

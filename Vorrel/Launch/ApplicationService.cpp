@@ -3,6 +3,7 @@
 #include "CommandCore/SearchRanker.h"
 #include "Support/Base64.h"
 #include "Support/Text.h"
+#include "Vorrel/Shell/L10n.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -66,7 +67,7 @@ public:
             records.push_back(std::move(record));
         }
         std::stable_sort(records.begin(), records.end(),
-                         [](const auto &left, const auto &right) { return compareNames(left.name, right.name) < 0; });
+            [](const auto &left, const auto &right) { return compareNames(left.name, right.name) < 0; });
         return records;
     }
 
@@ -138,9 +139,7 @@ private:
 } // namespace
 
 ApplicationIndexer::ApplicationIndexer(Executor pool, const ApplicationSource &source) :
-    actor(std::move(pool)), source(source)
-{
-}
+    actor(std::move(pool)), source(source) { }
 
 Task<std::vector<ApplicationRecord>> ApplicationIndexer::scan()
 {
@@ -277,7 +276,7 @@ namespace {
 std::vector<std::string> identifyingKeywords(const ApplicationRecord &record)
 {
     return {record.bundleIdentifier, fileNameWithoutExtension(record.path),
-            AppActionCatalog::isVSCode(record.bundleIdentifier) ? "vscode" : ""};
+        AppActionCatalog::isVSCode(record.bundleIdentifier) ? "vscode" : ""};
 }
 
 } // namespace
@@ -290,7 +289,8 @@ std::vector<ApplicationRecord> ApplicationService::search(std::string_view query
     for (const auto &record : _applications)
         if (const auto score = SearchRanker{}.score(query, record.name, identifyingKeywords(record), std::nullopt, now))
             matches.emplace_back(*score, &record);
-    std::stable_sort(matches.begin(), matches.end(), [](const auto &left, const auto &right) { return left.first > right.first; });
+    std::stable_sort(
+        matches.begin(), matches.end(), [](const auto &left, const auto &right) { return left.first > right.first; });
     std::vector<ApplicationRecord> records;
     for (const auto &match : matches)
         records.push_back(*match.second);
@@ -301,7 +301,10 @@ std::vector<ApplicationRecord> ApplicationService::search(std::string_view query
 
 namespace {
 
-[[noreturn]] void throwLaunchFailure() { throw AppError(AppError::Kind::toolExecution, "The application could not be launched."); }
+[[noreturn]] void throwLaunchFailure()
+{
+    throw AppError(AppError::Kind::toolExecution, "The application could not be launched.");
+}
 
 } // namespace
 
@@ -387,23 +390,23 @@ CommandAction catalogueAction(const AppLaunchAction &known, const std::string &p
     const bool folder = known.id == "folder";
     const bool asksForInput = folder || known.id == "diff";
     return {.id = known.id,
-            .title = known.title,
-            .flow = asksForInput ? ActionFlow::applicationInput(path, known.arguments, folder) : ActionFlow::direct(),
-            .execute = [service, path, arguments = known.arguments] { return openThrough(service, path, arguments); }};
+        .title = known.title,
+        .flow = asksForInput ? ActionFlow::applicationInput(path, known.arguments, folder) : ActionFlow::direct(),
+        .execute = [service, path, arguments = known.arguments] { return openThrough(service, path, arguments); }};
 }
 
 CommandAction ownAction(const ApplicationOwnAction &own, const std::string &path, const Weak &service)
 {
-    return {.id = "action:" + own.id,
-            .title = own.title,
-            .execute = [service, path, id = own.id] { return openActionThrough(service, path, id); }};
+    return {.id = "action:" + own.id, .title = own.title, .execute = [service, path, id = own.id] {
+                return openActionThrough(service, path, id);
+            }};
 }
 
 std::vector<CommandAction> actionsOf(const ApplicationRecord &record, const Weak &service)
 {
     const std::string &path = record.path;
     std::vector<CommandAction> actions;
-    actions.push_back({.id = "open", .title = "Open Application", .shortcut = "↵", .execute = [service, path] {
+    actions.push_back({.id = "open", .title = L10n::key("Open Application"), .shortcut = "↵", .execute = [service, path] {
                            return openThrough(service, path, {});
                        }});
     const auto &known = AppActionCatalog::actions(record.bundleIdentifier);
@@ -412,14 +415,15 @@ std::vector<CommandAction> actionsOf(const ApplicationRecord &record, const Weak
     if (known.empty())
         for (const auto &one : record.ownActions)
             actions.push_back(ownAction(one, path, service));
-    actions.push_back({.id = "reveal", .title = "Show in Finder", .key = ActionKey::reveal, .execute = [service, path] {
-                           return revealThrough(service, path);
-                       }});
+    actions.push_back(
+        {.id = "reveal", .title = L10n::key("Show in Finder"), .key = ActionKey::reveal, .execute = [service, path] {
+             return revealThrough(service, path);
+         }});
     actions.push_back({.id = "arguments",
-                       .title = "Advanced Arguments…",
-                       .shortcut = "⇥",
-                       .dismissal = ActionDismissal::keepOpen,
-                       .flow = ActionFlow::argumentInput()});
+        .title = L10n::key("Advanced Arguments…"),
+        .shortcut = "⇥",
+        .dismissal = ActionDismissal::keepOpen,
+        .flow = ActionFlow::argumentInput()});
     return actions;
 }
 
@@ -428,12 +432,12 @@ Row rowOf(const ApplicationRecord &record, const Weak &service)
     auto keywords = identifyingKeywords(record);
     keywords.insert(keywords.end(), {"application", "应用", "打开"});
     return makeRow({.id = "app:" + record.path,
-                    .title = record.name,
-                    .subtitle = record.bundleIdentifier + " · " + record.path,
-                    .keywords = std::move(keywords),
-                    .icon = CommandIcon::file(record.path),
-                    .kind = ResultKind::application,
-                    .actions = actionsOf(record, service)});
+        .title = record.name,
+        .subtitle = record.bundleIdentifier + " · " + record.path,
+        .keywords = std::move(keywords),
+        .icon = CommandIcon::file(record.path),
+        .kind = ResultKind::application,
+        .actions = actionsOf(record, service)});
 }
 
 } // namespace
@@ -449,16 +453,15 @@ namespace {
 
 using Catalogue = std::map<std::string, std::vector<AppLaunchAction>, std::less<>>;
 
-const std::vector<AppLaunchAction> chromeActions{{"new-window", "New Window", {"--new-window"}},
-                                                 {"incognito", "New Incognito Window", {"--incognito", "--new-window"}}};
-const std::vector<AppLaunchAction> edgeActions{{"new-window", "New Window", {"--new-window"}},
-                                               {"inprivate", "New InPrivate Window", {"--inprivate", "--new-window"}}};
-const std::vector<AppLaunchAction> braveActions{{"new-window", "New Window", {"--new-window"}},
-                                                {"private", "New Private Window", {"--incognito", "--new-window"}}};
-const std::vector<AppLaunchAction> vscodeActions{{"new-window", "New Window", {"--new-window"}},
-                                                 {"folder", "Open Folder…", {"--new-window"}},
-                                                 {"diff", "Diff Two Files", {"--diff"}}};
-const std::vector<AppLaunchAction> vscodiumActions{{"new-window", "New Window", {"--new-window"}}};
+const std::vector<AppLaunchAction> chromeActions{{"new-window", L10n::key("New Window"), {"--new-window"}},
+    {"incognito", L10n::key("New Incognito Window"), {"--incognito", "--new-window"}}};
+const std::vector<AppLaunchAction> edgeActions{{"new-window", L10n::key("New Window"), {"--new-window"}},
+    {"inprivate", L10n::key("New InPrivate Window"), {"--inprivate", "--new-window"}}};
+const std::vector<AppLaunchAction> braveActions{{"new-window", L10n::key("New Window"), {"--new-window"}},
+    {"private", L10n::key("New Private Window"), {"--incognito", "--new-window"}}};
+const std::vector<AppLaunchAction> vscodeActions{{"new-window", L10n::key("New Window"), {"--new-window"}},
+    {"folder", L10n::key("Open Folder…"), {"--new-window"}}, {"diff", L10n::key("Diff Two Files"), {"--diff"}}};
+const std::vector<AppLaunchAction> vscodiumActions{{"new-window", L10n::key("New Window"), {"--new-window"}}};
 
 /// The editor's identifiers: its bundle, then its packages, Flatpak and Snap.
 constexpr std::array<std::string_view, 5> vscodeIdentifiers{

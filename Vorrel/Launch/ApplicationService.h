@@ -166,6 +166,7 @@ public:
 
     const std::string &id() const override { return row->id; }
     Row result(const CommandContext &) const override { return row; }
+    bool isFixed() const override { return true; }
 
     const ApplicationRecord record;
     const std::weak_ptr<ApplicationService> service;

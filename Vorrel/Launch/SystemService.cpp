@@ -17,9 +17,8 @@ Task<void> SystemService::lockScreen() const
     case SystemOutcome::done: co_return;
     case SystemOutcome::refused:
         throw AppError(AppError::Kind::permission,
-                       "Enable Korvane in System Settings → Privacy & Security → Accessibility to lock the screen.");
-    case SystemOutcome::unavailable:
-        throw AppError(AppError::Kind::toolExecution, "Could not create the lock-screen event.");
+            "Enable Korvane in System Settings → Privacy & Security → Accessibility to lock the screen.");
+    case SystemOutcome::unavailable: throw AppError(AppError::Kind::toolExecution, "Could not create the lock-screen event.");
     }
 }
 
@@ -35,8 +34,8 @@ Task<void> SystemService::sleep() const
 Task<void> SystemService::emptyTrash() const
 {
     if (co_await platform.system.emptyTrash() != SystemOutcome::done)
-        throw AppError(AppError::Kind::permission,
-                       "Finder could not empty the Trash. Check Automation permissions and try again.");
+        throw AppError(
+            AppError::Kind::permission, "Finder could not empty the Trash. Check Automation permissions and try again.");
 }
 
 } // namespace korvane

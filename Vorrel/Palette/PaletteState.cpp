@@ -62,16 +62,16 @@ int indexOf(const Rows &rows, const std::string &id)
     return found == rows.end() ? -1 : int(found - rows.begin());
 }
 
-SearchKeys keysOf(const CommandResult &row)
+std::vector<std::string> keywordsOf(const CommandResult &row)
 {
     // A title is found by its translation and by the words of the platform in which it is shown.
     std::vector<std::string> keywords;
     keywords.reserve(row.keywords.size() + 2);
-    keywords.push_back(L10n::text(row.title));
-    if (auto shown = L10n::shown(row.title); shown != keywords.front())
-        keywords.push_back(std::move(shown));
+    for (std::string title : {L10n::text(row.title), L10n::shown(row.title)})
+        if (title != row.title && std::ranges::find(keywords, title) == keywords.end())
+            keywords.push_back(std::move(title));
     keywords.insert(keywords.end(), row.keywords.begin(), row.keywords.end());
-    return SearchKeys(row.title, keywords);
+    return keywords;
 }
 
 struct FailureText {
@@ -124,7 +124,10 @@ bool isCancellation(const std::exception_ptr &error)
 
 } // namespace
 
-PaletteState::PaletteState(AppServices &services, ActionCoordinator &coordinator) : coordinator(coordinator), services(services) { }
+PaletteState::PaletteState(AppServices &services, ActionCoordinator &coordinator) :
+    coordinator(coordinator), services(services), searchTable(keywordsOf)
+{
+}
 
 // Observation
 
@@ -268,58 +271,11 @@ Rows PaletteState::baseRows()
     return base;
 }
 
-const std::vector<PaletteState::CachedKeys> &PaletteState::currentKeys()
-{
-    const Rows rows = registry.results();
-    const bool aligned = rows.size() == searchKeys.size()
-        && std::equal(rows.begin(), rows.end(), searchKeys.begin(), [](const Row &row, const CachedKeys &cached) { return row == cached.row; });
-    if (aligned)
-        return searchKeys;
-    std::unordered_map<const CommandResult *, CachedKeys *> known;
-    for (CachedKeys &cached : searchKeys)
-        known.emplace(cached.row.get(), &cached);
-    std::vector<CachedKeys> next;
-    next.reserve(rows.size());
-    for (const Row &row : rows) {
-        const auto found = known.find(row.get());
-        next.push_back({row, found == known.end() ? keysOf(*row) : std::move(found->second->keys)});
-    }
-    searchKeys = std::move(next);
-    return searchKeys;
-}
-
 Rows PaletteState::rankedRows()
 {
-    struct Ranked {
-        double score;
-        const Row *row;
-    };
-    const PreparedQuery prepared(query());
-    const double now = services.platform.clock.now();
-    const SearchRanker ranker;
-    std::vector<Ranked> ranked;
-    for (const CachedKeys &one : currentKeys()) {
-        if (!passes(_category, one.row->kind))
-            continue;
-        const CommandUsage *usage = nullptr;
-        if (const auto found = usages.find(one.row->id); found != usages.end())
-            usage = &found->second;
-        if (const auto score = ranker.score(prepared, one.keys, usage, now))
-            ranked.push_back({*score, &one.row});
-    }
-    // The cache keeps rows at rising addresses in their prior order, which decides between equal titles.
-    const auto better = [](const Ranked &left, const Ranked &right) {
-        if (left.score != right.score)
-            return left.score > right.score;
-        const int titles = (*left.row)->title.compare((*right.row)->title);
-        return titles != 0 ? titles < 0 : left.row < right.row;
-    };
-    const auto kept = ranked.begin() + std::ptrdiff_t(std::min(ranked.size(), rankedRowLimit));
-    std::partial_sort(ranked.begin(), kept, ranked.end(), better);
-    Rows rows;
-    rows.reserve(std::size_t(kept - ranked.begin()));
-    std::transform(ranked.begin(), kept, std::back_inserter(rows), [](const Ranked &one) { return *one.row; });
-    return rows;
+    searchTable.follow(registry);
+    const auto wanted = [category = _category.get()](ResultKind kind) { return passes(category, kind); };
+    return searchTable.best(query(), wanted, services.platform.clock.now(), rankedRowLimit);
 }
 
 Row PaletteState::calculatorRow() const
@@ -795,7 +751,7 @@ Task<void> PaletteState::recordUse(std::string id)
 {
     try {
         co_await services.usage.record(std::move(id));
-        usages = co_await services.usage.load();
+        searchTable.setUsage(co_await services.usage.load());
     } catch (const std::exception &) {
         AppLog::command.error("Usage statistics could not be saved");
     }
@@ -981,7 +937,7 @@ Task<void> PaletteState::startSources()
         if (!self->_showsActions && !self->childTitle())
             self->search();
     };
-    usages = co_await services.usage.load();
+    searchTable.setUsage(co_await services.usage.load());
     services.clipboard->start();
     search();
     co_await services.applications->refresh();

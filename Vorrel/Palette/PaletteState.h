@@ -1,7 +1,7 @@
 #pragma once
 
 #include "CommandCore/FileSearchQuery.h"
-#include "CommandCore/SearchRanker.h"
+#include "CommandCore/SearchTable.h"
 #include "Support/MainLoop.h"
 #include "Support/Observed.h"
 #include "Vorrel/Palette/ActionCoordinator.h"
@@ -147,15 +147,8 @@ private:
         bool operator==(const Question &) const = default;
     };
 
-    /// Folded texts of a row, kept as long as the row is the same object.
-    struct CachedKeys {
-        Row row;
-        SearchKeys keys;
-    };
-
     // The query pipeline
     void search();
-    const std::vector<CachedKeys> &currentKeys();
     void showArgumentRows();
     void showChildRows();
     void searchClipboard();
@@ -214,9 +207,7 @@ private:
     Row failedResult;
     TaskHandle queryTask, aiTask;
     int _sessionGeneration = 0;
-    UsageByIdentifier usages;
-
-    std::vector<CachedKeys> searchKeys; // in the order of the registry
+    SearchTable searchTable;
 
     MainThreadOnly confined;
 };

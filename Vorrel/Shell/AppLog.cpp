@@ -63,7 +63,7 @@ void write(std::string_view category, AppLog::Level level, std::string_view mess
     Loggers &loggers = Loggers::shared();
     if (!silenced)
         loggers.named(category)->log(level == AppLog::Level::error ? spdlog::level::err : spdlog::level::info,
-                                     spdlog::string_view_t(message.data(), message.size()));
+            spdlog::string_view_t(message.data(), message.size()));
     if (const auto observer = loggers.observer())
         (*observer)(category, level, message);
 }

@@ -113,10 +113,7 @@ public:
     }
 
 private:
-    void skip(std::string_view characters)
-    {
-        rest.remove_prefix(std::min(rest.find_first_not_of(characters), rest.size()));
-    }
+    void skip(std::string_view characters) { rest.remove_prefix(std::min(rest.find_first_not_of(characters), rest.size())); }
 
     void skipPast(std::string_view mark)
     {

@@ -16,11 +16,11 @@ public:
 
     /// What `load` needs of its surroundings.
     struct Places {
-        std::string resources;  ///< Folder of the installed program's resources.
-        std::string beside;     ///< Folder of the running program.
+        std::string resources; ///< Folder of the installed program's resources.
+        std::string beside; ///< Folder of the running program.
         std::string fixedAtBuild; ///< Folder of the source tree's resources.
         std::vector<std::string> languages; ///< The user's preferred languages, the first one first.
-        std::string platform;   ///< Name of the platform's own table of words, such as "linux".
+        std::string platform; ///< Name of the platform's own table of words, such as "linux".
     };
     /// Opens "Korvane_Vorrel.bundle" in the first of the three places that has it. Where none has it, the
     /// program ends with the message "could not load resource bundle: from " and the paths tried.

@@ -100,6 +100,8 @@ constexpr char dropNameTriggers[] = "DROP TRIGGER IF EXISTS file_index_ai;"
 constexpr char nameSchema[] = "SELECT 1 FROM sqlite_master "
                               "WHERE name IN ('file_index_fts','file_index_ai','file_index_ad','file_index_au')";
 
+constexpr char synchronous[] = "PRAGMA synchronous=NORMAL;";
+
 constexpr char forgetBackfill[] = "DELETE FROM settings WHERE key='fileIndex.ftsBackfilled'";
 
 AppError failure(const char *sentence) { return AppError(AppError::Kind::database, sentence); }
@@ -317,6 +319,8 @@ void Database::Connection::migrate()
         if (run(handle, script) != SQLITE_OK)
             throw failure("Could not migrate the local database.");
     };
+    // Ahead of its turn in `configure`: each step commits, and waiting for the disk at each is most of a start.
+    run(handle, synchronous);
     step(firstStep);
     step(secondStep);
     step(thirdStep);
@@ -360,7 +364,7 @@ void Database::Connection::configure()
         if (run(handle, pragma) != SQLITE_OK)
             throw failure("Could not configure the local database.");
     };
-    set("PRAGMA synchronous=NORMAL;");
+    set(synchronous);
     // Writes pick rows by path, which this system compares by case. A store in memory has this one connection
     // for its searches too, and those fold names.
     if (onDisk())

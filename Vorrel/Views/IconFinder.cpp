@@ -109,7 +109,7 @@ const IconFinder::IconTheme &IconFinder::theme(const QString &name)
         if (index.isEmpty() && QFileInfo::exists(root + QStringLiteral("/index.theme")))
             index = root + QStringLiteral("/index.theme");
     }
-    const auto groups = groupsOf(index);
+    const auto groups = index.isEmpty() ? QHash<QString, QHash<QString, QString>>() : groupsOf(index);
     const auto head = groups.value(QStringLiteral("Icon Theme"));
     known->inherits = head.value(QStringLiteral("Inherits")).split(u',', Qt::SkipEmptyParts);
     const QString listed = head.value(QStringLiteral("Directories")) + u',' + head.value(QStringLiteral("ScaledDirectories"));

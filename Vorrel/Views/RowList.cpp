@@ -19,6 +19,7 @@ static constexpr int headHeight = 28;
 static constexpr int padding = 4; // above the first and below the last row
 static constexpr int iconSize = 24;
 static constexpr int glyphSize = 16;
+static constexpr int badgeHeight = 18;
 static constexpr int rowInset = 12; // from the row's edge to what it shows
 
 // For screen readers
@@ -177,7 +178,8 @@ int RowList::contentHeight() const { return rows == 0 ? 0 : topOf(rows - 1) + ro
 
 QRect RowList::rowRect(int row) const
 {
-    return {Metrics::listMargin, topOf(row) - verticalScrollBar()->value(), viewport()->width() - 2 * Metrics::listMargin, rowHeight};
+    // The scroll bar stands in the margin, so that rows are equally wide with and without it.
+    return {Metrics::listMargin, topOf(row) - verticalScrollBar()->value(), width() - 2 * Metrics::listMargin, rowHeight};
 }
 
 int RowList::lastRowAbove(int y) const
@@ -325,8 +327,9 @@ void RowList::drawHead(QPainter &painter, const Section &section, const QRect &p
     painter.drawText(line.adjusted(0, 4, 0, 0), Qt::AlignLeft | Qt::AlignVCenter | Qt::TextSingleLine, section.title);
 }
 
-void RowList::drawIcon(QPainter &painter, const CommandIcon &icon, const QRect &place) const
+void RowList::drawIcon(QPainter &painter, const RowFace &face, const QRect &place) const
 {
+    const CommandIcon &icon = face.icon;
     const Theme &theme = appearance.theme();
     const qreal ratio = devicePixelRatioF();
     if (icon.kind == CommandIcon::Kind::file) {
@@ -342,11 +345,11 @@ void RowList::drawIcon(QPainter &painter, const CommandIcon &icon, const QRect &
             break;
         }
     }
-    fillRounded(painter, place, 7, theme.tile);
+    fillRounded(painter, place, 7, face.grave ? theme.warningGround : theme.tile);
     const int inset = (iconSize - glyphSize) / 2;
     const std::string name = icon.kind == CommandIcon::Kind::symbol ? icon.value :
                              icon.value.ends_with(".desktop") ? "app" : "doc";
-    painter.drawPixmap(place.topLeft() + QPoint(inset, inset), icons.symbol(name, glyphSize, ratio, theme.accent));
+    painter.drawPixmap(place.topLeft() + QPoint(inset, inset), icons.symbol(name, glyphSize, ratio, face.grave ? theme.warning : theme.accent));
 }
 
 int RowList::drawRightSide(QPainter &painter, int row, const RowFace &face, const QRect &place) const
@@ -364,10 +367,12 @@ int RowList::drawRightSide(QPainter &painter, int row, const RowFace &face, cons
     }
     if (!face.badge.isEmpty()) {
         const QFont font = appearance.font(TypeSize::Caption);
-        const int width = QFontMetrics(font).horizontalAdvance(face.badge);
+        const int width = QFontMetrics(font).horizontalAdvance(face.badge) + 12;
+        const QRect pill(right - width, place.top() + (rowHeight - badgeHeight) / 2, width, badgeHeight);
+        fillRounded(painter, pill, badgeHeight / 2.0, face.grave ? theme.warningGround : theme.keyGround);
         painter.setFont(font);
-        painter.setPen(theme.secondary);
-        painter.drawText(QRect(right - width, place.top(), width, rowHeight), Qt::AlignVCenter | Qt::TextSingleLine, face.badge);
+        painter.setPen(face.grave ? theme.warning : theme.secondary);
+        painter.drawText(pill, Qt::AlignCenter | Qt::TextSingleLine, face.badge);
         right -= width + 8;
     }
     return right;
@@ -387,7 +392,7 @@ void RowList::drawRow(QPainter &painter, int row, const QRect &place) const
         fillRounded(painter, place.adjusted(0, 1, 0, -1), 8, row == selected ? theme.selection : theme.hover);
 
     const int textLeft = place.left() + rowInset + iconSize + 12;
-    drawIcon(painter, face.icon, QRect(place.left() + rowInset, place.top() + (rowHeight - iconSize) / 2, iconSize, iconSize));
+    drawIcon(painter, face, QRect(place.left() + rowInset, place.top() + (rowHeight - iconSize) / 2, iconSize, iconSize));
     const int right = drawRightSide(painter, row, face, place);
 
     const QFont titleFont = appearance.font(TypeSize::Title, row == selected ? QFont::Medium : QFont::Normal);

@@ -17,6 +17,7 @@ struct RowFace {
     QString title, subtitle;
     CommandIcon icon = {};
     QString badge = {};    ///< A small label at the right.
+    bool grave = false;    ///< Marks what cannot be undone.
     QStringList keys = {}; ///< Keys at the right.
 };
 
@@ -74,7 +75,7 @@ private:
     void setHovered(int row);
     void drawHead(QPainter &painter, const Section &section, const QRect &place) const;
     void drawRow(QPainter &painter, int row, const QRect &place) const;
-    void drawIcon(QPainter &painter, const CommandIcon &icon, const QRect &place) const;
+    void drawIcon(QPainter &painter, const RowFace &face, const QRect &place) const;
     int drawRightSide(QPainter &painter, int row, const RowFace &face, const QRect &place) const;
     void tellSelection(bool byUser);
 

@@ -205,7 +205,7 @@ void FlatButton::leaveEvent(QEvent *) { update(); }
 
 // HintLine
 
-static constexpr int hintGap = 12;
+static constexpr int hintGap = 2 * buttonPadding; // as between two buttons
 
 HintLine::HintLine(Appearance &appearance, QWidget *parent) : QWidget(parent), appearance(appearance)
 {
@@ -227,10 +227,10 @@ void HintLine::setLine(const QString &line)
 QSize HintLine::sizeHint() const
 {
     const QFontMetrics metrics(appearance.font(TypeSize::Small));
-    int width = -hintGap;
+    int width = 0;
     for (const KeyHint &hint : hints)
         width += keysWidth(appearance, hint.keys) + buttonGap + metrics.horizontalAdvance(hint.text) + hintGap;
-    return {std::max(width, 0), buttonHeight};
+    return {width, buttonHeight};
 }
 
 void HintLine::paintEvent(QPaintEvent *)
@@ -239,7 +239,7 @@ void HintLine::paintEvent(QPaintEvent *)
     painter.setRenderHint(QPainter::Antialiasing);
     const QFont font = appearance.font(TypeSize::Small);
     const QFontMetrics metrics(font);
-    int x = 0;
+    int x = hintGap / 2;
     for (const KeyHint &hint : hints) {
         drawKeys(painter, appearance, hint.keys, QPoint(x, height() / 2));
         x += keysWidth(appearance, hint.keys) + buttonGap;
@@ -471,6 +471,7 @@ void EmptyState::show(const std::string &name, const QString &heading, const QSt
     title->setText(heading);
     line->setText(text);
     line->setVisible(!text.isEmpty());
+    line->setFixedHeight(line->heightForWidth(line->width()));
 }
 
 void EmptyState::applyAppearance()
@@ -551,6 +552,7 @@ RowFace ActionsList::face(int row) const
     return {.title = shownText(action.title),
             .icon = CommandIcon::symbol(symbol),
             .badge = action.role == ActionRole::normal ? QString() : shownText(rawValue(action.role)),
+            .grave = action.role == ActionRole::destructive,
             .keys = keyNames(keys)};
 }
 
@@ -594,18 +596,18 @@ PaletteFooter::PaletteFooter(Appearance &appearance, IconStore &icons, PaletteSt
     connect(actions, &QAbstractButton::clicked, this, [this] { this->state.toggleActions(); });
 
     auto *line = new QHBoxLayout(this);
-    line->setContentsMargins(Metrics::margin, 1, Metrics::margin, 0);
-    line->setSpacing(8);
+    line->setContentsMargins(Metrics::margin, 1, Metrics::margin - hintGap / 2, 0);
+    line->setSpacing(0);
     line->addWidget(name);
-    line->addSpacing(4);
+    auto *marks = new QHBoxLayout;
+    marks->setContentsMargins(16, 0, 0, 0);
+    marks->setSpacing(8);
     for (QWidget *one : std::initializer_list<QWidget *>{filesMark, filesText, busyMark})
-        line->addWidget(one);
+        marks->addWidget(one);
+    line->addLayout(marks);
     line->addStretch();
-    line->addWidget(preview);
-    line->addWidget(arguments);
-    line->addSpacing(-4);
-    line->addWidget(actions);
-    line->addWidget(hint);
+    for (QWidget *one : std::initializer_list<QWidget *>{preview, arguments, actions, hint})
+        line->addWidget(one);
 }
 
 void PaletteFooter::refresh()

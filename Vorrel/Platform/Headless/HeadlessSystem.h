@@ -51,7 +51,7 @@ public:
         Choice choice;
     };
     const std::vector<Question> &asked() const { return _asked; } ///< All, the oldest first.
-    bool standing() const { return !waiting.empty(); }            ///< Whether a dialog waits for its answer.
+    bool standing() const { return !waiting.empty(); } ///< Whether a dialog waits for its answer.
 
     /// Answers the oldest dialog that stands or, without one, the next that comes: "Allow", a choice of
     /// `paths`, a failure taken note of.
@@ -79,9 +79,9 @@ class HeadlessPasteboard final : public Pasteboard {
 public:
     Task<bool> setText(std::string text) override;
 
-    bool refuses = false;            ///< Takes nothing, and keeps what it has.
+    bool refuses = false; ///< Takes nothing, and keeps what it has.
     std::optional<std::string> text; ///< What is on the clipboard.
-    int writes = 0;                  ///< How many texts were taken.
+    int writes = 0; ///< How many texts were taken.
 };
 
 /// The first instance's ear for signals of the same process.

@@ -126,7 +126,8 @@ public:
     {
         for (const auto &language : languages)
             for (const auto &form : formsOf(language))
-                if (const auto value = text(group, key + "[" + form + "]"); value && isValidUTF8(*value) && !trimmed(*value).empty())
+                if (const auto value = text(group, key + "[" + form + "]");
+                    value && isValidUTF8(*value) && !trimmed(*value).empty())
                     return std::string(trimmed(*value));
         const auto plain = displayable(text(group, key).value_or(""));
         return std::string(trimmed(plain));
@@ -137,7 +138,8 @@ private:
 
     std::optional<std::string> rawValue(const char *group, const std::string &key) const
     {
-        const std::unique_ptr<char, decltype(&g_free)> value(g_key_file_get_value(keys.get(), group, key.c_str(), nullptr), &g_free);
+        const std::unique_ptr<char, decltype(&g_free)> value(
+            g_key_file_get_value(keys.get(), group, key.c_str(), nullptr), &g_free);
         return value ? std::optional<std::string>(value.get()) : std::nullopt;
     }
 
@@ -206,7 +208,10 @@ bool canBeTried(const KeyFile &file, const std::string &searchPath)
 }
 
 /// Whether something can be started: a command line that may be processed, or, without one, by D-Bus.
-bool startable(const std::string &exec, bool dbusActivatable) { return exec.empty() ? dbusActivatable : ExecLine::parse(exec).has_value(); }
+bool startable(const std::string &exec, bool dbusActivatable)
+{
+    return exec.empty() ? dbusActivatable : ExecLine::parse(exec).has_value();
+}
 
 std::vector<DesktopAction> readActions(const KeyFile &file, const DesktopEntry &entry, const Strings &languages)
 {
@@ -217,7 +222,7 @@ std::vector<DesktopAction> readActions(const KeyFile &file, const DesktopEntry &
         if (id.empty() || known || !file.has(group.c_str()))
             continue;
         DesktopAction action{id, file.localized(group.c_str(), "Name", languages), file.text(group.c_str(), "Exec").value_or(""),
-                             file.localized(group.c_str(), "Icon", languages)};
+            file.localized(group.c_str(), "Icon", languages)};
         if (!action.name.empty() && startable(action.exec, entry.dbusActivatable))
             actions.push_back(std::move(action));
     }
@@ -297,7 +302,8 @@ std::vector<std::string> DesktopEntries::roots() const
 {
     // The preferred ones first, so that of two mentions of a folder the preferred one stays.
     Strings folders{environment.dataHome};
-    const Strings exports{environment.dataHome + "/flatpak/exports/share", "/var/lib/flatpak/exports/share", "/var/lib/snapd/desktop"};
+    const Strings exports{
+        environment.dataHome + "/flatpak/exports/share", "/var/lib/flatpak/exports/share", "/var/lib/snapd/desktop"};
     for (const auto &folder : exports)
         if (!contains(environment.dataDirs, folder))
             folders.push_back(folder);

@@ -142,7 +142,7 @@ private:
 
     /// Watches a folder and those below it. False when there is no such folder.
     bool watchContent(int client, const std::string &folder, int depth, std::set<std::pair<dev_t, ino_t>> &entered,
-                      std::map<int, Watched> &into)
+        std::map<int, Watched> &into)
     {
         struct stat status { };
         if (depth > deepestFolder || ::stat(folder.c_str(), &status) != 0 || !S_ISDIR(status.st_mode))

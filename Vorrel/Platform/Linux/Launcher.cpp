@@ -27,9 +27,8 @@ constexpr std::array<std::string_view, 2> tokenVariables{"XDG_ACTIVATION_TOKEN",
 
 bool isTokenVariable(std::string_view variable)
 {
-    return std::any_of(tokenVariables.begin(), tokenVariables.end(), [&](auto name) {
-        return variable.size() > name.size() && variable.starts_with(name) && variable[name.size()] == '=';
-    });
+    return std::any_of(tokenVariables.begin(), tokenVariables.end(),
+        [&](auto name) { return variable.size() > name.size() && variable.starts_with(name) && variable[name.size()] == '='; });
 }
 
 Strings withoutToken(Strings environment)
@@ -68,12 +67,9 @@ struct Terminal {
 
 /// The first two are the system's own choice.
 constexpr std::array<Terminal, 19> terminals{{{"x-terminal-emulator", "-e"}, {"xdg-terminal-exec", ""}, {"gnome-terminal", "--"},
-                                              {"ptyxis", "--"},              {"kgx", "--"},             {"konsole", "-e"},
-                                              {"xfce4-terminal", "-x"},      {"mate-terminal", "-x"},   {"tilix", "-e"},
-                                              {"terminator", "-x"},          {"foot", ""},              {"kitty", ""},
-                                              {"alacritty", "-e"},           {"ghostty", "-e"},         {"wezterm", "-e"},
-                                              {"urxvt", "-e"},               {"rxvt", "-e"},            {"st", "-e"},
-                                              {"xterm", "-e"}}};
+    {"ptyxis", "--"}, {"kgx", "--"}, {"konsole", "-e"}, {"xfce4-terminal", "-x"}, {"mate-terminal", "-x"}, {"tilix", "-e"},
+    {"terminator", "-x"}, {"foot", ""}, {"kitty", ""}, {"alacritty", "-e"}, {"ghostty", "-e"}, {"wezterm", "-e"}, {"urxvt", "-e"},
+    {"rxvt", "-e"}, {"st", "-e"}, {"xterm", "-e"}}};
 
 Strings joined(std::string program, std::string_view separator, Strings command)
 {
@@ -92,7 +88,8 @@ std::vector<std::string> inTerminal(const std::vector<std::string> &environment,
     if (const std::string chosen(environmentValue(environment, "TERMINAL")); !chosen.empty())
         if (auto program = findProgram(chosen, searchPath)) {
             const auto name = fs::path(chosen).filename().native();
-            const auto known = std::find_if(terminals.begin(), terminals.end(), [&](const auto &one) { return one.program == name; });
+            const auto known =
+                std::find_if(terminals.begin(), terminals.end(), [&](const auto &one) { return one.program == name; });
             return joined(*program, known == terminals.end() ? "-e" : known->separator, std::move(command));
         }
     for (const auto &one : terminals)
@@ -171,11 +168,12 @@ public:
         const auto line = ExecLine::parse(exec);
         if (!line)
             throw std::runtime_error("no command line");
-        return spawn(*entry, line->words({.arguments = request.arguments,
-                                          .target = request.target,
-                                          .name = action ? action->name : entry->name,
-                                          .icon = action && !action->icon.empty() ? action->icon : entry->icon,
-                                          .location = request.path}));
+        return spawn(*entry,
+            line->words({.arguments = request.arguments,
+                .target = request.target,
+                .name = action ? action->name : entry->name,
+                .icon = action && !action->icon.empty() ? action->icon : entry->icon,
+                .location = request.path}));
     }
 
 private:
@@ -214,8 +212,8 @@ private:
             for (const auto key : {"activation-token", "desktop-startup-id"})
                 g_variant_builder_add(&platform, "{sv}", key, g_variant_new_string(request.token.c_str()));
         if (!request.actionId.empty())
-            return connection.call(application, "ActivateAction",
-                                   g_variant_new("(sava{sv})", request.actionId.c_str(), nullptr, &platform));
+            return connection.call(
+                application, "ActivateAction", g_variant_new("(sava{sv})", request.actionId.c_str(), nullptr, &platform));
         if (!request.target)
             return connection.call(application, "Activate", g_variant_new("(a{sv})", &platform));
         const char *const addresses[] = {request.target->uri.c_str(), nullptr};
@@ -248,8 +246,8 @@ private:
 
 DesktopLauncher::DesktopLauncher(Options options) :
     pool(std::move(options.pool)), environment(withoutToken(std::move(options.environment))),
-    _desktop(DesktopEnvironment::from(variablesOf(environment))), _sessionBus(linuxBusAddresses(variablesOf(environment)).session),
-    activationToken(std::move(options.activationToken))
+    _desktop(DesktopEnvironment::from(variablesOf(environment))),
+    _sessionBus(linuxBusAddresses(variablesOf(environment)).session), activationToken(std::move(options.activationToken))
 {
 }
 
@@ -282,7 +280,8 @@ Task<void> DesktopLauncher::start(Request request)
     // An actor for each launch: one that waits for a slow service does not hold up the next.
     Actor actor(pool);
     const std::string identifier = identifierOf(request.path);
-    auto work = [job = Work(std::move(request), environment, _desktop, _sessionBus)](std::stop_token) mutable { return job.run(); };
+    auto work = [job = Work(std::move(request), environment, _desktop, _sessionBus)](
+                    std::stop_token) mutable { return job.run(); };
     const Executor threads = pool;
     const std::string bus = _sessionBus;
     const auto program = co_await actor.run(std::move(work));

@@ -1,6 +1,5 @@
 #include "Vorrel/Platform/Linux/LinuxEnvironment.h"
 
-#include <cstdlib>
 #include <pwd.h>
 #include <unistd.h>
 
@@ -44,14 +43,6 @@ std::vector<std::string> pieces(std::string_view list)
 
 } // namespace
 
-Environment processEnvironment()
-{
-    return [](std::string_view name) -> std::optional<std::string> {
-        const char *const value = std::getenv(std::string(name).c_str());
-        return value ? std::optional<std::string>(value) : std::nullopt;
-    };
-}
-
 std::optional<std::string> nonEmpty(const Environment &environment, std::string_view name)
 {
     auto value = environment(name);
@@ -87,8 +78,7 @@ BusAddresses linuxBusAddresses(const Environment &environment)
         addresses.session = *session;
     else if (const auto runtime = folderNamed(environment, "XDG_RUNTIME_DIR"))
         addresses.session = "unix:path=" + *runtime + "/bus";
-    addresses.system =
-        nonEmpty(environment, "DBUS_SYSTEM_BUS_ADDRESS").value_or("unix:path=/run/dbus/system_bus_socket");
+    addresses.system = nonEmpty(environment, "DBUS_SYSTEM_BUS_ADDRESS").value_or("unix:path=/run/dbus/system_bus_socket");
     return addresses;
 }
 

@@ -8,15 +8,12 @@
 #include <string_view>
 #include <vector>
 
-/// What the program takes from its environment. Nothing below the programs' entry reads the process's own
-/// variables: they come through an `Environment`.
+/// What the program takes from its environment. Nothing here reads the process's own variables: they come
+/// through an `Environment`.
 namespace korvane {
 
 /// The value of a variable, if it is set.
 using Environment = std::function<std::optional<std::string>(std::string_view name)>;
-
-/// The process's own variables.
-Environment processEnvironment();
 
 /// The value of a variable that is set to more than nothing.
 std::optional<std::string> nonEmpty(const Environment &environment, std::string_view name);

@@ -75,7 +75,7 @@ SystemOutcome suspendMachine(const Surroundings &surroundings, const std::stop_t
 
 bool isFolder(const std::string &path)
 {
-    struct stat status{};
+    struct stat status { };
     return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
@@ -96,8 +96,7 @@ Shown showFolder(const Surroundings &surroundings, const std::string &path, cons
     if (!path.starts_with('/') || !isFolder(path))
         return Shown::NoFolder;
     const auto bus = MessageBus::open(surroundings.buses.session, surroundings.limit, stop);
-    const Outcome outcome =
-        bus ? bus->call(fileManager, "ShowFolders", showFoldersArguments(path)).outcome : Outcome::absent;
+    const Outcome outcome = bus ? bus->call(fileManager, "ShowFolders", showFoldersArguments(path)).outcome : Outcome::absent;
     // One that is still starting has the request: asking another would show two windows.
     return outcome == Outcome::done || outcome == Outcome::late ? Shown::Yes : Shown::Unanswered;
 }

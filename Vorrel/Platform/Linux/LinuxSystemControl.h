@@ -18,7 +18,7 @@ public:
         std::string session = {}; ///< The login session's identifier; empty when the environment has none.
         TrashPlaces trash;
         std::string applications = "/usr/share/applications"; ///< What "/Applications" opens.
-        Milliseconds limit{5000};                             ///< For connecting to a bus, and for each call.
+        Milliseconds limit{5000}; ///< For connecting to a bus, and for each call.
     };
     static Surroundings surroundingsOf(const Environment &environment, const UserFolders &folders);
 

@@ -50,7 +50,8 @@ std::string contentType(const std::string &path)
 
 std::string entryPath(GAppInfo *application)
 {
-    const char *path = G_IS_DESKTOP_APP_INFO(application) ? g_desktop_app_info_get_filename(G_DESKTOP_APP_INFO(application)) : nullptr;
+    const char *path =
+        G_IS_DESKTOP_APP_INFO(application) ? g_desktop_app_info_get_filename(G_DESKTOP_APP_INFO(application)) : nullptr;
     return path ? path : "";
 }
 

@@ -53,8 +53,8 @@ GDBusConnection *connect(const std::string &address, Milliseconds limit, GCancel
     g_source_attach(timer, context);
 
     Opening opening;
-    constexpr auto flags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT
-                                                             | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
+    constexpr auto flags = static_cast<GDBusConnectionFlags>(
+        G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
     g_dbus_connection_new_for_address(address.c_str(), flags, nullptr, cancellable, opened, &opening);
     while (!opening.finished)
         g_main_context_iteration(context, TRUE);
@@ -117,7 +117,7 @@ BusReply MessageBus::call(const BusObject &object, const char *method, GVariant 
     GError *error = nullptr;
     GVariant *const values =
         g_dbus_connection_call_sync(connection, object.service.c_str(), object.path.c_str(), object.interface.c_str(), method,
-                                    arguments, nullptr, G_DBUS_CALL_FLAGS_NONE, static_cast<int>(limit.count()), cancellable.get(), &error);
+            arguments, nullptr, G_DBUS_CALL_FLAGS_NONE, static_cast<int>(limit.count()), cancellable.get(), &error);
     if (values)
         return BusReply{BusReply::Outcome::done, std::shared_ptr<GVariant>(values, g_variant_unref)};
     const BusReply reply{outcomeOf(error)};

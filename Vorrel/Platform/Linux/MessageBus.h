@@ -23,8 +23,8 @@ struct BusReply {
     enum class Outcome {
         done,
         refused, ///< The service said no, or failed.
-        late,    ///< The service has not answered in time.
-        absent   ///< There is no such service, or it does not know what it was asked.
+        late, ///< The service has not answered in time.
+        absent ///< There is no such service, or it does not know what it was asked.
     };
     Outcome outcome = Outcome::absent;
     std::shared_ptr<GVariant> values = {}; ///< The tuple that the service returned; only when done.

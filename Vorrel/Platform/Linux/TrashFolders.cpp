@@ -32,7 +32,7 @@ struct Identity {
 
 std::optional<struct stat> statusOf(const Descriptor &file)
 {
-    struct stat status{};
+    struct stat status { };
     return ::fstat(file.get(), &status) == 0 ? std::optional(status) : std::nullopt;
 }
 
@@ -115,7 +115,7 @@ private:
     struct Level {
         std::string name; // in the level above
         Identity identity;
-        Names kept;       // what could not be removed
+        Names kept; // what could not be removed
     };
 
     /// Removes files and empty folders here, up to the first folder that has to be emptied before: `found`.
@@ -218,8 +218,8 @@ bool emptyTrash(const Descriptor &trash, const std::stop_token &stop)
 /// it there, and it holds nothing of the user's; in the user's own folder it is a failure.
 enum class Foreign { Ignore, Fail };
 
-bool emptyIfThere(const Descriptor &parent, const std::string &name, const TrashPlaces &places, Foreign foreign,
-                  const std::stop_token &stop)
+bool emptyIfThere(
+    const Descriptor &parent, const std::string &name, const TrashPlaces &places, Foreign foreign, const std::stop_token &stop)
 {
     const Descriptor trash(::openat(parent.get(), name.c_str(), folderFlags));
     if (!trash && errno == ENOENT)
@@ -285,10 +285,10 @@ std::string unescaped(std::string_view word)
 /// File systems that hold no files of a user, or that a mere look would mount.
 bool isPseudo(std::string_view type)
 {
-    static constexpr std::array<std::string_view, 27> pseudo{
-        "autofs",   "binfmt_misc", "bpf",   "cgroup", "cgroup2",    "configfs",   "debugfs",    "devpts",   "devtmpfs",
-        "efivarfs", "fusectl",     "fuse.gvfsd-fuse", "fuse.portal", "fuse.snapfuse", "hugetlbfs", "mqueue", "nsfs", "proc",
-        "pstore",   "ramfs",       "rpc_pipefs", "securityfs", "selinuxfs", "squashfs", "sysfs", "tracefs", "none"};
+    static constexpr std::array<std::string_view, 27> pseudo{"autofs", "binfmt_misc", "bpf", "cgroup", "cgroup2", "configfs",
+        "debugfs", "devpts", "devtmpfs", "efivarfs", "fusectl", "fuse.gvfsd-fuse", "fuse.portal", "fuse.snapfuse", "hugetlbfs",
+        "mqueue", "nsfs", "proc", "pstore", "ramfs", "rpc_pipefs", "securityfs", "selinuxfs", "squashfs", "sysfs", "tracefs",
+        "none"};
     return std::ranges::find(pseudo, type) != pseudo.end();
 }
 

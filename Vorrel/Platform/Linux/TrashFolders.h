@@ -12,9 +12,9 @@ namespace korvane {
 
 /// Where to look for trash.
 struct TrashPlaces {
-    std::string dataHome;                        ///< Holds the home's trash. Empty: there is none.
+    std::string dataHome; ///< Holds the home's trash. Empty: there is none.
     std::string mounts = "/proc/self/mountinfo"; ///< The table of mounted volumes, in the kernel's format.
-    uid_t user = 0;                              ///< Whose trash.
+    uid_t user = 0; ///< Whose trash.
 };
 
 /// The folders at which real, writable volumes of a mount table are mounted, in its order, each once.

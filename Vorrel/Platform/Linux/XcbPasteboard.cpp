@@ -67,7 +67,7 @@ public:
         const xcb_screen_t *const screen = ::xcb_setup_roots_iterator(::xcb_get_setup(connection)).data;
         const std::uint32_t events = XCB_EVENT_MASK_PROPERTY_CHANGE;
         ::xcb_create_window(connection, XCB_COPY_FROM_PARENT, window, screen->root, -1, -1, 1, 1, 0,
-                            XCB_WINDOW_CLASS_INPUT_OUTPUT, XCB_COPY_FROM_PARENT, XCB_CW_EVENT_MASK, &events);
+            XCB_WINDOW_CLASS_INPUT_OUTPUT, XCB_COPY_FROM_PARENT, XCB_CW_EVENT_MASK, &events);
         const auto now = serverTime();
         if (!now)
             return false;
@@ -118,9 +118,8 @@ private:
 
     bool internAtoms()
     {
-        static constexpr std::array<std::string_view, atomCount> names{
-            "CLIPBOARD", "TARGETS", "TIMESTAMP", "MULTIPLE", "ATOM_PAIR", "INCR", "UTF8_STRING", "TEXT", "text/plain",
-            "text/plain;charset=utf-8", "_KORVANE_CLOCK"};
+        static constexpr std::array<std::string_view, atomCount> names{"CLIPBOARD", "TARGETS", "TIMESTAMP", "MULTIPLE",
+            "ATOM_PAIR", "INCR", "UTF8_STRING", "TEXT", "text/plain", "text/plain;charset=utf-8", "_KORVANE_CLOCK"};
         std::array<xcb_intern_atom_cookie_t, atomCount> cookies{};
         for (std::size_t i = 0; i < atomCount; ++i)
             cookies[i] = ::xcb_intern_atom(connection, 0, static_cast<std::uint16_t>(names[i].size()), names[i].data());
@@ -201,8 +200,8 @@ private:
     bool convert(xcb_window_t requestor, xcb_atom_t target, xcb_atom_t property)
     {
         if (target == atom(targets)) {
-            const std::array<xcb_atom_t, 8> offered{atom(targets),     atom(timestamp), atom(multiple),      atom(utf8String),
-                                                    XCB_ATOM_STRING,   atom(plainText), atom(textPlainUTF8), atom(textPlain)};
+            const std::array<xcb_atom_t, 8> offered{atom(targets), atom(timestamp), atom(multiple), atom(utf8String),
+                XCB_ATOM_STRING, atom(plainText), atom(textPlainUTF8), atom(textPlain)};
             set(requestor, property, XCB_ATOM_ATOM, 32, offered.size(), offered.data());
         } else if (target == atom(timestamp)) {
             set(requestor, property, XCB_ATOM_INTEGER, 32, 1, &taken);
@@ -236,10 +235,11 @@ private:
         return true;
     }
 
-    void set(xcb_window_t requestor, xcb_atom_t property, xcb_atom_t type, std::uint8_t format, std::size_t count, const void *data)
+    void set(
+        xcb_window_t requestor, xcb_atom_t property, xcb_atom_t type, std::uint8_t format, std::size_t count, const void *data)
     {
-        ::xcb_change_property(connection, XCB_PROP_MODE_REPLACE, requestor, property, type, format,
-                              static_cast<std::uint32_t>(count), data);
+        ::xcb_change_property(
+            connection, XCB_PROP_MODE_REPLACE, requestor, property, type, format, static_cast<std::uint32_t>(count), data);
     }
 
     /// The most bytes that one request carries, with room for its own head.

@@ -7,10 +7,14 @@ using Actions = std::vector<AppLaunchAction>;
 
 namespace {
 
-const Actions chrome{{"new-window", "New Window", {"--new-window"}}, {"incognito", "New Incognito Window", {"--incognito", "--new-window"}}};
-const Actions edge{{"new-window", "New Window", {"--new-window"}}, {"inprivate", "New InPrivate Window", {"--inprivate", "--new-window"}}};
-const Actions brave{{"new-window", "New Window", {"--new-window"}}, {"private", "New Private Window", {"--incognito", "--new-window"}}};
-const Actions code{{"new-window", "New Window", {"--new-window"}}, {"folder", "Open Folder…", {"--new-window"}}, {"diff", "Diff Two Files", {"--diff"}}};
+const Actions chrome{
+    {"new-window", "New Window", {"--new-window"}}, {"incognito", "New Incognito Window", {"--incognito", "--new-window"}}};
+const Actions edge{
+    {"new-window", "New Window", {"--new-window"}}, {"inprivate", "New InPrivate Window", {"--inprivate", "--new-window"}}};
+const Actions brave{
+    {"new-window", "New Window", {"--new-window"}}, {"private", "New Private Window", {"--incognito", "--new-window"}}};
+const Actions code{{"new-window", "New Window", {"--new-window"}}, {"folder", "Open Folder…", {"--new-window"}},
+    {"diff", "Diff Two Files", {"--diff"}}};
 const Actions codium{{"new-window", "New Window", {"--new-window"}}};
 
 } // namespace

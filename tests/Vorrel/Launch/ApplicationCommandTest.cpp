@@ -22,7 +22,7 @@ struct ApplicationCommandTest : testing::Test {
     HeadlessWorkspace workspace;
     std::shared_ptr<ApplicationService> service = std::make_shared<ApplicationService>(
         ApplicationService::Ports{loop.executor(), clock, std::make_shared<ApplicationIndexer>(loop.executor(), source), source,
-                                  launcher, workspace, {disk.path, std::nullopt}});
+            launcher, workspace, {disk.path, std::nullopt}});
 
     Row row(std::string identifier, std::vector<ApplicationOwnAction> own = {})
     {
@@ -124,8 +124,8 @@ TEST_F(ApplicationCommandTest, OwnActionsOfAnUnknownApplicationStandBetweenOpenA
 
 TEST_F(ApplicationCommandTest, TheCatalogueGoesBeforeOwnActions)
 {
-    EXPECT_EQ(ids(row("codium", {{"new-empty-window", "New Empty Window"}})),
-              (Strings{"open", "new-window", "reveal", "arguments"}));
+    EXPECT_EQ(
+        ids(row("codium", {{"new-empty-window", "New Empty Window"}})), (Strings{"open", "new-window", "reveal", "arguments"}));
 }
 
 TEST_F(ApplicationCommandTest, ARowThatOutlivesTheServiceFailsWithASentence)

@@ -3,8 +3,8 @@
 #include "tests/support/Await.h"
 #include "tests/support/DiskFolder.h"
 
-#include <gtest/gtest.h>
 #include <atomic>
+#include <gtest/gtest.h>
 #include <thread>
 #include <unistd.h>
 
@@ -222,8 +222,8 @@ TEST_F(ApplicationIndexerTest, OwnActionsAreReadWithTheScanUnlessTheCatalogueKno
 TEST_F(ApplicationIndexerTest, TheRootsOfBundlesStandInTheirOrder)
 {
     EXPECT_EQ(Strings(bundleRoots.begin(), bundleRoots.end()),
-              (Strings{"/Applications", "~/Applications", "/System/Applications", "/System/Library/CoreServices/Applications",
-                       "/System/Volumes/Preboot/Cryptexes/App/System/Applications"}));
+        (Strings{"/Applications", "~/Applications", "/System/Applications", "/System/Library/CoreServices/Applications",
+            "/System/Volumes/Preboot/Cryptexes/App/System/Applications"}));
 }
 
 TEST(ApplicationIndexerThreads, TwoScansNeverRunAtOnceAndNeverOnTheCallersThread)

@@ -50,7 +50,8 @@ struct ApplicationServiceTest : testing::Test {
 
     std::shared_ptr<ApplicationService> makeService(FolderWatcher *watcher)
     {
-        ApplicationService::Ports ports{loop.executor(), clock, indexer, source, launcher, workspace, {disk.path, std::nullopt}, watcher};
+        ApplicationService::Ports ports{
+            loop.executor(), clock, indexer, source, launcher, workspace, {disk.path, std::nullopt}, watcher};
         auto made = std::make_shared<ApplicationService>(std::move(ports));
         made->onIndexChange = [this] { ++changes; };
         return made;
@@ -146,8 +147,8 @@ TEST_F(ApplicationServiceTest, ACancelledRefreshLeavesTheScanToTheOthers)
 
 TEST_F(ApplicationServiceTest, WithAllRootsMissingTheListIsEmptyAndTheChangeIsStillTold)
 {
-    ApplicationService::Ports ports{loop.executor(), clock, std::make_shared<ApplicationIndexer>(loop.executor(), source),
-                                    source, launcher, workspace, {disk.path, std::nullopt}};
+    ApplicationService::Ports ports{loop.executor(), clock, std::make_shared<ApplicationIndexer>(loop.executor(), source), source,
+        launcher, workspace, {disk.path, std::nullopt}};
     const auto real = std::make_shared<ApplicationService>(std::move(ports));
     real->onIndexChange = [this] { ++changes; };
     await(loop, real->refresh());
@@ -333,7 +334,8 @@ TEST_F(ApplicationServiceTest, SearchFindsVisualStudioCodeByKeywordWhateverItsNa
 
 TEST_F(ApplicationServiceTest, SearchFindsTheSameEditorByItsDesktopIdentifiers)
 {
-    indexer->records = {{"A", "code", "/a/x.desktop"}, {"B", "com.visualstudio.code", "/a/y.desktop"}, {"C", "codium", "/a/z.desktop"}};
+    indexer->records = {
+        {"A", "code", "/a/x.desktop"}, {"B", "com.visualstudio.code", "/a/y.desktop"}, {"C", "codium", "/a/z.desktop"}};
     refresh();
     EXPECT_EQ(found("vscode"), (Strings{"A", "B"}));
 }
@@ -341,7 +343,7 @@ TEST_F(ApplicationServiceTest, SearchFindsTheSameEditorByItsDesktopIdentifiers)
 TEST_F(ApplicationServiceTest, SearchRanksByTitleThenKeywordAndKeepsTheListsOrderForEqualScores)
 {
     indexer->records = {{"Amail", "x", "/1.app"}, {"Letters", "org.mail", "/2.app"}, {"Mail", "y", "/3.app"},
-                        {"Mailbox", "z", "/4.app"}, {"Post", "org.mail2", "/5.app"}, {"Web", "w", "/6.app"}};
+        {"Mailbox", "z", "/4.app"}, {"Post", "org.mail2", "/5.app"}, {"Web", "w", "/6.app"}};
     refresh();
     EXPECT_EQ(found("mail"), (Strings{"Mail", "Mailbox", "Amail", "Letters", "Post"}));
 }
@@ -427,7 +429,7 @@ TEST(ApplicationRecordTest, IsWrittenUnderExactlyItsThreeKeys)
 {
     const ApplicationRecord record{"Mail", "com.apple.mail", "/Applications/Mail.app", {{"new", "New"}}};
     EXPECT_EQ(record.json().encodedString(),
-              R"({"bundleIdentifier":"com.apple.mail","name":"Mail","path":"\/Applications\/Mail.app"})");
+        R"({"bundleIdentifier":"com.apple.mail","name":"Mail","path":"\/Applications\/Mail.app"})");
 }
 
 TEST(ApplicationRecordTest, APathThatIsNoTextIsShownAndItsBytesStandBeside)

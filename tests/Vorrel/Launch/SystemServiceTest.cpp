@@ -11,7 +11,10 @@ using namespace korvane;
 using namespace korvane::test;
 
 namespace korvane {
-void PrintTo(const AppError &error, std::ostream *out) { *out << static_cast<int>(error.kind()) << ": " << error.errorDescription(); }
+void PrintTo(const AppError &error, std::ostream *out)
+{
+    *out << static_cast<int>(error.kind()) << ": " << error.errorDescription();
+}
 } // namespace korvane
 
 namespace {
@@ -42,7 +45,7 @@ TEST_F(SystemServiceTest, AFolderIsOpenedWithTheTildeAsHome)
     for (const char *path : {"~", "~/Downloads", "/Applications", "/tmp/~", "~ada"})
         EXPECT_EQ(failureOf(service.openDirectory(path)), std::nullopt) << path;
     EXPECT_EQ(desktop.system.requests(),
-              (Strings{"open /home/ada", "open /home/ada/Downloads", "open /Applications", "open /tmp/~", "open ~ada"}));
+        (Strings{"open /home/ada", "open /home/ada/Downloads", "open /Applications", "open /tmp/~", "open ~ada"}));
 }
 
 TEST_F(SystemServiceTest, AFolderThatDoesNotOpenIsAFailureThatTheUserCanMend)
@@ -63,13 +66,14 @@ TEST_F(SystemServiceTest, LockScreenWithoutTheAccessibilityRightNamesTheSettings
 {
     desktop.system.lockOutcome = SystemOutcome::refused;
     EXPECT_EQ(failureOf(service.lockScreen()),
-              AppError(permission, "Enable Korvane in System Settings → Privacy & Security → Accessibility to lock the screen."));
+        AppError(permission, "Enable Korvane in System Settings → Privacy & Security → Accessibility to lock the screen."));
 }
 
 TEST_F(SystemServiceTest, LockScreenWithoutAServiceSaysThatItCouldNotAsk)
 {
     desktop.system.lockOutcome = SystemOutcome::unavailable;
-    EXPECT_EQ(failureOf(service.lockScreen()), AppError(AppError::Kind::toolExecution, "Could not create the lock-screen event."));
+    EXPECT_EQ(
+        failureOf(service.lockScreen()), AppError(AppError::Kind::toolExecution, "Could not create the lock-screen event."));
 }
 
 TEST_F(SystemServiceTest, SleepTellsARefusalFromAMissingService)

@@ -21,7 +21,8 @@ protected:
     void observe()
     {
         AppLog::observe([this](std::string_view category, AppLog::Level level, std::string_view message) {
-            lines.push_back(std::string(category) + (level == AppLog::Level::error ? " error: " : " info: ") + std::string(message));
+            lines.push_back(
+                std::string(category) + (level == AppLog::Level::error ? " error: " : " info: ") + std::string(message));
         });
     }
     Strings lines;
@@ -88,7 +89,7 @@ TEST_F(AppLogDeathTest, AProgramWhoseStandardErrorIsAnInterfaceIsSilentButObserv
         std::exit(observed);
     };
     EXPECT_EXIT(silentProgram(), testing::ExitedWithCode(1),
-                testing::AllOf(testing::HasSubstr("the end"), testing::Not(testing::HasSubstr("unseen"))));
+        testing::AllOf(testing::HasSubstr("the end"), testing::Not(testing::HasSubstr("unseen"))));
 }
 
 TEST(AppLogThreads, ManyThreadsLogWhileObserversComeAndGo)

@@ -175,7 +175,7 @@ TEST_F(SingleInstanceLockTest, FolderAndFileBelongToTheUserAlone)
 {
     Instance first(folders);
     ASSERT_TRUE(first.run());
-    struct stat status{};
+    struct stat status { };
     ASSERT_EQ(::stat(lockFile().c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0600U);
     ASSERT_EQ(::stat(lockFile().parent_path().c_str(), &status), 0);

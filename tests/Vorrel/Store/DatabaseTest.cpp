@@ -630,6 +630,20 @@ TEST_F(DatabaseConnections, AHeldLockRefusesEveryWriteAndLosesNothing)
     EXPECT_EQ(names(), "theirs ours");
 }
 
+TEST_F(DatabaseConnections, TheWaitForALockIsAsLongAsTheOpenerAskedFor)
+{
+    OtherProgram other(file);
+    other.run("BEGIN IMMEDIATE");
+    const auto openWith = [&](Milliseconds patience) {
+        return outcomeOf([&] { await(Database::open(loop.executor(), file, Access::readWrite, {}, patience)); });
+    };
+    EXPECT_EQ(openWith(0ms), couldNotMigrate);
+    other.run("ROLLBACK");
+    EXPECT_EQ(openWith(0ms), "done");
+    const auto patient = await(Database::open(loop.executor(), file, Access::readWrite, {}, 30s));
+    EXPECT_EQ(value(patient, "SELECT timeout AS value FROM pragma_busy_timeout"), "30000");
+}
+
 TEST(DatabaseLockSlow, AWriteWaitsThreeSecondsForALockAndThenSaysSo)
 {
     TestStore store;

@@ -89,6 +89,19 @@ TEST_F(StoreThreads, CancellingFromTheMainThreadEndsAQueryThatRuns)
     EXPECT_FALSE(exists(file + "-wal"));
 }
 
+TEST_F(StoreThreads, ATaskThatIsCancelledAlreadyDoesNotWaitForItsTurn)
+{
+    const auto database = open();
+    Begun<SQLRows> running(loop, database->rows(endless));
+    loop.runUntilIdle();
+    Begun<SQLRows> late(loop, database->rows("SELECT 1"));
+    late.cancel();
+    EXPECT_EQ(outcomeOf([&] { late.result(); }), "cancelled");
+    EXPECT_FALSE(running.done());
+    running.cancel();
+    EXPECT_EQ(outcomeOf([&] { running.result(); }), "cancelled");
+}
+
 TEST_F(StoreThreads, CancellingAtAnyMomentGivesTheRowsOrTheCancellation)
 {
     const auto database = open();

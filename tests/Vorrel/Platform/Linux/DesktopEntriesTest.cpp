@@ -1,6 +1,6 @@
+#include "Vorrel/Platform/Linux/DesktopEntries.h"
 #include "Support/MainLoop.h"
 #include "Vorrel/Launch/ApplicationService.h"
-#include "Vorrel/Platform/Linux/DesktopEntries.h"
 #include "tests/support/Await.h"
 #include "tests/support/DiskFolder.h"
 
@@ -29,7 +29,10 @@ std::string listing(const std::string &bytes, const DesktopEnvironment &environm
     return read->masks || !read->shown ? "(masked)" : read->name;
 }
 
-DesktopEnvironment german() { return {.dataHome = {}, .dataDirs = {}, .currentDesktop = {"ubuntu", "GNOME"}, .languages = {"de_AT.UTF-8"}, .path = "/bin"}; }
+DesktopEnvironment german()
+{
+    return {.dataHome = {}, .dataDirs = {}, .currentDesktop = {"ubuntu", "GNOME"}, .languages = {"de_AT.UTF-8"}, .path = "/bin"};
+}
 
 DesktopEnvironment speaking(Strings languages)
 {
@@ -45,8 +48,9 @@ DesktopEnvironment on(Strings desktop)
     return environment;
 }
 
-const std::string translated = "Name=Files\nName[de]=Dateien\nName[de_AT]=Dateien Wien\nName[sr@latin]=Datoteke\nName[sr]=Датотеке\n"
-                               "Name[fr]=Fichiers\nExec=files\n";
+const std::string translated =
+    "Name=Files\nName[de]=Dateien\nName[de_AT]=Dateien Wien\nName[sr@latin]=Datoteke\nName[sr]=Датотеке\n"
+    "Name[fr]=Fichiers\nExec=files\n";
 
 } // namespace
 
@@ -60,7 +64,7 @@ TEST(DesktopEntryTest, IsListedByTheRules)
     } cases[] = {
         {"the least that an application needs", entry(plain), german(), "Tool"},
         {"comments, blank lines and blanks round the sign do not matter",
-         "# a comment\n\n[Desktop Entry]\nType = Application\n# another\nName = Tool\nExec = tool\n", german(), "Tool"},
+            "# a comment\n\n[Desktop Entry]\nType = Application\n# another\nName = Tool\nExec = tool\n", german(), "Tool"},
         {"line ends of another system", "[Desktop Entry]\r\nType=Application\r\nName=Tool\r\nExec=tool\r\n", german(), "Tool"},
         {"no line end after the last line", entry("Name=Tool\nExec=tool"), german(), "Tool"},
         {"keys of others are passed over", entry(plain + "X-Vendor-Key=1\nVersion=9.9\n"), german(), "Tool"},
@@ -77,7 +81,8 @@ TEST(DesktopEntryTest, IsListedByTheRules)
         {"and only then", entry("Name=Tool\nDBusActivatable=false\n"), german(), "(nothing)"},
         {"a command line that must not be processed", entry("Name=Tool\nExec=tool \"a\n"), german(), "(nothing)"},
         {"the group of an entry must be there", "[Other]\nType=Application\nName=Tool\nExec=tool\n", german(), "(nothing)"},
-        {"a group of another name is not looked into", "[Other]\nHidden=true\n[Desktop Entry]\nType=Application\nName=Tool\nExec=tool\n", german(), "Tool"},
+        {"a group of another name is not looked into",
+            "[Other]\nHidden=true\n[Desktop Entry]\nType=Application\nName=Tool\nExec=tool\n", german(), "Tool"},
         {"lines before the first group", "Name=X\n" + entry(plain), german(), "(nothing)"},
         {"a line that is no key", entry(plain + "nonsense\n"), german(), "(nothing)"},
         {"an empty file says nothing when it is parsed", "", german(), "(nothing)"},
@@ -113,7 +118,8 @@ TEST(DesktopEntryTest, IsListedByTheRules)
         {"not on this desktop", entry(plain + "NotShowIn=GNOME;\n"), german(), "(masked)"},
         {"not on another desktop", entry(plain + "NotShowIn=KDE;\n"), german(), "Tool"},
         {"the most specific name decides for showing", entry(plain + "OnlyShowIn=ubuntu;\nNotShowIn=GNOME;\n"), german(), "Tool"},
-        {"the most specific name decides against it", entry(plain + "OnlyShowIn=GNOME;\nNotShowIn=ubuntu;\n"), german(), "(masked)"},
+        {"the most specific name decides against it", entry(plain + "OnlyShowIn=GNOME;\nNotShowIn=ubuntu;\n"), german(),
+            "(masked)"},
         {"on an unknown desktop what belongs to one is not shown", entry(plain + "OnlyShowIn=GNOME;\n"), on({}), "(masked)"},
         {"on an unknown desktop the rest is", entry(plain + "NotShowIn=GNOME;\n"), on({}), "Tool"},
 
@@ -138,8 +144,9 @@ TEST(DesktopEntryTest, IsListedByTheRules)
 
 TEST(DesktopEntryTest, TellsHowTheApplicationIsStarted)
 {
-    const auto read = DesktopEntry::parse(entry("Name=Tool\nExec=tool \\\\\\\\x\\s\"a\\\"b\"\nPath=/srv\nTerminal=true\nIcon=pen\nDBusActivatable=true\n"),
-                                          german());
+    const auto read = DesktopEntry::parse(
+        entry("Name=Tool\nExec=tool \\\\\\\\x\\s\"a\\\"b\"\nPath=/srv\nTerminal=true\nIcon=pen\nDBusActivatable=true\n"),
+        german());
     ASSERT_TRUE(read);
     EXPECT_EQ(read->exec, R"(tool \\x "a\"b")") << "general escapes are undone, others left to the command line";
     EXPECT_EQ(read->workingDirectory, "/srv");
@@ -155,7 +162,8 @@ TEST(DesktopEntryTest, BrokenActionsAreLeftOut)
         std::string lines;
         Strings actions;
     } cases[] = {
-        {"in the order of the list", "Actions=b;a;\n[Desktop Action a]\nName=A\nExec=a\n[Desktop Action b]\nName=B\nExec=b\n", {"b=B", "a=A"}},
+        {"in the order of the list", "Actions=b;a;\n[Desktop Action a]\nName=A\nExec=a\n[Desktop Action b]\nName=B\nExec=b\n",
+            {"b=B", "a=A"}},
         {"the title in the user's language", "Actions=a\n[Desktop Action a]\nName=New\nName[de]=Neu\nExec=a\n", {"a=Neu"}},
         {"one that is not in the list", "[Desktop Action a]\nName=A\nExec=a\n", {}},
         {"one without a group", "Actions=a;b\n[Desktop Action b]\nName=B\nExec=b\n", {"b=B"}},
@@ -164,7 +172,8 @@ TEST(DesktopEntryTest, BrokenActionsAreLeftOut)
         {"one whose command must not be processed", "Actions=a\n[Desktop Action a]\nName=A\nExec=a %z\n", {}},
         {"one without a command that the bus starts", "DBusActivatable=true\nActions=a\n[Desktop Action a]\nName=A\n", {"a=A"}},
         {"one that is listed twice", "Actions=a;a;\n[Desktop Action a]\nName=A\nExec=a\n", {"a=A"}},
-        {"empty names in the list", "Actions=;;a;\n[Desktop Action ]\nName=X\nExec=x\n[Desktop Action a]\nName=A\nExec=a\n", {"a=A"}},
+        {"empty names in the list", "Actions=;;a;\n[Desktop Action ]\nName=X\nExec=x\n[Desktop Action a]\nName=A\nExec=a\n",
+            {"a=A"}},
         {"the list escapes its separator", "Actions=a\\;b;\n[Desktop Action a;b]\nName=A\nExec=a\n", {"a;b=A"}},
     };
     for (const auto &c : cases) {
@@ -199,7 +208,11 @@ namespace {
 struct DesktopEntriesTest : testing::Test {
     DiskFolder disk;
     MainLoop loop;
-    DesktopEnvironment environment{.dataHome = disk / "home", .dataDirs = {disk / "local", disk / "usr"}, .currentDesktop = {}, .languages = {}, .path = "/bin"};
+    DesktopEnvironment environment{.dataHome = disk / "home",
+        .dataDirs = {disk / "local", disk / "usr"},
+        .currentDesktop = {},
+        .languages = {},
+        .path = "/bin"};
 
     std::string put(const std::string &name, const std::string &lines) { return disk.file(name, entry(lines)); }
     Strings listed()
@@ -218,19 +231,27 @@ struct DesktopEntriesTest : testing::Test {
 
 TEST_F(DesktopEntriesTest, RootsGoFromTheLeastToTheMostPreferred)
 {
-    environment = {.dataHome = "/home/ada/.local/share", .dataDirs = {"/usr/local/share", "/usr/share"}, .currentDesktop = {}, .languages = {}, .path = {}};
+    environment = {.dataHome = "/home/ada/.local/share",
+        .dataDirs = {"/usr/local/share", "/usr/share"},
+        .currentDesktop = {},
+        .languages = {},
+        .path = {}};
     EXPECT_EQ(DesktopEntries(environment).roots(),
-              (Strings{"/usr/share/applications", "/usr/local/share/applications", "/var/lib/snapd/desktop/applications",
-                       "/var/lib/flatpak/exports/share/applications", "/home/ada/.local/share/flatpak/exports/share/applications",
-                       "/home/ada/.local/share/applications"}));
+        (Strings{"/usr/share/applications", "/usr/local/share/applications", "/var/lib/snapd/desktop/applications",
+            "/var/lib/flatpak/exports/share/applications", "/home/ada/.local/share/flatpak/exports/share/applications",
+            "/home/ada/.local/share/applications"}));
 }
 
 TEST_F(DesktopEntriesTest, ExportsThatTheSessionKnowsKeepTheirPlaceAndNoFolderIsARootTwice)
 {
-    environment = {.dataHome = "/h", .dataDirs = {"/var/lib/snapd/desktop", "/usr/share", "/h", "/usr/share"}, .currentDesktop = {}, .languages = {}, .path = {}};
+    environment = {.dataHome = "/h",
+        .dataDirs = {"/var/lib/snapd/desktop", "/usr/share", "/h", "/usr/share"},
+        .currentDesktop = {},
+        .languages = {},
+        .path = {}};
     EXPECT_EQ(DesktopEntries(environment).roots(),
-              (Strings{"/usr/share/applications", "/var/lib/snapd/desktop/applications", "/var/lib/flatpak/exports/share/applications",
-                       "/h/flatpak/exports/share/applications", "/h/applications"}));
+        (Strings{"/usr/share/applications", "/var/lib/snapd/desktop/applications", "/var/lib/flatpak/exports/share/applications",
+            "/h/flatpak/exports/share/applications", "/h/applications"}));
 }
 
 TEST_F(DesktopEntriesTest, TheEnvironmentHasDefaultsForWhatIsUnsetEmptyOrRelative)
@@ -246,8 +267,8 @@ TEST_F(DesktopEntriesTest, TheEnvironmentHasDefaultsForWhatIsUnsetEmptyOrRelativ
     EXPECT_EQ(unset.dataDirs, (Strings{"/usr/local/share", "/usr/share"}));
     EXPECT_EQ(unset.languages, Strings{});
     EXPECT_EQ(from({{"HOME", "/h"}, {"XDG_DATA_HOME", "relative"}, {"XDG_DATA_DIRS", ""}}).dataHome, "/h/.local/share");
-    const auto set = from({{"HOME", "/h"}, {"XDG_DATA_HOME", "/d/"}, {"XDG_DATA_DIRS", "relative:/a//::/b"}, {"XDG_CURRENT_DESKTOP", "ubuntu:GNOME"},
-                           {"LANGUAGE", "de:fr"}, {"LANG", "it_IT"}, {"PATH", "/bin"}});
+    const auto set = from({{"HOME", "/h"}, {"XDG_DATA_HOME", "/d/"}, {"XDG_DATA_DIRS", "relative:/a//::/b"},
+        {"XDG_CURRENT_DESKTOP", "ubuntu:GNOME"}, {"LANGUAGE", "de:fr"}, {"LANG", "it_IT"}, {"PATH", "/bin"}});
     EXPECT_EQ(set.dataHome, "/d");
     EXPECT_EQ(set.dataDirs, (Strings{"/a", "/b"}));
     EXPECT_EQ(set.currentDesktop, (Strings{"ubuntu", "GNOME"}));
@@ -341,7 +362,8 @@ TEST_F(DesktopEntriesTest, ANameThatIsNoTextKeepsItsBytes)
 
 TEST_F(DesktopEntriesTest, OwnActionsComeInTheEntrysOrder)
 {
-    const auto path = put("usr/applications/tool.desktop", plain + "Actions=b;a;\n[Desktop Action a]\nName=A\nExec=a\n[Desktop Action b]\nName=B\nExec=b\n");
+    const auto path = put("usr/applications/tool.desktop",
+        plain + "Actions=b;a;\n[Desktop Action a]\nName=A\nExec=a\n[Desktop Action b]\nName=B\nExec=b\n");
     EXPECT_EQ(DesktopEntries(environment).actions(path), (OwnActions{{"b", "B"}, {"a", "A"}}));
     EXPECT_EQ(DesktopEntries(environment).actions(disk / "none.desktop"), OwnActions{});
 }

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <optional>
 #include <sys/stat.h>
 
@@ -176,21 +177,21 @@ TEST_F(FolderMonitorThreads, AFinishedStreamEndsItsWatch)
     EXPECT_TRUE(speaks(next)) << "and the next watch begins afresh";
 }
 
-TEST_F(FolderMonitorThreads, AFloodOfChangesBeyondTheQueueIsStillToldOf)
+TEST_F(FolderMonitorThreads, WhatTheSystemCouldNotTellIsLookedUp)
 {
-    disk.folder("apps");
+    int longest = 0;
+    std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> longest;
+    if (longest <= 0 || longest > 200'000)
+        GTEST_SKIP() << "the system's queue is too long to fill";
+    const auto first = disk.file("apps/a"), second = disk.file("apps/b");
     auto heard = listener({disk / "apps"});
-    // More than the system keeps for one reader by default; names differ, so that it cannot join them.
     EXPECT_TRUE(hears(heard, [&] {
-        for (int i = 0; i < 6000; ++i) {
-            const auto name = disk / "apps/" + std::to_string(i);
-            ::mkdir(name.c_str(), 0700);
-            ::rmdir(name.c_str());
-            ::mkdir((name + "x").c_str(), 0700);
-            ::rmdir((name + "x").c_str());
-        }
+        // In turns, because the system joins equal events; nobody reads meanwhile.
+        for (int i = 0; i <= longest; ++i)
+            ::chmod((i % 2 ? first : second).c_str(), 0600 | static_cast<mode_t>(i & 1));
+        disk.folder("apps/late"); // its event finds the queue full
     }));
-    EXPECT_TRUE(hears(heard, [&] { disk.file("apps/a"); })) << "and of what comes after";
+    EXPECT_TRUE(hears(heard, [&] { disk.file("apps/late/c"); }));
 }
 
 TEST_F(FolderMonitorThreads, TheMonitorMayGoWhileSomebodyListens)

@@ -86,9 +86,18 @@ protected:
         return await(loop, adapter->openFolder(path));
     }
 
-    MockService screenSaver() const { return {session, "org.freedesktop.ScreenSaver", "/org/freedesktop/ScreenSaver", "org.freedesktop.ScreenSaver"}; }
-    MockService loginManager() const { return {system, "org.freedesktop.login1", "/org/freedesktop/login1", "org.freedesktop.login1.Manager"}; }
-    MockService fileManager() const { return {session, "org.freedesktop.FileManager1", "/org/freedesktop/FileManager1", "org.freedesktop.FileManager1"}; }
+    MockService screenSaver() const
+    {
+        return {session, "org.freedesktop.ScreenSaver", "/org/freedesktop/ScreenSaver", "org.freedesktop.ScreenSaver"};
+    }
+    MockService loginManager() const
+    {
+        return {system, "org.freedesktop.login1", "/org/freedesktop/login1", "org.freedesktop.login1.Manager"};
+    }
+    MockService fileManager() const
+    {
+        return {session, "org.freedesktop.FileManager1", "/org/freedesktop/FileManager1", "org.freedesktop.FileManager1"};
+    }
 
     PrivateBus session, system;
     fs::path root;
@@ -312,7 +321,7 @@ TEST_F(LinuxSystemControlThreads, TheActivationSignalIsOnTheBusWhenPostReturns)
     };
     g_dbus_connection_add_filter(session.connection(), count, nullptr, nullptr);
     session.call("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "AddMatch",
-                 g_variant_new("(s)", "type='signal',interface='dev.korvane'"));
+        g_variant_new("(s)", "type='signal',interface='dev.korvane'"));
     LinuxActivationSender(session.address()).post();
     // The bus answers after what it had before, so the signal has come by now.
     session.call("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetId", nullptr);

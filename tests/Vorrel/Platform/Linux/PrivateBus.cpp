@@ -69,7 +69,8 @@ Process::Process(std::vector<std::string> command, std::vector<std::string> vari
         ::posix_spawn_file_actions_adddup2(&files, output, STDOUT_FILENO);
     else
         ::posix_spawn_file_actions_addopen(&files, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-    const int error = ::posix_spawnp(&child, command[0].c_str(), &files, nullptr, pointers(command).data(), pointers(environment).data());
+    const int error =
+        ::posix_spawnp(&child, command[0].c_str(), &files, nullptr, pointers(command).data(), pointers(environment).data());
     ::posix_spawn_file_actions_destroy(&files);
     if (error != 0) {
         child = 0;
@@ -96,15 +97,15 @@ PrivateBus::PrivateBus()
         return;
     const Descriptor read(ends[0]);
     Descriptor write(ends[1]);
-    daemon = std::make_unique<Process>(
-        std::vector<std::string>{"dbus-daemon", "--nofork", "--nopidfile", "--print-address=1", "--config-file=" + folder + "/bus.conf"},
+    daemon = std::make_unique<Process>(std::vector<std::string>{"dbus-daemon", "--nofork", "--nopidfile", "--print-address=1",
+                                           "--config-file=" + folder + "/bus.conf"},
         std::vector<std::string>(), write.get());
     write.reset();
     _address = firstLine(read);
     GError *error = nullptr;
-    _connection = g_dbus_connection_new_for_address_sync(
-        _address.c_str(),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+    _connection = g_dbus_connection_new_for_address_sync(_address.c_str(),
+        static_cast<GDBusConnectionFlags>(
+            G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
         nullptr, nullptr, &error);
     if (!_connection) {
         ADD_FAILURE() << "no private bus: " << error->message;
@@ -123,13 +124,13 @@ PrivateBus::~PrivateBus()
 }
 
 std::shared_ptr<GVariant> PrivateBus::call(const std::string &name, const std::string &path, const std::string &interface,
-                                           const std::string &method, GVariant *arguments) const
+    const std::string &method, GVariant *arguments) const
 {
     if (!_connection)
         return nullptr;
     GError *error = nullptr;
-    GVariant *const values = g_dbus_connection_call_sync(_connection, name.c_str(), path.c_str(), interface.c_str(), method.c_str(), arguments,
-                                                         nullptr, G_DBUS_CALL_FLAGS_NONE, answerLimit, nullptr, &error);
+    GVariant *const values = g_dbus_connection_call_sync(_connection, name.c_str(), path.c_str(), interface.c_str(),
+        method.c_str(), arguments, nullptr, G_DBUS_CALL_FLAGS_NONE, answerLimit, nullptr, &error);
     if (values)
         return {values, g_variant_unref};
     ADD_FAILURE() << method << ": " << error->message;
@@ -141,8 +142,8 @@ bool PrivateBus::waitFor(const std::string &name) const
 {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(answerLimit);
     while (std::chrono::steady_clock::now() < deadline) {
-        const auto answer =
-            call("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "NameHasOwner", g_variant_new("(s)", name.c_str()));
+        const auto answer = call("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "NameHasOwner",
+            g_variant_new("(s)", name.c_str()));
         if (!answer)
             return false;
         gboolean owned = FALSE;
@@ -158,7 +159,7 @@ bool PrivateBus::waitFor(const std::string &name) const
 MockService::MockService(const PrivateBus &bus, std::string name, std::string path, std::string interface) :
     bus(bus), name(std::move(name)), path(std::move(path)), interface(std::move(interface)),
     process({"/usr/bin/python3", "-m", "dbusmock", "--session", this->name, this->path, this->interface},
-            {"DBUS_SESSION_BUS_ADDRESS=" + bus.address(), "LD_PRELOAD=", "PYTHONDONTWRITEBYTECODE=1"})
+        {"DBUS_SESSION_BUS_ADDRESS=" + bus.address(), "LD_PRELOAD=", "PYTHONDONTWRITEBYTECODE=1"})
 {
     bus.waitFor(this->name);
 }
@@ -166,7 +167,7 @@ MockService::MockService(const PrivateBus &bus, std::string name, std::string pa
 void MockService::method(const std::string &method, const std::string &in, const std::string &out, const std::string &code)
 {
     bus.call(name, path, "org.freedesktop.DBus.Mock", "AddMethod",
-             g_variant_new("(sssss)", interface.c_str(), method.c_str(), in.c_str(), out.c_str(), code.c_str()));
+        g_variant_new("(sssss)", interface.c_str(), method.c_str(), in.c_str(), out.c_str(), code.c_str()));
 }
 
 void MockService::refuse(const std::string &method, const std::string &in)
@@ -181,7 +182,7 @@ void MockService::object(const std::string &path, const std::string &interface, 
     g_variant_builder_init(&methods, G_VARIANT_TYPE("a(ssss)"));
     g_variant_builder_add(&methods, "(ssss)", method.c_str(), "", "", "");
     bus.call(name, this->path, "org.freedesktop.DBus.Mock", "AddObject",
-             g_variant_new("(ssa{sv}a(ssss))", path.c_str(), interface.c_str(), &properties, &methods));
+        g_variant_new("(ssa{sv}a(ssss))", path.c_str(), interface.c_str(), &properties, &methods));
 }
 
 std::vector<std::string> MockService::calls(const std::string &path, const std::string &method) const

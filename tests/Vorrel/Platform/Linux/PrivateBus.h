@@ -33,7 +33,7 @@ public:
     const std::string &address() const { return _address; }
     /// Calls a method of the service `name` and gives its results; null, and a failed test, when that failed.
     std::shared_ptr<GVariant> call(const std::string &name, const std::string &path, const std::string &interface,
-                                   const std::string &method, GVariant *arguments) const;
+        const std::string &method, GVariant *arguments) const;
     /// Waits until `name` has an owner. False, and a failed test, after ten seconds.
     bool waitFor(const std::string &name) const;
     GDBusConnection *connection() const { return _connection; }

@@ -37,8 +37,8 @@ protected:
         fs::create_directories(root / "disk");
         fs::create_directories(root / "a stick");
         write(root / "mounts",
-              "21 1 8:1 / " + (root / "disk").string() + " rw,relatime shared:1 - ext4 /dev/sda1 rw\n"
-                  + "22 1 8:2 / " + root.string() + "/a\\040stick rw - vfat /dev/sdb1 rw\n");
+            "21 1 8:1 / " + (root / "disk").string() + " rw,relatime shared:1 - ext4 /dev/sda1 rw\n" + "22 1 8:2 / "
+                + root.string() + "/a\\040stick rw - vfat /dev/sdb1 rw\n");
         places = TrashPlaces{(root / "share").string(), (root / "mounts").string(), ::getuid()};
     }
     ~TrashFoldersTest() override { fs::remove_all(root); }
@@ -258,14 +258,20 @@ TEST(TrashVolumes, OnlyRealWritableVolumesAreRead)
     } cases[] = {
         {"nothing", "", {}},
         {"a plain volume", "36 35 98:0 / /mnt rw,noatime master:1 - ext4 /dev/sda rw\n", {"/mnt"}},
-        {"no tags, several tags", "1 0 8:1 / /a rw - xfs /dev/a rw\n2 0 8:1 / /b rw shared:1 master:2 - xfs /dev/b rw", {"/a", "/b"}},
-        {"blanks, tabs, line ends and backslashes in a name", "1 0 8:1 / /my\\040disk\\011a\\012b\\134c rw - ext4 /dev/a rw\n", {"/my disk\ta\nb\\c"}},
+        {"no tags, several tags", "1 0 8:1 / /a rw - xfs /dev/a rw\n2 0 8:1 / /b rw shared:1 master:2 - xfs /dev/b rw",
+            {"/a", "/b"}},
+        {"blanks, tabs, line ends and backslashes in a name", "1 0 8:1 / /my\\040disk\\011a\\012b\\134c rw - ext4 /dev/a rw\n",
+            {"/my disk\ta\nb\\c"}},
         {"a backslash that is no escape", "1 0 8:1 / /a\\9\\04 rw - ext4 /dev/a rw\n", {"/a\\9\\04"}},
-        {"pseudo file systems", "1 0 0:1 / /proc rw - proc proc rw\n2 0 0:2 / /sys rw - sysfs sysfs rw\n3 0 0:3 / /net rw - autofs x rw\n", {}},
-        {"what cannot be written", "1 0 8:1 / /cd ro,nosuid - iso9660 /dev/sr0 ro\n2 0 8:1 / /b ro - ext4 /dev/b rw\n3 0 8:1 / /c rw - ext4 /dev/c ro\n", {"/c"}},
+        {"pseudo file systems",
+            "1 0 0:1 / /proc rw - proc proc rw\n2 0 0:2 / /sys rw - sysfs sysfs rw\n3 0 0:3 / /net rw - autofs x rw\n", {}},
+        {"what cannot be written",
+            "1 0 8:1 / /cd ro,nosuid - iso9660 /dev/sr0 ro\n2 0 8:1 / /b ro - ext4 /dev/b rw\n3 0 8:1 / /c rw - ext4 /dev/c ro\n",
+            {"/c"}},
         {"the same folder twice", "1 0 8:1 / /a rw - ext4 /dev/a rw\n2 0 8:2 / /a rw - ext4 /dev/b rw\n", {"/a"}},
         {"lines that are too short", "1 0 8:1 / /a rw\n1 0 - ext4\n-\n - \n1 0 8:1 / /b rw -\n", {}},
-        {"a network share and a memory disk", "1 0 0:5 / /share rw - nfs4 host:/x rw\n2 0 0:6 / /tmp rw - tmpfs tmpfs rw\n", {"/share", "/tmp"}},
+        {"a network share and a memory disk", "1 0 0:5 / /share rw - nfs4 host:/x rw\n2 0 0:6 / /tmp rw - tmpfs tmpfs rw\n",
+            {"/share", "/tmp"}},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.why);

@@ -1,0 +1,321 @@
+// The real program on a real desktop: started, typed into, killed. Runs inside with-desktop.sh, which gives it a
+// display, a session bus and a home of its own. Every wait looks again until a deadline.
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fcntl.h>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <string>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using Strings = std::vector<std::string>;
+
+namespace {
+
+bool soon(const std::function<bool()> &truth, std::chrono::milliseconds limit = 8s)
+{
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!truth()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(20ms);
+    }
+    return true;
+}
+
+std::string contentOf(const fs::path &path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(file), {});
+}
+
+/// One started program whose standard error goes to a file. Killed at the end if it still runs.
+class Program {
+public:
+    explicit Program(const Strings &words, const Strings &without = {})
+    {
+        std::string pattern = fs::temp_directory_path() / "korvane-program-XXXXXX";
+        log = pattern;
+        const int descriptor = ::mkstemp(log.data());
+        pid = ::fork();
+        if (pid == 0) {
+            ::dup2(descriptor, STDERR_FILENO);
+            ::dup2(::open("/dev/null", O_RDWR), STDOUT_FILENO);
+            for (const auto &name : without)
+                ::unsetenv(name.c_str());
+            std::vector<char *> pointers;
+            for (const auto &word : words)
+                pointers.push_back(const_cast<char *>(word.c_str()));
+            pointers.push_back(nullptr);
+            ::execvp(pointers[0], pointers.data());
+            ::_exit(127);
+        }
+        ::close(descriptor);
+    }
+    ~Program()
+    {
+        if (!exitStatus()) {
+            ::kill(pid, SIGKILL);
+            ::waitpid(pid, nullptr, 0);
+        }
+        fs::remove(log);
+    }
+    Program(const Program &) = delete;
+
+    void signal(int number) const { ::kill(pid, number); }
+    /// As `waitpid` gives it, once the program has ended.
+    std::optional<int> exitStatus()
+    {
+        if (!status) {
+            int now = 0;
+            if (::waitpid(pid, &now, WNOHANG) == pid)
+                status = now;
+        }
+        return status;
+    }
+    std::string said() const { return contentOf(log); }
+    bool says(const std::string &text) const { return said().find(text) != std::string::npos; }
+    bool ready() const
+    {
+        return soon([this] { return says("Korvane is ready"); });
+    }
+
+    pid_t pid = -1;
+
+private:
+    std::string log;
+    std::optional<int> status;
+};
+
+const std::string korvane = KORVANE_BINARIES "/korvane";
+
+std::string output(const std::string &command)
+{
+    std::string text;
+    if (FILE *pipe = ::popen((command + " 2>/dev/null").c_str(), "r")) {
+        char bytes[4096];
+        while (const std::size_t count = std::fread(bytes, 1, sizeof bytes, pipe))
+            text.append(bytes, count);
+        ::pclose(pipe);
+    }
+    return text;
+}
+
+/// Window of the program that is on the screen; empty without one.
+std::string windowOf(const Program &program)
+{
+    std::string id = output("xdotool search --onlyvisible --pid " + std::to_string(program.pid));
+    while (!id.empty() && id.back() == '\n')
+        id.pop_back();
+    return id.substr(id.rfind('\n') + 1);
+}
+
+bool appears(const Program &program)
+{
+    return soon([&] { return !windowOf(program).empty(); });
+}
+
+bool disappears(const Program &program)
+{
+    return soon([&] { return windowOf(program).empty(); });
+}
+
+bool takesKeyboard(const Program &program)
+{
+    return soon([&] { return output("xdotool getwindowfocus") == windowOf(program) + "\n"; });
+}
+
+bool aliveProcess(pid_t pid)
+{
+    const std::string stat = contentOf("/proc/" + std::to_string(pid) + "/stat");
+    const auto bracket = stat.rfind(')');
+    return bracket != std::string::npos && stat.size() > bracket + 2 && stat[bracket + 2] != 'Z';
+}
+
+/// An application that notes its process and its environment and then stays.
+class ProbeApplication {
+public:
+    ProbeApplication()
+    {
+        folder = fs::path(::getenv("HOME")) / "probe";
+        fs::create_directories(folder);
+        fs::create_directories(entries());
+        std::ofstream(folder / "probe.sh") << "#!/bin/sh\nenv -0 > " << (folder / "environment.part").string() << "\necho $$ > "
+                                           << (folder / "pid.part").string() << "\nmv " << (folder / "environment.part").string() << " "
+                                           << (folder / "environment").string() << "\nmv " << (folder / "pid.part").string() << " "
+                                           << (folder / "pid").string() << "\nexec sleep 60\n";
+        fs::permissions(folder / "probe.sh", fs::perms::owner_all);
+    }
+    ~ProbeApplication()
+    {
+        if (started())
+            ::kill(pid(), SIGKILL);
+        fs::remove(entries() / "zebraprobe.desktop");
+        fs::remove_all(folder);
+    }
+    void install() const
+    {
+        std::ofstream(entries() / "zebraprobe.desktop")
+            << "[Desktop Entry]\nType=Application\nName=Zebraprobe\nExec=" << (folder / "probe.sh").string() << "\n";
+    }
+    bool started() const { return fs::exists(folder / "pid"); }
+    pid_t pid() const { return pid_t(std::stol(contentOf(folder / "pid"))); }
+    Strings environment() const
+    {
+        Strings all;
+        std::string text = contentOf(folder / "environment");
+        for (std::size_t at = 0; at < text.size();) {
+            const auto end = text.find('\0', at);
+            all.push_back(text.substr(at, end - at));
+            at = end == std::string::npos ? text.size() : end + 1;
+        }
+        return all;
+    }
+
+private:
+    static fs::path entries() { return fs::path(::getenv("XDG_DATA_HOME")) / "applications"; }
+    fs::path folder;
+};
+
+void type(const std::string &text)
+{
+    output("xdotool type --delay 10 -- '" + text + "'");
+}
+
+void press(const std::string &key)
+{
+    output("xdotool key " + key);
+}
+
+} // namespace
+
+TEST(Program, OfTwentySimultaneousStartsExactlyOneStays)
+{
+    std::vector<std::unique_ptr<Program>> all;
+    for (int i = 0; i < 20; ++i)
+        all.push_back(std::make_unique<Program>(Strings{korvane}));
+    const auto ended = [&] {
+        return std::count_if(all.begin(), all.end(), [](auto &one) { return one->exitStatus().has_value(); });
+    };
+    ASSERT_TRUE(soon([&] { return ended() == 19; }, 20s));
+    std::this_thread::sleep_for(500ms);
+    EXPECT_EQ(ended(), 19);
+    for (auto &one : all) {
+        if (const auto status = one->exitStatus()) {
+            EXPECT_EQ(*status, 0);
+            EXPECT_TRUE(one->says("Another Korvane instance already holds the lock; asking it to come forward, then exiting"));
+        } else {
+            EXPECT_TRUE(one->ready());
+        }
+    }
+}
+
+TEST(Program, ASecondLaunchShowsThePaletteAndAThirdHidesIt)
+{
+    Program first({korvane});
+    ASSERT_TRUE(first.ready());
+    EXPECT_EQ(windowOf(first), "");
+    for (const bool shows : {true, false, true}) {
+        Program next({korvane, "--settings"});
+        ASSERT_TRUE(soon([&] { return next.exitStatus().has_value(); }));
+        EXPECT_EQ(next.exitStatus(), 0);
+        EXPECT_TRUE(shows ? appears(first) : disappears(first));
+    }
+}
+
+TEST(Program, EndsInOrderOnSigtermAndOnSigint)
+{
+    for (const int number : {SIGTERM, SIGINT}) {
+        Program program({korvane, "--show"});
+        ASSERT_TRUE(program.ready());
+        ASSERT_TRUE(appears(program));
+        program.signal(number);
+        ASSERT_TRUE(soon([&] { return program.exitStatus().has_value(); }));
+        EXPECT_EQ(program.exitStatus(), 0) << "left through its own door, not by the signal";
+    }
+}
+
+TEST(Program, AKilledInstanceLeavesItsPlaceFree)
+{
+    {
+        Program program({korvane});
+        ASSERT_TRUE(program.ready());
+        program.signal(SIGKILL);
+        ASSERT_TRUE(soon([&] { return program.exitStatus().has_value(); }));
+    }
+    Program next({korvane});
+    EXPECT_TRUE(next.ready());
+}
+
+TEST(Program, WithoutADisplayItSaysSoAndEnds)
+{
+    Program program({korvane}, {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"});
+    ASSERT_TRUE(soon([&] { return program.exitStatus().has_value(); }));
+    EXPECT_EQ(WEXITSTATUS(*program.exitStatus()), 1);
+    EXPECT_TRUE(program.says("Korvane needs a display."));
+}
+
+TEST(Program, AnEntryInstalledWhileItRunsIsFoundTypedAndStartedAndOutlivesIt)
+{
+    const ProbeApplication probe;
+    Program program({korvane, "--show"});
+    ASSERT_TRUE(program.ready());
+    ASSERT_TRUE(appears(program));
+    ASSERT_TRUE(takesKeyboard(program));
+    probe.install();
+    std::this_thread::sleep_for(1s); // the promise: within a second
+    type("zebrap");
+    press("Return");
+    ASSERT_TRUE(soon([&] { return probe.started(); }));
+    EXPECT_TRUE(disappears(program));
+    const auto environment = probe.environment();
+    for (const std::string &variable : environment) {
+        EXPECT_FALSE(variable.starts_with("KORVANE_")) << variable;
+        if (variable.starts_with("QT_")) {
+            const std::string name = variable.substr(0, variable.find('='));
+            EXPECT_TRUE(::getenv(name.c_str())) << variable << " was not there when Korvane started";
+        }
+    }
+    program.signal(SIGKILL);
+    ASSERT_TRUE(soon([&] { return program.exitStatus().has_value(); }));
+    std::this_thread::sleep_for(300ms);
+    EXPECT_TRUE(aliveProcess(probe.pid()));
+}
+
+TEST(Program, EscapeHidesAndTheNextShowingBeginsEmpty)
+{
+    Program program({korvane, "--show"});
+    ASSERT_TRUE(program.ready());
+    ASSERT_TRUE(appears(program));
+    ASSERT_TRUE(takesKeyboard(program));
+    type("zebrap");
+    press("Escape");
+    EXPECT_TRUE(disappears(program));
+    Program again({korvane});
+    ASSERT_TRUE(appears(program));
+    ASSERT_TRUE(takesKeyboard(program));
+    press("Escape");
+    EXPECT_TRUE(disappears(program));
+}
+
+TEST(Program, ACopyMadeByTheCompanionStaysOfferedAfterItHasEnded)
+{
+    // The companion has no command that copies yet; the clipboard's own process is exercised through xclip's eyes.
+    const std::string owner = KORVANE_BINARIES "/copy_probe";
+    Program copy({owner, "kept text, 文字"});
+    ASSERT_TRUE(soon([&] { return copy.exitStatus().has_value(); }));
+    EXPECT_EQ(copy.exitStatus(), 0);
+    EXPECT_EQ(output("timeout 3 xclip -selection clipboard -o"), "kept text, 文字");
+    output("echo other | xclip -selection clipboard -i");
+    EXPECT_EQ(output("timeout 3 xclip -selection clipboard -o"), "other\n");
+}
