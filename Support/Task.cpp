@@ -29,7 +29,8 @@ public:
         auto shared = std::make_shared<Handler>(std::move(handler));
         std::function<void()> wake = [executor, shared, self = weak] {
             auto alive = self.lock();
-            asio::post(executor, [alive, shared] { std::move (*shared)(alive->error); });
+            // Given away, so that the error ends with the waiter and not on the thread that failed.
+            asio::post(executor, [alive, shared] { std::move (*shared)(std::exchange(alive->error, nullptr)); });
         };
         std::function<void()> now;
         {

@@ -55,16 +55,22 @@ void IconStore::keep(const QString &key, const QImage &image)
     cache.insert(key, new QPixmap(QPixmap::fromImage(image)), std::max<qsizetype>(64, image.sizeInBytes()));
 }
 
+QPixmap IconStore::drawSymbol(std::string_view name, int size, qreal ratio, const QColor &color)
+{
+    useIconResources();
+    QColor solid = color;
+    solid.setAlpha(255);
+    QByteArray svg = svgOf(name);
+    svg.replace("currentColor", solid.name().toLatin1());
+    return drawn(svg, size, ratio);
+}
+
 QPixmap IconStore::symbol(std::string_view name, int size, qreal ratio, const QColor &color)
 {
     const QString key = QStringLiteral("symbol:%1:%2:%3:%4").arg(fromUtf8(name)).arg(size).arg(ratio).arg(color.rgba());
     if (const QPixmap *known = cache.object(key))
         return *known;
-    QColor solid = color;
-    solid.setAlpha(255);
-    QByteArray svg = svgOf(name);
-    svg.replace("currentColor", solid.name().toLatin1());
-    const QPixmap picture = drawn(svg, size, ratio);
+    const QPixmap picture = drawSymbol(name, size, ratio, color);
     cache.insert(key, new QPixmap(picture), qsizetype(picture.width()) * picture.height() * 4);
     return picture;
 }

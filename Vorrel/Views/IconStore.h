@@ -33,6 +33,8 @@ public:
     /// The icon of a file, if it is there. `Loading` says that `arrived` will be called.
     Look file(const std::string &path, int size, qreal ratio, QPixmap &icon);
 
+    /// The same drawn anew each time, for what is seldom shown.
+    static QPixmap drawSymbol(std::string_view name, int size, qreal ratio, const QColor &color);
     /// The program's own mark.
     static QPixmap mark(int size, qreal ratio);
 

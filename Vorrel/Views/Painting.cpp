@@ -56,7 +56,7 @@ void drawKeys(QPainter &painter, const Appearance &appearance, const QStringList
 void styleScrollBar(QScrollBar &bar, const Theme &theme)
 {
     const QString thumb = theme.dark ? QStringLiteral("rgba(255,255,255,44)") : QStringLiteral("rgba(0,0,0,40)");
-    bar.setStyleSheet(QStringLiteral("QScrollBar:vertical{background:transparent;border:none;width:8px;margin:4px 2px 4px 0}"
+    bar.setStyleSheet(QStringLiteral("QScrollBar:vertical{background:transparent;border:none;width:8px;margin:4px 2px}"
                                      "QScrollBar::handle:vertical{background:%1;border-radius:3px;min-height:32px}"
                                      "QScrollBar::add-line,QScrollBar::sub-line{height:0;border:none}"
                                      "QScrollBar::add-page,QScrollBar::sub-page{background:transparent}")

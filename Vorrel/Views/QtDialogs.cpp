@@ -2,6 +2,7 @@
 
 #include "Vorrel/Shell/L10n.h"
 #include "Vorrel/Views/Appearance.h"
+#include "Vorrel/Views/IconStore.h"
 #include "Vorrel/Views/Painting.h"
 #include "Vorrel/Views/ViewText.h"
 #include "Vorrel/Views/X11Window.h"
@@ -11,26 +12,68 @@
 #include <QFile>
 #include <QFileDialog>
 #include <QLabel>
+#include <QMouseEvent>
+#include <QPainter>
+#include <QPainterPath>
 #include <QPointer>
 #include <QPushButton>
 #include <QScrollArea>
 #include <QScrollBar>
-#include <QStyle>
 
 namespace korvane {
 
-static constexpr int alertWidth = 400;
+static constexpr int alertWidth = 360;
 static constexpr int mostDetail = 220; // units of height; more is scrolled
+static constexpr int alertRadius = 12;
+static constexpr int signSize = 40;
 
-/// A warning sign, a sentence, its details as plain text, and buttons of which the first is the default.
+namespace {
+
+/// A button of an alert: the default one in the accent's colour, the others quiet.
+class AlertButton : public QPushButton {
+public:
+    AlertButton(const QString &text, Appearance &appearance, QWidget *parent) : QPushButton(text, parent), appearance(appearance)
+    {
+        setFont(appearance.font(TypeSize::Body, QFont::Medium));
+        setAutoDefault(true);
+        setFixedHeight(32);
+        setMinimumWidth(96);
+    }
+
+protected:
+    void paintEvent(QPaintEvent *) override
+    {
+        const Theme &theme = appearance.theme();
+        QPainter painter(this);
+        painter.setRenderHint(QPainter::Antialiasing);
+        const QRectF place = QRectF(rect()).adjusted(2, 2, -2, -2);
+        fillRounded(painter, place, 7, isDefault() ? theme.accent : theme.keyGround);
+        if (underMouse() || isDown())
+            fillRounded(painter, place, 7, theme.hover);
+        if (hasFocus()) {
+            painter.setPen(QPen(theme.accent, 1.5));
+            painter.drawRoundedRect(QRectF(rect()).adjusted(0.75, 0.75, -0.75, -0.75), 8.5, 8.5);
+        }
+        painter.setFont(font());
+        painter.setPen(isDefault() ? theme.ground : theme.text);
+        painter.drawText(rect(), Qt::AlignCenter | Qt::TextSingleLine, text());
+    }
+
+private:
+    Appearance &appearance;
+};
+
+} // namespace
+
+/// A warning sign, a sentence, its details as plain text, and buttons of which the first is the default. Drawn
+/// like the palette, without the window manager's frame; it can be moved by its ground.
 class QtDialogs::Alert : public QDialog {
 public:
     Alert(Appearance &appearance, const std::string &title, const std::string &detail, QWidget *owner) :
-        QDialog(owner), appearance(appearance)
+        QDialog(owner, Qt::Dialog | Qt::FramelessWindowHint), appearance(appearance)
     {
-        setWindowTitle(QStringLiteral("Korvane Vorrel"));
-        auto *sign = new QLabel(this);
-        sign->setPixmap(style()->standardIcon(QStyle::SP_MessageBoxWarning).pixmap(40, 40));
+        setAttribute(Qt::WA_TranslucentBackground);
+        setWindowTitle(fromUtf8(title));
         auto *heading = plain(title, appearance.font(TypeSize::Title, QFont::DemiBold));
         heading->setFixedWidth(alertWidth);
 
@@ -39,9 +82,10 @@ public:
         words->addWidget(heading);
         if (!detail.empty())
             words->addWidget(scrolling(plain(detail, appearance.font(TypeSize::Body))));
+        words->addStretch();
         auto *top = new QHBoxLayout;
         top->setSpacing(16);
-        top->addWidget(sign, 0, Qt::AlignTop);
+        top->addSpacing(signSize);
         top->addLayout(words, 1);
         buttons = new QHBoxLayout;
         buttons->setSpacing(8);
@@ -57,13 +101,41 @@ public:
 
     QPushButton *addButton(const QString &text, DialogCode code)
     {
-        auto *button = new QPushButton(text, this);
-        button->setFont(appearance.font(TypeSize::Body));
-        button->setMinimumWidth(88);
-        button->setAutoDefault(true);
+        auto *button = new AlertButton(text, appearance, this);
         connect(button, &QPushButton::clicked, this, [this, code] { done(code); });
         buttons->addWidget(button);
         return button;
+    }
+
+protected:
+    void paintEvent(QPaintEvent *) override
+    {
+        const Theme &theme = appearance.theme();
+        QPainter painter(this);
+        painter.setRenderHint(QPainter::Antialiasing);
+        painter.setBrush(theme.dark ? theme.ground.lighter(125) : theme.ground);
+        painter.setPen(QPen(theme.border, 1));
+        painter.drawRoundedRect(QRectF(rect()).adjusted(0.5, 0.5, -0.5, -0.5), alertRadius, alertRadius);
+        const QRect sign(24, 24, signSize, signSize);
+        fillRounded(painter, sign, 10, theme.warningGround);
+        const int symbol = 24, inset = (signSize - symbol) / 2;
+        painter.drawPixmap(sign.topLeft() + QPoint(inset, inset),
+                           IconStore::drawSymbol("exclamationmark.triangle", symbol, devicePixelRatioF(), theme.warning));
+    }
+    void resizeEvent(QResizeEvent *event) override
+    {
+        QDialog::resizeEvent(event);
+        if (x11::compositorRuns())
+            return;
+        QPainterPath outline;
+        outline.addRoundedRect(rect(), alertRadius, alertRadius);
+        setMask(outline.toFillPolygon().toPolygon());
+    }
+    void mousePressEvent(QMouseEvent *event) override { grip = event->globalPosition().toPoint() - pos(); }
+    void mouseMoveEvent(QMouseEvent *event) override
+    {
+        if (event->buttons() & Qt::LeftButton)
+            move(event->globalPosition().toPoint() - grip);
     }
 
 private:
@@ -75,6 +147,9 @@ private:
         label->setFont(font);
         label->setWordWrap(true);
         label->setTextInteractionFlags(Qt::NoTextInteraction);
+        QPalette colours = label->palette();
+        colours.setColor(QPalette::WindowText, appearance.theme().text);
+        label->setPalette(colours);
         return label;
     }
 
@@ -83,8 +158,7 @@ private:
     {
         const int room = alertWidth - 12;
         const int needed = label->heightForWidth(room);
-        label->setFixedWidth(room);
-        label->setMinimumHeight(needed);
+        label->setFixedSize(room, needed);
         label->setAlignment(Qt::AlignLeft | Qt::AlignTop);
         auto *area = new QScrollArea(this);
         area->setFrameShape(QFrame::NoFrame);
@@ -100,6 +174,7 @@ private:
 
     Appearance &appearance;
     QHBoxLayout *buttons;
+    QPoint grip;
 };
 
 QWidget *QtDialogs::owner() const

@@ -79,6 +79,13 @@ public:
             setMask(outline());
     }
 
+    /// The toolkit overlooks that a window has the keyboard again when it went and came within a moment.
+    void noteKeyboard()
+    {
+        if (isVisible() && !isActiveWindow() && QGuiApplication::focusWindow() == windowHandle())
+            QApplication::setActiveWindow(this);
+    }
+
     int margin = 0;
     std::function<void()> keyboardLost = [] { };
 
@@ -225,6 +232,7 @@ private:
     QPoint grip;
     QPixmap shadow;
     qreal shadowRatio = 0;
+    x11::FocusWatch focusWatch{*this, [this] { noteKeyboard(); }};
 };
 
 /// One change of opacity at a time; a new one ends the one before without its completion being lost.

@@ -55,10 +55,24 @@ void TextPane::applyAppearance()
     styleScrollBar(*verticalScrollBar(), theme);
 }
 
+/// Whether breaking lines between words would cost more than a person waits: the toolkit looks for the end of a
+/// word anew in every line.
+static bool hasEndlessWord(const QString &text)
+{
+    constexpr int longest = 1000;
+    int word = 0;
+    for (const QChar c : text)
+        if (word = c.isSpace() ? 0 : word + 1; word > longest)
+            return true;
+    return false;
+}
+
 void TextPane::show(const QString &text)
 {
-    if (text != toPlainText())
-        setPlainText(text);
+    if (text == toPlainText())
+        return;
+    setWordWrapMode(hasEndlessWord(text) ? QTextOption::WrapAnywhere : QTextOption::WrapAtWordBoundaryOrAnywhere);
+    setPlainText(text);
 }
 
 void TextPane::keyPressEvent(QKeyEvent *event)

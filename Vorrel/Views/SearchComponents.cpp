@@ -423,7 +423,7 @@ EmptyState::EmptyState(Appearance &appearance, IconStore &icons, QWidget *parent
 {
     line->setWordWrap(true);
     line->setAlignment(Qt::AlignHCenter | Qt::AlignTop);
-    line->setFixedWidth(400);
+    line->setFixedWidth(440);
     title->setAlignment(Qt::AlignCenter);
     auto *column = new QVBoxLayout(this);
     column->setContentsMargins(Metrics::margin, 0, Metrics::margin, 16);

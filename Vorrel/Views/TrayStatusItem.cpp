@@ -2,23 +2,31 @@
 
 #include "Vorrel/Views/IconStore.h"
 #include "Vorrel/Views/ViewText.h"
+#include "Vorrel/Views/X11Window.h"
 
 #include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusPendingCallWatcher>
+#include <QDBusPendingReply>
 #include <QDBusServiceWatcher>
+#include <QDBusVariant>
 #include <QMenu>
 #include <QSystemTrayIcon>
 
 namespace korvane {
 
+static const auto watcherService = QStringLiteral("org.kde.StatusNotifierWatcher");
+static const auto watcherPath = QStringLiteral("/StatusNotifierWatcher");
+
+// The toolkit decides once in the life of a process, when its first icon is made, which kind of tray there is.
+// So none is made before there is a tray.
+
 TrayStatusItem::TrayStatusItem()
 {
-    // The toolkit decides once, when an icon is made, which kind of tray there is.
-    auto *watcher = new QDBusServiceWatcher(QStringLiteral("org.kde.StatusNotifierWatcher"), QDBusConnection::sessionBus(),
-                                            QDBusServiceWatcher::WatchForRegistration, this);
-    connect(watcher, &QDBusServiceWatcher::serviceRegistered, this, [this] {
-        if (icon)
-            make();
-    });
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    auto *watcher = new QDBusServiceWatcher(watcherService, bus, QDBusServiceWatcher::WatchForRegistration, this);
+    connect(watcher, &QDBusServiceWatcher::serviceRegistered, this, &TrayStatusItem::askForHost);
+    bus.connect(watcherService, watcherPath, watcherService, QStringLiteral("StatusNotifierHostRegistered"), this, SLOT(askForHost()));
 }
 
 TrayStatusItem::~TrayStatusItem() = default;
@@ -27,7 +35,35 @@ void TrayStatusItem::show(std::string, std::string text, std::vector<StatusMenuE
 {
     description = fromUtf8(text);
     entries = std::move(menuEntries);
-    make();
+    if (icon)
+        return make();
+    askForHost();
+}
+
+void TrayStatusItem::askForHost()
+{
+    if (entries.empty())
+        return;
+    QDBusMessage call = QDBusMessage::createMethodCall(watcherService, watcherPath,
+                                                       QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Get"));
+    call.setArguments({watcherService, QStringLiteral("IsStatusNotifierHostRegistered")});
+    call.setAutoStartService(false);
+    auto *answer = new QDBusPendingCallWatcher(QDBusConnection::sessionBus().asyncCall(call, 5000), this);
+    connect(answer, &QDBusPendingCallWatcher::finished, this, [this](QDBusPendingCallWatcher *pending) {
+        pending->deleteLater();
+        const QDBusPendingReply<QDBusVariant> reply = *pending;
+        if (!reply.isError() && reply.value().variant().toBool())
+            return make(); // also for an icon of a tray that has started anew
+        if (icon)
+            return;
+        if (!embeddingTray)
+            embeddingTray = std::make_unique<x11::SelectionWatch>("_NET_SYSTEM_TRAY_S0", [this] {
+                if (!icon)
+                    make();
+            });
+        if (embeddingTray->hasOwner())
+            make();
+    });
 }
 
 void TrayStatusItem::make()

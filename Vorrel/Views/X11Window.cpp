@@ -2,6 +2,7 @@
 
 #include <QGuiApplication>
 #include <QScreen>
+#include <QSocketNotifier>
 #include <QWidget>
 #include <QWindow>
 
@@ -176,6 +177,83 @@ void setSolidPart(const QWidget &window, const QRect &part)
             xcb_xfixes_destroy_region(x, region);
     }
     xcb_flush(x);
+}
+
+// FocusWatch
+
+FocusWatch::FocusWatch(QWidget &window, std::function<void()> gained) : window(window), gained(std::move(gained))
+{
+    qApp->installNativeEventFilter(this);
+}
+
+FocusWatch::~FocusWatch()
+{
+    if (qApp)
+        qApp->removeNativeEventFilter(this);
+}
+
+bool FocusWatch::nativeEventFilter(const QByteArray &type, void *message, qintptr *)
+{
+    if (type != "xcb_generic_event_t")
+        return false;
+    const auto *event = static_cast<const xcb_generic_event_t *>(message);
+    if ((event->response_type & 0x7f) != XCB_FOCUS_IN)
+        return false;
+    const auto *focus = reinterpret_cast<const xcb_focus_in_event_t *>(event);
+    if (focus->event == idOf(window) && focus->detail != XCB_NOTIFY_DETAIL_POINTER)
+        QMetaObject::invokeMethod(&window, gained, Qt::QueuedConnection); // the toolkit looks at the event first
+    return false;
+}
+
+// SelectionWatch
+
+struct SelectionWatch::Connection {
+    Connection() : x(xcb_connect(nullptr, nullptr)) { }
+    ~Connection() { xcb_disconnect(x); }
+    Connection(const Connection &) = delete;
+    Connection &operator=(const Connection &) = delete;
+
+    xcb_connection_t *x;
+    xcb_atom_t name = XCB_ATOM_NONE;
+};
+
+SelectionWatch::SelectionWatch(const char *selection, std::function<void()> taken)
+{
+    if (!x11::connection())
+        return;
+    auto made = std::make_unique<Connection>();
+    if (xcb_connection_has_error(made->x))
+        return;
+    const Reply<xcb_xfixes_query_version_reply_t> version(
+        xcb_xfixes_query_version_reply(made->x, xcb_xfixes_query_version(made->x, 5, 0), nullptr));
+    if (!version)
+        return;
+    connection = std::move(made);
+    xcb_connection_t *x = connection->x;
+    connection->name = atom(x, selection);
+    xcb_xfixes_select_selection_input(x, root(x), connection->name, XCB_XFIXES_SELECTION_EVENT_MASK_SET_SELECTION_OWNER);
+    xcb_flush(x);
+    notifier = std::make_unique<QSocketNotifier>(xcb_get_file_descriptor(x), QSocketNotifier::Read);
+    QObject::connect(notifier.get(), &QSocketNotifier::activated, [this, taken = std::move(taken)] {
+        bool changed = false;
+        while (const Reply<xcb_generic_event_t> event{xcb_poll_for_event(connection->x)})
+            changed = true;
+        if (xcb_connection_has_error(connection->x))
+            notifier->setEnabled(false);
+        else if (changed && hasOwner())
+            taken();
+    });
+}
+
+SelectionWatch::~SelectionWatch() = default;
+
+bool SelectionWatch::hasOwner() const
+{
+    if (!connection)
+        return false;
+    const Reply<xcb_get_selection_owner_reply_t> reply(
+        xcb_get_selection_owner_reply(connection->x, xcb_get_selection_owner(connection->x, connection->name), nullptr));
+    return reply && reply->owner != XCB_WINDOW_NONE;
 }
 
 } // namespace korvane::x11

@@ -1,12 +1,15 @@
 #pragma once
 
-#include <QMargins>
+#include <QAbstractNativeEventFilter>
 #include <QPoint>
 #include <QRect>
 
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <optional>
 
+class QSocketNotifier;
 class QWidget;
 
 /// What the toolkit does not tell or does about a window under X11. Everything is harmless on other platforms.
@@ -30,5 +33,30 @@ void setUserTime(const QWidget &window, std::uint32_t time);
 /// Lets the mouse through outside `part`, and tells window managers and compositors that what lies outside is
 /// the window's own shadow. `part` in units of the window; empty takes both back.
 void setSolidPart(const QWidget &window, const QRect &part);
+
+/// Calls `gained` soon after the server has given the keyboard to a window, for as long as it lives.
+class FocusWatch : public QAbstractNativeEventFilter {
+public:
+    FocusWatch(QWidget &window, std::function<void()> gained);
+    ~FocusWatch() override;
+    bool nativeEventFilter(const QByteArray &type, void *message, qintptr *result) override;
+
+private:
+    QWidget &window;
+    std::function<void()> gained;
+};
+
+/// Tells when another client takes a selection that stands for a service, such as the tray's.
+class SelectionWatch {
+public:
+    SelectionWatch(const char *selection, std::function<void()> taken);
+    ~SelectionWatch();
+    bool hasOwner() const;
+
+private:
+    struct Connection;
+    std::unique_ptr<Connection> connection;
+    std::unique_ptr<QSocketNotifier> notifier;
+};
 
 } // namespace korvane::x11

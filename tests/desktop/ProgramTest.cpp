@@ -280,11 +280,11 @@ TEST(Program, AnEntryInstalledWhileItRunsIsFoundTypedAndStartedAndOutlivesIt)
     EXPECT_TRUE(disappears(program));
     const auto environment = probe.environment();
     for (const std::string &variable : environment) {
-        EXPECT_FALSE(variable.starts_with("KORVANE_")) << variable;
-        if (variable.starts_with("QT_")) {
-            const std::string name = variable.substr(0, variable.find('='));
-            EXPECT_TRUE(::getenv(name.c_str())) << variable << " was not there when Korvane started";
-        }
+        const std::string name = variable.substr(0, variable.find('='));
+        // The shell of the probe sets these by itself.
+        if (name == "PWD" || name == "_" || name == "OLDPWD" || name == "SHLVL")
+            continue;
+        EXPECT_TRUE(::getenv(name.c_str())) << variable << " was not there when Korvane started";
     }
     program.signal(SIGKILL);
     ASSERT_TRUE(soon([&] { return program.exitStatus().has_value(); }));
@@ -316,6 +316,6 @@ TEST(Program, ACopyMadeByTheCompanionStaysOfferedAfterItHasEnded)
     ASSERT_TRUE(soon([&] { return copy.exitStatus().has_value(); }));
     EXPECT_EQ(copy.exitStatus(), 0);
     EXPECT_EQ(output("timeout 3 xclip -selection clipboard -o"), "kept text, 文字");
-    output("echo other | xclip -selection clipboard -i");
+    output("echo other | xclip -selection clipboard -i >/dev/null");
     EXPECT_EQ(output("timeout 3 xclip -selection clipboard -o"), "other\n");
 }

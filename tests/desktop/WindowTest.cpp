@@ -107,6 +107,7 @@ protected:
         scene.add({.id = "test.gamma", .title = "Gamma", .icon = CommandIcon::symbol("lock"), .kind = ResultKind::other});
         scene.show();
         scene.palette()._results = rowsOf({"test.alpha", "test.beta", "test.gamma"});
+        scene.palette()._selection = 0;
         scene.turn();
     }
 
@@ -488,7 +489,9 @@ static std::vector<std::pair<QAccessible::Event, int>> heardEvents;
 
 TEST_F(Accessibility, AReaderFollowsTheArrowsAndStaysWithTheFieldWhileTyping)
 {
-    QAccessible::setActive(true);
+    if (qEnvironmentVariableIsEmpty("QT_LINUX_ACCESSIBILITY_ALWAYS_ON"))
+        GTEST_SKIP() << "this desktop has no accessibility bus";
+    ASSERT_TRUE(scene.waitFor([] { return QAccessible::isActive(); }));
     heardEvents.clear();
     auto *before = QAccessible::installUpdateHandler([](QAccessibleEvent *event) {
         if (qobject_cast<RowList *>(event->object()))
@@ -504,7 +507,6 @@ TEST_F(Accessibility, AReaderFollowsTheArrowsAndStaysWithTheFieldWhileTyping)
     scene.turn();
     EXPECT_THAT(heardEvents, ElementsAre(std::pair(QAccessible::ObjectReorder, -1), std::pair(QAccessible::Selection, 0)));
     QAccessible::installUpdateHandler(before);
-    QAccessible::setActive(false);
 }
 
 TEST_F(Accessibility, TabsAndButtonsHaveRolesNamesAndStates)
@@ -851,6 +853,30 @@ private:
     QStringList items;
 };
 
+/// A tray that starts, and ends with this object.
+struct TrayThread {
+    TrayThread()
+    {
+        EXPECT_TRUE(bus.registerObject("/StatusNotifierWatcher", watcher, QDBusConnection::ExportAllContents));
+        watcher->moveToThread(&thread);
+        // What the bus has attached to the watcher can only be taken apart where it lives.
+        QObject::connect(&thread, &QThread::finished, watcher, &QObject::deleteLater);
+        thread.start();
+        EXPECT_TRUE(bus.registerService("org.kde.StatusNotifierWatcher"));
+    }
+    ~TrayThread()
+    {
+        bus.unregisterService("org.kde.StatusNotifierWatcher");
+        thread.quit();
+        thread.wait();
+        QDBusConnection::disconnectFromBus("tray");
+    }
+
+    TrayWatcher *watcher = new TrayWatcher;
+    QThread thread;
+    QDBusConnection bus = QDBusConnection::connectToBus(QDBusConnection::SessionBus, "tray");
+};
+
 TEST(TrayStatusItem, AppearsInATrayThatStartsLaterAndAClickDoesTheFirstEntry)
 {
     TrayStatusItem item;
@@ -858,28 +884,16 @@ TEST(TrayStatusItem, AppearsInATrayThatStartsLaterAndAClickDoesTheFirstEntry)
     item.show("square.grid.3x3.fill", "Korvane", {{"Open Korvane", "", [&] { opened++; }}, {"", "", {}}, {"Quit Korvane", "q", [] { }}});
     QCoreApplication::processEvents();
 
-    QThread thread;
-    TrayWatcher watcher;
-    watcher.moveToThread(&thread);
-    thread.start();
-    QDBusConnection bus = QDBusConnection::connectToBus(QDBusConnection::SessionBus, "tray");
-    ASSERT_TRUE(bus.registerObject("/StatusNotifierWatcher", &watcher, QDBusConnection::ExportAllContents));
-    ASSERT_TRUE(bus.registerService("org.kde.StatusNotifierWatcher"));
-    processEventsUntil([&] { return !watcher.registered().isEmpty(); });
-    ASSERT_EQ(watcher.registered().size(), 1);
+    TrayThread tray;
+    processEventsUntil([&] { return !tray.watcher->registered().isEmpty(); });
+    ASSERT_EQ(tray.watcher->registered().size(), 1);
 
-    QDBusMessage click = QDBusMessage::createMethodCall(watcher.registered().front(), "/StatusNotifierItem",
+    QDBusMessage click = QDBusMessage::createMethodCall(tray.watcher->registered().front(), "/StatusNotifierItem",
                                                         "org.kde.StatusNotifierItem", "Activate");
     click.setArguments({1, 1});
-    bus.asyncCall(click);
+    tray.bus.asyncCall(click);
     processEventsUntil([&] { return opened > 0; });
     EXPECT_EQ(opened, 1);
-
-    bus.unregisterService("org.kde.StatusNotifierWatcher");
-    bus.unregisterObject("/StatusNotifierWatcher");
-    QDBusConnection::disconnectFromBus("tray");
-    thread.quit();
-    thread.wait();
 }
 
 } // namespace korvane::test

@@ -1,25 +1,27 @@
 #!/bin/bash
 # Runs a command on a desktop of its own: private X server, window manager, D-Bus session, home and XDG folders.
 #
-#   with-desktop.sh [--wm openbox|xfwm4|metacity|none] [--compositor picom|none] [--size WxH] [--timeout SECONDS] COMMAND...
+#   with-desktop.sh [--wm openbox|xfwm4|metacity|none] [--compositor picom|none] [--size WxH]
+#                   [--accessibility] [--timeout SECONDS] COMMAND...
 #
 # The exit status is the command's; 124 when the time limit ended it; 125 when the desktop did not come up. What the
 # desktop's own programs say goes to a file that is shown only in that last case. Nothing outlives the script.
 set -u
 
-wm=openbox compositor=none size=1920x1080 limit=60
+wm=openbox compositor=none size=1920x1080 limit=60 accessibility=
 while [ $# -gt 0 ]; do
     case $1 in
         --wm) wm=$2; shift 2 ;;
         --compositor) compositor=$2; shift 2 ;;
         --size) size=$2; shift 2 ;;
         --timeout) limit=$2; shift 2 ;;
+        --accessibility) accessibility=--accessibility; shift ;;
         --) shift; break ;;
-        -*) sed -n '2,6s/^# \{0,1\}//p' "$0" >&2; exit 2 ;;
+        -*) sed -n '2,7s/^# \{0,1\}//p' "$0" >&2; exit 2 ;;
         *) break ;;
     esac
 done
-[ $# -gt 0 ] || { sed -n '2,6s/^# \{0,1\}//p' "$0" >&2; exit 2; }
+[ $# -gt 0 ] || { sed -n '2,7s/^# \{0,1\}//p' "$0" >&2; exit 2; }
 here=$(cd "$(dirname "$0")" && pwd)
 
 # The second stage runs inside the D-Bus session, in the process group that the first one ends as a whole.
@@ -35,7 +37,7 @@ if [ "${KORVANE_DESKTOP_STAGE:-}" != inside ]; then
     export QT_QPA_PLATFORM=xcb LC_ALL=C.UTF-8
 
     setsid dbus-run-session --config-file="$here/bare-bus.conf" -- \
-        "$here/with-desktop.sh" --wm "$wm" --compositor "$compositor" --size "$size" --timeout "$limit" -- "$@" </dev/null 2>"$folder/bus.log" 3>&2 &
+        "$here/with-desktop.sh" --wm "$wm" --compositor "$compositor" --size "$size" $accessibility --timeout "$limit" -- "$@" </dev/null 2>"$folder/bus.log" 3>&2 &
     group=$!
     end() {
         kill -TERM -- "-$group" 2>/dev/null
@@ -75,6 +77,10 @@ if [ "$compositor" = picom ]; then
     hsetroot -solid '#3b6ea5' >>"$log" 2>&1
     picom --backend xrender >>"$log" 2>&1 &
     sleep 0.5
+fi
+if [ -n "$accessibility" ]; then
+    export QT_LINUX_ACCESSIBILITY_ALWAYS_ON=1
+    /usr/libexec/at-spi-bus-launcher --launch-immediately >>"$log" 2>&1 &
 fi
 timeout -k 2 "$limit" "$@" 2>"$KORVANE_DESKTOP_FOLDER/errors"
 exit $?

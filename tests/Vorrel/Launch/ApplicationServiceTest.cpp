@@ -48,6 +48,14 @@ struct ApplicationServiceTest : testing::Test {
     int changes = 0;
     std::shared_ptr<ApplicationService> service = makeService(&folderWatcher);
 
+    void TearDown() override
+    {
+        // A scan that waits for an answer and its scanner own each other.
+        indexer->holds = false;
+        indexer->release();
+        loop.runUntilIdle();
+    }
+
     std::shared_ptr<ApplicationService> makeService(FolderWatcher *watcher)
     {
         ApplicationService::Ports ports{
