@@ -5,7 +5,7 @@ ROOT := $(dir $(abspath $(lastword $(MAKEFILE_LIST))))
 JOBS ?= $(shell nproc)
 export CTEST_PARALLEL_LEVEL ?= $(JOBS)
 
-.PHONY: build run test unit desktop asan tsan fuzz bench lint format bootstrap pictures clean
+.PHONY: build run test unit desktop asan tsan fuzz bench lint format bootstrap clean
 
 ## The two programs, optimised: build/bin/korvane and build/bin/korvanectl
 build:
@@ -28,16 +28,17 @@ test:
 ## The inner loop: a debug build and all tests that need no screen
 unit:
 	@$(ROOT)scripts/bootstrap test
-	@cd $(ROOT) && cmake --preset dev >/dev/null && cmake --build --preset dev -j $(JOBS) && ctest --preset dev -LE 'desktop|slow'
+	@cd $(ROOT) && cmake --preset dev >/dev/null && cmake --build --preset dev -j $(JOBS) --target headless_tests && ctest --preset dev -LE 'desktop|slow'
 
 ## The real program and the real adapters under a private X server
 desktop:
 	@$(ROOT)scripts/bootstrap test
 	@cd $(ROOT) && cmake --preset release >/dev/null && cmake --build --preset release -j $(JOBS) && ctest --preset release -L desktop
 
+## All tests without a screen under AddressSanitizer and UndefinedBehaviorSanitizer; the concurrent ones under ThreadSanitizer
 asan tsan:
 	@$(ROOT)scripts/bootstrap test
-	@cd $(ROOT) && cmake --preset $@ >/dev/null && cmake --build --preset $@ -j $(JOBS) && ctest --preset $@
+	@cd $(ROOT) && cmake --preset $@ >/dev/null && cmake --build --preset $@ -j $(JOBS) --target headless_tests && ctest --preset $@
 
 ## Hunts with every fuzzer for SECONDS_EACH seconds
 fuzz:

@@ -12,7 +12,7 @@ struct Agent {
     std::string icon = "sparkles"; ///< Name of a symbol.
     std::string systemPrompt;
     std::string model = "gpt-4.1-mini";
-    std::vector<std::string> tools;  ///< Names; empty means that it may use none.
+    std::vector<std::string> tools; ///< Names; empty means that it may use none.
     std::vector<std::string> skills; ///< Paths.
     bool operator==(const Agent &) const = default;
 };

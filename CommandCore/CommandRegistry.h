@@ -8,8 +8,8 @@ namespace korvane {
 
 /// What past use of a row contributes to its rank.
 struct CommandUsage {
-    std::int64_t count = 0;  ///< How many times actions of the row ran to success.
-    double lastUsed = 0;     ///< Seconds since 1970 when the last of those ended.
+    std::int64_t count = 0; ///< How many times actions of the row ran to success.
+    double lastUsed = 0; ///< Seconds since 1970 when the last of those ended.
     bool operator==(const CommandUsage &) const = default;
 };
 

@@ -53,7 +53,7 @@ public:
     /// `lastUsed` lies in the future). Nothing when it does not match and must not be shown. Case and
     /// diacritics do not count. `now` is in seconds since 1970.
     std::optional<double> score(std::string_view query, std::string_view title, std::span<const std::string> keywords,
-                                const std::optional<CommandUsage> &usage, double now) const;
+        const std::optional<CommandUsage> &usage, double now) const;
 
     /// The same for texts made ready beforehand; `usage` may be null.
     std::optional<double> score(const PreparedQuery &query, FoldedTexts texts, const CommandUsage *usage, double now) const;

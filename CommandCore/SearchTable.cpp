@@ -64,12 +64,12 @@ void SearchTable::rebuild(const CommandRegistry &registry)
             const SearchKeys keys(row->title, keywords(*row));
             const FoldedTexts folded = keys;
             entry = {.textBegin = nextTexts.size(),
-                     .textSize = std::uint32_t(folded.block.size()),
-                     .titleSize = std::uint32_t(folded.titleSize),
-                     .titleStart = beginning(row->title),
-                     .usage = {},
-                     .used = false,
-                     .kind = row->kind};
+                .textSize = std::uint32_t(folded.block.size()),
+                .titleSize = std::uint32_t(folded.titleSize),
+                .titleStart = beginning(row->title),
+                .usage = {},
+                .used = false,
+                .kind = row->kind};
             note(entry, row->id);
             nextTexts += folded.block;
         }
@@ -96,8 +96,7 @@ bool SearchTable::precedes(const Candidate &left, const Candidate &right) const
     return titles != 0 ? titles < 0 : left.index < right.index;
 }
 
-Rows SearchTable::best(
-    std::string_view query, const std::function<bool(ResultKind)> &wanted, double now, std::size_t limit) const
+Rows SearchTable::best(std::string_view query, const std::function<bool(ResultKind)> &wanted, double now, std::size_t limit) const
 {
     const SearchRanker ranker;
     const PreparedQuery prepared(query);

@@ -16,7 +16,7 @@ std::vector<std::string> cost(const char *what, const Program::Work &before, con
 {
     const auto wakeUps = after.wakeUps - before.wakeUps;
     return {what, number(after.cpuMilliseconds - before.cpuMilliseconds, 2), std::to_string(wakeUps),
-            number(double(wakeUps) / seconds, 2), std::to_string(after.threads)};
+        number(double(wakeUps) / seconds, 2), std::to_string(after.threads)};
 }
 
 } // namespace

@@ -175,13 +175,14 @@ int main()
                 const double each = one.palette / double(sizes[s]);
                 const double growth = s == 0 ? 1 : each / (results[s - 1][i].palette / double(sizes[s - 1]));
                 kept = kept && one.ratio() <= ratioLimit && growth <= growthLimit;
-                table.add({keystrokes[i].matches, used ? "1 in 10" : "none", std::to_string(sizes[s]), number(one.palette / 1000, 3),
-                           number(one.plain / 1000, 3), number(one.ratio(), 2), number(each * 1000, 0), s == 0 ? "" : number(growth, 2)});
+                table.add({keystrokes[i].matches, used ? "1 in 10" : "none", std::to_string(sizes[s]),
+                    number(one.palette / 1000, 3), number(one.plain / 1000, 3), number(one.ratio(), 2), number(each * 1000, 0),
+                    s == 0 ? "" : number(growth, 2)});
             }
         }
     }
     table.print();
-    std::printf("\nLimits: ratio %.0f, growth of the time a command %.1f from one size to the next: %s\n", ratioLimit, growthLimit,
-                kept ? "kept" : "EXCEEDED");
+    std::printf("\nLimits: ratio %.0f, growth of the time a command %.1f from one size to the next: %s\n", ratioLimit,
+        growthLimit, kept ? "kept" : "EXCEEDED");
     return kept ? 0 : 1;
 }

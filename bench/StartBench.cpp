@@ -6,8 +6,10 @@
 
 #include <xcb/xcb.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <stdexcept>
 #include <thread>
 #include <unistd.h>
@@ -20,7 +22,7 @@ namespace {
 constexpr double timeLimit = 2;
 constexpr double memoryLimit = 25; // MiB above the bare program
 
-/// The middle of the screen, as a person in front of it sees it.
+/// The middle of the screen, as a person in front of it sees it. Every window here stands in it.
 class ScreenMiddle {
 public:
     ScreenMiddle() : connection(xcb_connect(nullptr, nullptr))
@@ -28,33 +30,53 @@ public:
         if (xcb_connection_has_error(connection))
             throw std::runtime_error("there is no X server");
         screen = xcb_setup_roots_iterator(xcb_get_setup(connection)).data;
-        background = pixel();
+        background = pixels(1, 1).front();
     }
     ~ScreenMiddle() { xcb_disconnect(connection); }
 
-    /// Waits until something other than the background is there, or nothing is any more.
-    void await(bool painted) const
+    void awaitPaint() const
+    {
+        await([this] { return pixels(1, 1).front() != background; }, "nothing was painted");
+    }
+    /// Waits until there is something on the window's ground.
+    void awaitContent() const
+    {
+        const auto uneven = [this] {
+            const auto strip = pixels(400, 60);
+            return std::ranges::any_of(strip, [&](std::uint32_t pixel) { return pixel != strip.front(); });
+        };
+        await(uneven, "the window stayed empty");
+    }
+    void awaitNothing() const
+    {
+        await([this] { return pixels(1, 1).front() == background; }, "a window stays");
+    }
+
+private:
+    static void await(const std::function<bool()> &reached, const char *otherwise)
     {
         const auto deadline = std::chrono::steady_clock::now() + 20s;
-        while ((pixel() != background) != painted) {
+        while (!reached()) {
             if (std::chrono::steady_clock::now() > deadline)
-                throw std::runtime_error(painted ? "nothing was painted" : "a window stays");
+                throw std::runtime_error(otherwise);
             std::this_thread::sleep_for(500us);
         }
     }
 
-private:
-    std::uint32_t pixel() const
+    std::vector<std::uint32_t> pixels(std::uint16_t width, std::uint16_t height) const
     {
-        const auto x = std::int16_t(screen->width_in_pixels / 2), y = std::int16_t(screen->height_in_pixels / 2);
-        const auto cookie = xcb_get_image(connection, XCB_IMAGE_FORMAT_Z_PIXMAP, screen->root, x, y, 1, 1, ~0u);
+        const auto x = std::int16_t((screen->width_in_pixels - width) / 2),
+                   y = std::int16_t((screen->height_in_pixels - height) / 2);
+        const auto cookie = xcb_get_image(connection, XCB_IMAGE_FORMAT_Z_PIXMAP, screen->root, x, y, width, height, 0xffffff);
         xcb_get_image_reply_t *const reply = xcb_get_image_reply(connection, cookie, nullptr);
-        if (!reply)
-            throw std::runtime_error("the screen cannot be read");
-        std::uint32_t value = 0;
-        std::memcpy(&value, xcb_get_image_data(reply), std::min<std::size_t>(sizeof value, xcb_get_image_data_length(reply)));
+        std::vector<std::uint32_t> values(std::size_t(width) * height);
+        const bool whole = reply && std::size_t(xcb_get_image_data_length(reply)) == values.size() * sizeof values.front();
+        if (whole)
+            std::memcpy(values.data(), xcb_get_image_data(reply), values.size() * sizeof values.front());
         std::free(reply);
-        return value & 0xffffff;
+        if (!whole)
+            throw std::runtime_error("the screen cannot be read; its colours must have 24 bits");
+        return values;
     }
 
     xcb_connection_t *connection;
@@ -63,33 +85,40 @@ private:
 };
 
 struct Figures {
-    std::vector<double> ready, paint, resident, proportional;
+    std::vector<double> ready, paint, content, resident, proportional;
 };
 
 class Bench {
 public:
     Bench(std::string korvane, std::string bare) : korvane(std::move(korvane)), bare(std::move(bare)) { }
 
-    void measure(Figures &of, const std::vector<std::string> &words, const char *line, bool paints, bool readies)
+    void measureReady(Figures &of, const std::string &path, const char *line)
+    {
+        Program program({path});
+        of.ready.push_back(program.untilItSays(line).count());
+        program.stop();
+        middle.awaitNothing();
+    }
+
+    void measurePaint(Figures &of, const std::vector<std::string> &words, bool hasContent)
     {
         Program program(words);
-        if (paints) {
-            middle.await(true);
-            of.paint.push_back(program.sinceStart().count());
+        middle.awaitPaint();
+        of.paint.push_back(program.sinceStart().count());
+        if (hasContent) {
+            middle.awaitContent();
+            of.content.push_back(program.sinceStart().count());
         }
-        const double ready = program.untilItSays(line).count();
-        if (readies)
-            of.ready.push_back(ready);
         program.stop();
-        middle.await(false);
+        middle.awaitNothing();
     }
 
     void round()
     {
-        measure(ours, {korvane}, korvaneLine, false, true);
-        measure(theirs, {bare}, bareLine, false, true);
-        measure(ours, {korvane, "--show"}, korvaneLine, true, false);
-        measure(theirs, {bare}, bareLine, true, false);
+        measureReady(ours, korvane, korvaneLine);
+        measureReady(theirs, bare, bareLine);
+        measurePaint(ours, {korvane, "--show"}, true);
+        measurePaint(theirs, {bare}, false);
     }
 
     void memoryRound()
@@ -104,7 +133,7 @@ public:
         };
         idle(ours, korvane, korvaneLine);
         idle(theirs, bare, bareLine);
-        middle.await(false);
+        middle.awaitNothing();
     }
 
     Figures ours, theirs;
@@ -132,14 +161,17 @@ try {
 
     bool kept = true;
     Table table({"Median of " + std::to_string(runs) + " (memory: of 3)", "Korvane", "Bare window", "Limit", ""});
-    const auto add = [&](const char *what, const std::vector<double> &ours, const std::vector<double> &theirs, double limit, int decimals) {
+    const auto add = [&](const char *what, const std::vector<double> &ours, const std::vector<double> &theirs, double limit,
+                         int decimals) {
         const bool good = median(ours) <= limit;
         kept = kept && good;
-        table.add({what, number(median(ours), decimals), number(median(theirs), decimals), number(limit, decimals), good ? "kept" : "EXCEEDED"});
+        table.add({what, number(median(ours), decimals), number(median(theirs), decimals), number(limit, decimals),
+            good ? "kept" : "EXCEEDED"});
     };
     const auto &[ours, theirs] = std::pair<Figures &, Figures &>(bench.ours, bench.theirs);
     add("Start to ready, ms", ours.ready, theirs.ready, timeLimit * median(theirs.ready), 1);
     add("Start to first paint, ms", ours.paint, theirs.paint, timeLimit * median(theirs.paint), 1);
+    table.add({"Start to the painted list, ms", number(median(ours.content), 1), "", "", ""});
     add("Resident when idle, MiB", ours.resident, theirs.resident, median(theirs.resident) + memoryLimit, 1);
     add("Proportional share (PSS), MiB", ours.proportional, theirs.proportional, median(theirs.proportional) + memoryLimit, 1);
     table.print();

@@ -1,7 +1,7 @@
 #include "CommandCore/Calculator.h"
+#include "CommandCore/Commands.h"
 #include "CommandCore/FileSearchQuery.h"
 #include "CommandCore/SearchRanker.h"
-#include "CommandCore/Commands.h"
 #include "Support/Text.h"
 
 #include <cstdlib>

@@ -14,7 +14,7 @@ public:
     virtual Task<void> load() { co_return; }
     virtual const std::vector<Agent> &agents() const { return none; }
 
-    std::function<void()> onChange = [] { };
+    std::function<void()> onChange = [] {};
 
 private:
     std::vector<Agent> none;

@@ -13,7 +13,7 @@ struct IndexedFile {
     std::string path; ///< Absolute; bytes.
     std::string name; ///< Last component of the path.
     bool isDirectory = false;
-    long long size = 0;  ///< Bytes.
+    long long size = 0; ///< Bytes.
     double modified = 0; ///< Seconds since 1970; 0 when unknown.
     bool operator==(const IndexedFile &) const = default;
 };

@@ -309,22 +309,28 @@ namespace {
 } // namespace
 
 /// `path` in its standard form, if an application lies there; else throws.
-std::string ApplicationService::installed(const std::string &path) const
+Task<std::string> ApplicationService::installed(std::string path) const
 {
     std::error_code failed;
     fs::path standard = fs::absolute(ports.folders.expandingTilde(path), failed).lexically_normal();
     if (!standard.has_filename())
         standard = standard.parent_path();
     const bool named = !failed && path.find('\0') == std::string::npos && hasExtension(standard, ports.source.extension());
-    if (!named || !fs::exists(standard, failed))
+    auto look = [file = standard.native()](std::stop_token) {
+        std::error_code unreadable;
+        return fs::exists(file, unreadable);
+    };
+    Actor disk(ports.pool.value_or(ports.mainThread));
+    const bool there = named && co_await disk.run(std::move(look));
+    if (!there)
         throw AppError(AppError::Kind::toolExecution, "Choose an installed application bundle.");
-    return standard.native();
+    co_return standard.native();
 }
 
 Task<void> ApplicationService::open(std::string path, std::vector<std::string> arguments)
 {
     confined.check();
-    std::string application = installed(path);
+    std::string application = co_await installed(std::move(path));
     try {
         co_await ports.launcher.launch(std::move(application), std::move(arguments));
     } catch (const Cancelled &) {
@@ -337,7 +343,7 @@ Task<void> ApplicationService::open(std::string path, std::vector<std::string> a
 Task<void> ApplicationService::openAction(std::string path, std::string actionId)
 {
     confined.check();
-    std::string application = installed(path);
+    std::string application = co_await installed(std::move(path));
     try {
         co_await ports.launcher.launchAction(std::move(application), std::move(actionId));
     } catch (const Cancelled &) {

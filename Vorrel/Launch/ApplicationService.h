@@ -99,6 +99,7 @@ public:
         Workspace &workspace;
         UserFolders folders;
         FolderWatcher *folderWatcher = nullptr; ///< Without one only the periodic rescan sees changes.
+        std::optional<Executor> pool = {}; ///< Where the disk is looked at; the main thread without one.
     };
     explicit ApplicationService(Ports ports) : ports(std::move(ports)) { }
 
@@ -141,7 +142,7 @@ private:
     std::shared_ptr<AsyncEvent> beginRefresh();
     void publish(std::vector<ApplicationRecord> records);
     void noticeChange();
-    std::string installed(const std::string &path) const;
+    Task<std::string> installed(std::string path) const;
 
     // Fixed after construction
     Ports ports;

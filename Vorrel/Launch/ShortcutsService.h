@@ -18,7 +18,7 @@ public:
     /// Ends the run in flight, if there is one.
     virtual void cancelRun() { }
 
-    std::function<void()> onUpdate = [] { }; ///< Called after a good refresh.
+    std::function<void()> onUpdate = [] {}; ///< Called after a good refresh.
 };
 
 } // namespace korvane

@@ -10,7 +10,8 @@ Task<void> ActionCoordinator::togglePreview(std::string)
     co_return;
 }
 
-Task<void> ActionCoordinator::collectAndOpen(std::string path, std::vector<std::string> arguments, bool folders, ApplicationService &applications)
+Task<void> ActionCoordinator::collectAndOpen(
+    std::string path, std::vector<std::string> arguments, bool folders, ApplicationService &applications)
 {
     std::string key = path;
     for (const std::string &argument : arguments)
@@ -22,7 +23,8 @@ Task<void> ActionCoordinator::collectAndOpen(std::string path, std::vector<std::
         choice.multiple = !folders;
         choice.title = folders ? L10n::shown("Choose a Folder") : L10n::shown("Choose Two Files");
         if (!folders)
-            choice.message = L10n::shown("Select exactly two files. Use Shift + arrow keys to extend the selection. Cancel returns to your search.");
+            choice.message = L10n::shown(
+                "Select exactly two files. Use Shift + arrow keys to extend the selection. Cancel returns to your search.");
         std::optional<std::vector<std::string>> chosen;
         std::exception_ptr failure;
         _isPresenting = true;
@@ -44,9 +46,6 @@ Task<void> ActionCoordinator::collectAndOpen(std::string path, std::vector<std::
     co_await applications.open(std::move(path), std::move(arguments));
 }
 
-void ActionCoordinator::reset()
-{
-    _checkingAccess = false;
-}
+void ActionCoordinator::reset() { _checkingAccess = false; }
 
 } // namespace korvane

@@ -23,7 +23,8 @@ public:
     /// launches it with `arguments` and the choice. A choice is made once for the life of the process.
     /// Throws `Cancelled` when the user cancels, `recoverable` "Choose exactly two files to compare." for a
     /// wrong number, and what the launch throws.
-    Task<void> collectAndOpen(std::string path, std::vector<std::string> arguments, bool folders, ApplicationService &applications);
+    Task<void> collectAndOpen(
+        std::string path, std::vector<std::string> arguments, bool folders, ApplicationService &applications);
 
     /// Ends what runs and closes what stands, but for a panel that waits for its own answer.
     virtual void reset();

@@ -13,9 +13,9 @@ constexpr Milliseconds hideTime = 100ms;
 
 } // namespace
 
-PaletteController::PaletteController(AppServices &services, const MakeWindow &makeWindow)
-    : services(services), actionCoordinator(services.platform.dialogs), _state(std::make_shared<PaletteState>(services, actionCoordinator)),
-      window(makeWindow(*this))
+PaletteController::PaletteController(AppServices &services, const MakeWindow &makeWindow) :
+    services(services), actionCoordinator(services.platform.dialogs),
+    _state(std::make_shared<PaletteState>(services, actionCoordinator)), window(makeWindow(*this))
 {
     _state->hide = [this] { hide(); };
     _state->focusInput = [this] { spawnDetached(this->services.platform.mainThread, focusSoon(_state, this)); };
@@ -29,8 +29,8 @@ PaletteController::PaletteController(AppServices &services, const MakeWindow &ma
 PaletteController::~PaletteController()
 {
     stop();
-    _state->hide = [] { };
-    _state->focusInput = [] { };
+    _state->hide = [] {};
+    _state->focusInput = [] {};
 }
 
 Task<void> PaletteController::focusSoon(std::weak_ptr<PaletteState> alive, PaletteController *self)
@@ -60,14 +60,11 @@ void PaletteController::toggle()
         window->setOpacity(0);
     window->bringToFront();
     window->focusInput();
-    window->animateOpacity(1, window->reducedMotion() ? 0ms : showTime, [] { });
+    window->animateOpacity(1, window->reducedMotion() ? 0ms : showTime, [] {});
     AppLog::app.info("Palette shown");
 }
 
-Task<void> PaletteController::refreshApplications(std::shared_ptr<PaletteState> state)
-{
-    co_await state->refreshApplications();
-}
+Task<void> PaletteController::refreshApplications(std::shared_ptr<PaletteState> state) { co_await state->refreshApplications(); }
 
 void PaletteController::placeWindow()
 {
@@ -117,10 +114,7 @@ void PaletteController::stop()
     startTask.cancel();
 }
 
-bool PaletteController::mayHide() const
-{
-    return !actionCoordinator.isPresenting() && !window->hasSheet();
-}
+bool PaletteController::mayHide() const { return !actionCoordinator.isPresenting() && !window->hasSheet(); }
 
 void PaletteController::mousePressed(int x, int y, bool inside)
 {
@@ -148,22 +142,15 @@ bool PaletteController::handleKey(const KeyPress &key)
     case '1':
     case '2':
     case '3':
-    case '4':
-        _state->setCategory(allSearchCategories[std::size_t(c - '1')]);
-        return true;
+    case '4': _state->setCategory(allSearchCategories[std::size_t(c - '1')]); return true;
     case 'c':
         if (!key.shift)
             return false; // copies what is selected in the field
         _state->performKey(ActionKey::copyPath);
         return true;
-    case 'k':
-        _state->toggleActions();
-        return true;
-    case 'y':
-        _state->togglePreview();
-        return true;
-    default:
-        return false;
+    case 'k': _state->toggleActions(); return true;
+    case 'y': _state->togglePreview(); return true;
+    default: return false;
     }
 }
 

@@ -10,7 +10,7 @@ struct KeyPress {
     enum class Key { Character, Return, Escape, Other };
     Key key = Key::Other;
     std::string character = {}; ///< Lower-cased, without modifiers; for `Character`.
-    bool command = false;       ///< The platform's command key: Ctrl on Linux.
+    bool command = false; ///< The platform's command key: Ctrl on Linux.
     bool shift = false;
 };
 
@@ -26,7 +26,7 @@ public:
 
     void toggle(); ///< Shows if hidden, hides if shown; under a dialog it only brings that forward.
     void hide();
-    void stop();   ///< Removes the window for good, at application end.
+    void stop(); ///< Removes the window for good, at application end.
 
     /// Handles a key that the window sees before its field does. True when it is consumed.
     bool handleKey(const KeyPress &key);

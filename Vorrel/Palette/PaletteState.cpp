@@ -7,7 +7,6 @@
 #include "Vorrel/Shell/L10n.h"
 
 #include <algorithm>
-#include <cassert>
 #include <unordered_map>
 
 namespace korvane {
@@ -26,10 +25,7 @@ constexpr Milliseconds clipboardQuiet = 150ms;
 constexpr std::string_view applicationPrefix = "app:";
 constexpr std::string_view argumentPrefix = "args:";
 
-bool blank(std::string_view text)
-{
-    return trimmed(text).empty();
-}
+bool blank(std::string_view text) { return trimmed(text).empty(); }
 
 bool passes(SearchCategory category, ResultKind kind)
 {
@@ -52,7 +48,8 @@ Rows groupedByKind(const Rows &ranked)
         if (std::find(kinds.begin(), kinds.end(), row->kind) == kinds.end())
             kinds.push_back(row->kind);
     for (const ResultKind kind : kinds)
-        std::copy_if(ranked.begin(), ranked.end(), std::back_inserter(grouped), [&](const Row &row) { return row->kind == kind; });
+        std::copy_if(
+            ranked.begin(), ranked.end(), std::back_inserter(grouped), [&](const Row &row) { return row->kind == kind; });
     return grouped;
 }
 
@@ -90,21 +87,25 @@ FailureText describe(const std::exception_ptr &error)
         switch (failure.reason()) {
         case Reason::permission:
             return {L10n::key("Korvane cannot read this file. Review Files & Folders access in System Settings, then retry."),
-                    {.rerunAction = true, .openAccessSettings = true}, fileAccess};
+                {.rerunAction = true, .openAccessSettings = true}, fileAccess};
         case Reason::missing:
             return {L10n::key("This file no longer exists. Refresh the search results."), {.refreshResults = true}, fileAccess};
         case Reason::offline:
-            return {L10n::key("This file lives on a volume that is not available right now. Reconnect the disk or network share, then retry."),
-                    {.rerunAction = true}, fileAccess};
+            return {L10n::key("This file lives on a volume that is not available right now. Reconnect the disk or network share, "
+                              "then retry."),
+                {.rerunAction = true}, fileAccess};
         case Reason::unavailable:
             return {L10n::key("This file cannot be read right now. Check its disk or cloud availability, then retry."),
-                    {.rerunAction = true}, fileAccess};
+                {.rerunAction = true}, fileAccess};
         case Reason::timeout:
-            return {L10n::key("File access timed out. Respond to any macOS permission prompt, check the file is available locally, then retry."),
-                    {.rerunAction = true}, fileAccess};
+            return {L10n::key("File access timed out. Respond to any macOS permission prompt, check the file is available "
+                              "locally, then retry."),
+                {.rerunAction = true}, fileAccess};
         case Reason::busy:
-            return {L10n::key("A previous file access check is still waiting for macOS. Respond to its permission prompt before retrying."),
-                    {.rerunAction = true}, fileAccess};
+            return {
+                L10n::key(
+                    "A previous file access check is still waiting for macOS. Respond to its permission prompt before retrying."),
+                {.rerunAction = true}, fileAccess};
         }
     } catch (...) {
     }
@@ -135,9 +136,9 @@ std::vector<Subscription> PaletteState::observe(const std::function<void()> &cha
 {
     std::vector<Subscription> all;
     const auto add = [&](auto &...values) { (all.push_back(values.observe(changed)), ...); };
-    add(_started, _fileDirectory, _mode, _query, _category, _actionQuery, _childTitle, _results, _selection, _errorRecovery, _error,
-        _showsPreview, _showsActions, _actionSelection, _searchingFiles, _searching, _busy, _activeAgent, _aiOutput, _aiStatus,
-        _argumentTarget, _argumentRecents, coordinator._isPresenting, coordinator._checkingAccess);
+    add(_started, _fileDirectory, _mode, _query, _category, _actionQuery, _childTitle, _results, _selection, _errorRecovery,
+        _error, _showsPreview, _showsActions, _actionSelection, _searchingFiles, _searching, _busy, _activeAgent, _aiOutput,
+        _aiStatus, _argumentTarget, _argumentRecents, coordinator._isPresenting, coordinator._checkingAccess);
     return all;
 }
 
@@ -152,10 +153,7 @@ std::string PaletteState::selectedIdentifier() const
     return row ? row->id : std::string();
 }
 
-bool PaletteState::listIsPlain() const
-{
-    return _mode == Mode::commands && !_showsActions && !childTitle();
-}
+bool PaletteState::listIsPlain() const { return _mode == Mode::commands && !_showsActions && !childTitle(); }
 
 void PaletteState::showOnly(Row row)
 {
@@ -249,7 +247,8 @@ void PaletteState::search()
     closeActions();
     if ((filesOnly() || _category == SearchCategory::all) && !blank(query())) {
         _searchingFiles = true;
-        queryTask = spawn(services.platform.mainThread, fileTask(weak_from_this(), services, question(), std::move(base), filesOnly()));
+        queryTask =
+            spawn(services.platform.mainThread, fileTask(weak_from_this(), services, question(), std::move(base), filesOnly()));
     }
 }
 
@@ -293,9 +292,9 @@ Row PaletteState::calculatorRow() const
         .icon = CommandIcon::symbol("equal.circle"),
         .keepsOpen = true,
         .actions = {{.id = "copy",
-                     .title = L10n::key("Copy Result"),
-                     .role = ActionRole::write,
-                     .execute = [&pasteboard, formatted] { return copyResult(pasteboard, formatted); }}},
+            .title = L10n::key("Copy Result"),
+            .role = ActionRole::write,
+            .execute = [&pasteboard, formatted] { return copyResult(pasteboard, formatted); }}},
     });
 }
 
@@ -319,7 +318,7 @@ void PaletteState::showArgumentRows()
 Row PaletteState::argumentRow(const AppLaunchRecord &record)
 {
     const std::string used = L10n::text("Used ") + std::to_string(record.count) + L10n::text("× · ")
-        + relativeDate(record.lastUsed, services.platform.clock.now());
+        + relativeDate(record.lastUsed, services.platform.clock.now(), L10n::languageInUse());
     auto launch = [weak = weak_from_this(), line = record.arguments]() -> Task<void> { return launchLine(weak, line); };
     return makeRow({
         .id = std::string(argumentPrefix) + record.appPath + '\x1f' + record.arguments,
@@ -355,7 +354,8 @@ void PaletteState::searchClipboard()
     queryTask = spawn(services.platform.mainThread, clipboardTask(weak_from_this(), services, query()));
 }
 
-Task<void> PaletteState::fileTask(std::weak_ptr<PaletteState> weak, AppServices &services, Question asked, Rows base, bool filesOnly)
+Task<void> PaletteState::fileTask(
+    std::weak_ptr<PaletteState> weak, AppServices &services, Question asked, Rows base, bool filesOnly)
 {
     std::vector<IndexedFile> files;
     std::exception_ptr failure;
@@ -632,7 +632,8 @@ void PaletteState::performKey(ActionKey key)
     const Row row = selectedResult();
     if (!row)
         return;
-    const auto found = std::find_if(row->actions.begin(), row->actions.end(), [&](const CommandAction &action) { return action.key == key; });
+    const auto found =
+        std::find_if(row->actions.begin(), row->actions.end(), [&](const CommandAction &action) { return action.key == key; });
     if (found != row->actions.end())
         execute(*found);
 }
@@ -701,7 +702,8 @@ Task<void> PaletteState::run(std::shared_ptr<PaletteState> self, Run run)
 {
     std::exception_ptr failure;
     try {
-        co_await self->services.permissions.authorize(run.action.role, run.action.title, L10n::key("This operation cannot be undone."));
+        co_await self->services.permissions.authorize(
+            run.action.role, run.action.title, L10n::key("This operation cannot be undone."));
         co_await self->runFlow(run);
     } catch (...) {
         failure = std::current_exception();
@@ -717,12 +719,8 @@ Task<void> PaletteState::runFlow(const Run &run)
 {
     const ActionFlow &flow = run.action.flow;
     switch (flow.kind) {
-    case ActionFlow::Kind::openWith:
-        co_await openWith(flow.path);
-        break;
-    case ActionFlow::Kind::preview:
-        co_await coordinator.togglePreview(flow.path);
-        break;
+    case ActionFlow::Kind::openWith: co_await openWith(flow.path); break;
+    case ActionFlow::Kind::preview: co_await coordinator.togglePreview(flow.path); break;
     case ActionFlow::Kind::applicationInput:
         co_await coordinator.collectAndOpen(flow.path, flow.arguments, flow.folders, *services.applications);
         break;
@@ -818,7 +816,7 @@ Task<void> PaletteState::openWith(std::string path)
     if (handlers.empty())
         throw AppError(AppError::Kind::recoverable, "No application can open this file.");
     std::stable_sort(handlers.begin(), handlers.end(),
-                     [](const ApplicationHandler &a, const ApplicationHandler &b) { return compareNames(a.name, b.name) < 0; });
+        [](const ApplicationHandler &a, const ApplicationHandler &b) { return compareNames(a.name, b.name) < 0; });
     queryTask.cancel();
     _searchingFiles = false;
     parentSnapshot = Snapshot{query(), results(), _selection};
@@ -832,7 +830,8 @@ Task<void> PaletteState::openWith(std::string path)
             .title = name,
             .subtitle = application,
             .icon = CommandIcon::file(application),
-            .actions = {{.id = "open", .title = L10n::key("Open"), .dismissal = ActionDismissal::onSuccess, .execute = std::move(open)}},
+            .actions =
+                {{.id = "open", .title = L10n::key("Open"), .dismissal = ActionDismissal::onSuccess, .execute = std::move(open)}},
         }));
     }
     closeActions();
@@ -847,7 +846,8 @@ void PaletteState::launchWithArguments(std::string text)
     _busy = true;
     _error = std::nullopt;
     _errorRecovery = FailureRecovery();
-    spawnDetached(services.platform.mainThread, argumentLaunch(shared_from_this(), argumentTarget()->id, std::move(text), _sessionGeneration));
+    spawnDetached(services.platform.mainThread,
+        argumentLaunch(shared_from_this(), argumentTarget()->id, std::move(text), _sessionGeneration));
 }
 
 Task<void> PaletteState::argumentLaunch(std::shared_ptr<PaletteState> self, std::string id, std::string text, int generation)
@@ -872,8 +872,7 @@ Task<void> PaletteState::argumentLaunch(std::shared_ptr<PaletteState> self, std:
     } catch (const std::exception &) {
         // The launch stands; only its line is not offered again.
     }
-    if (self->_sessionGeneration == generation)
-        self->hide();
+    self->hide();
     co_await self->recordUse(std::move(id));
     self->endRun();
 }
@@ -883,8 +882,10 @@ Task<void> PaletteState::argumentLaunch(std::shared_ptr<PaletteState> self, std:
 std::string PaletteState::aiIntroduction() const
 {
     if (!activeAgent())
-        return L10n::text("Describe an action, then press Return.\n\nTry: 帮我打开 Safari\n\nTool operations appear for approval when required.");
-    const std::string request = L10n::text("Enter a request for ") + activeAgent()->name + L10n::text(", then press Return.") + "\n\n";
+        return L10n::text("Describe an action, then press Return.\n\nTry: 帮我打开 Safari\n\nTool operations appear for approval "
+                          "when required.");
+    const std::string request =
+        L10n::text("Enter a request for ") + activeAgent()->name + L10n::text(", then press Return.") + "\n\n";
     if (activeAgent()->tools.empty())
         return request + L10n::text("This Agent has no access to tools.");
     return request + L10n::text("This Agent can use ") + std::to_string(activeAgent()->tools.size())

@@ -39,24 +39,24 @@ public:
 
     // What the user does
     void setInputText(std::string text); ///< Text of the field; ignored while busy.
-    void setQuery(std::string text);     ///< A different text starts a search.
+    void setQuery(std::string text); ///< A different text starts a search.
     void setActionQuery(std::string text);
-    void select(int index);              ///< The row under a click.
+    void select(int index); ///< The row under a click.
     void selectAction(int index);
-    void move(int delta);                ///< +1 or -1; wraps at both ends.
+    void move(int delta); ///< +1 or -1; wraps at both ends.
     void execute(std::optional<CommandAction> action = {}); ///< Submit; see the class of each flow in `CommandCore/Commands.h`.
-    void escape();                       ///< Back one level, or hide.
+    void escape(); ///< Back one level, or hide.
     void setCategory(SearchCategory category);
     void setFileKind(FileKind kind);
     void setFileSort(std::string sort);
     void chooseFileDirectory();
     void resetFileDirectory();
     void toggleActions();
-    void performKey(ActionKey key);      ///< Runs the selected row's action of that key, if it has one.
+    void performKey(ActionKey key); ///< Runs the selected row's action of that key, if it has one.
     void togglePreview();
-    void retrySearch();                  ///< The one "try again": reruns the failed action or searches anew.
+    void retrySearch(); ///< The one "try again": reruns the failed action or searches anew.
     void openFilePrivacySettings();
-    void beginArguments();               ///< Turns the field into the argument line of the selected application.
+    void beginArguments(); ///< Turns the field into the argument line of the selected application.
     void exitArguments();
     void leaveChild();
 
@@ -64,10 +64,10 @@ public:
     void showOnly(Row row);
 
     // What the window's controller does
-    void enter(Mode mode);               ///< Changes the mode and starts afresh.
-    Task<void> start();                  ///< Once, at application start; a second call returns at once.
-    void cancelWork();                   ///< Ends the present session's work.
-    Task<void> refreshApplications();    ///< Only if the list is more than 15 seconds old.
+    void enter(Mode mode); ///< Changes the mode and starts afresh.
+    Task<void> start(); ///< Once, at application start; a second call returns at once.
+    void cancelWork(); ///< Ends the present session's work.
+    Task<void> refreshApplications(); ///< Only if the list is more than 15 seconds old.
     void refreshQuicklinks();
     void reloadShortcutCommands();
 
@@ -106,9 +106,9 @@ public:
     CommandRegistry registry;
     AppServices &services;
 
-    std::function<void()> focusInput = [] { };
-    std::function<void()> openSettings = [] { };
-    std::function<void()> hide = [] { };
+    std::function<void()> focusInput = [] {};
+    std::function<void()> openSettings = [] {};
+    std::function<void()> hide = [] {};
 
     /// Calls `changed` after a change of any observed property, the coordinator's included. May be called many
     /// times in one step; views gather the calls and draw once.
@@ -161,7 +161,8 @@ private:
     bool filesOnly() const { return _mode == Mode::files || _category == SearchCategory::files; }
     std::string selectedIdentifier() const;
     bool listIsPlain() const; ///< A refresh behind the user's back may replace the list.
-    static Task<void> fileTask(std::weak_ptr<PaletteState> weak, AppServices &services, Question asked, Rows base, bool filesOnly);
+    static Task<void> fileTask(
+        std::weak_ptr<PaletteState> weak, AppServices &services, Question asked, Rows base, bool filesOnly);
     static Task<void> clipboardTask(std::weak_ptr<PaletteState> weak, AppServices &services, std::string query);
     static Task<void> chooseDirectoryTask(std::weak_ptr<PaletteState> weak, AppServices &services);
     static Task<void> loadRecents(std::weak_ptr<PaletteState> weak, AppServices &services, std::string id);

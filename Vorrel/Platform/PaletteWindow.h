@@ -22,12 +22,14 @@ public:
     virtual ~PaletteWindow() = default;
 
     struct Screen {
-        ScreenRect frame;   ///< The whole screen.
+        ScreenRect frame; ///< The whole screen.
         ScreenRect visible; ///< Less panels and docks.
     };
     virtual std::vector<Screen> screens() const = 0;
     virtual std::optional<Screen> mainScreen() const = 0;
-    struct Point { int x = 0, y = 0; };
+    struct Point {
+        int x = 0, y = 0;
+    };
     virtual Point mouse() const = 0;
     virtual ScreenRect frame() const = 0;
     virtual void moveTo(int x, int y) = 0;

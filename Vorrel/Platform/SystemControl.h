@@ -9,8 +9,8 @@ namespace korvane {
 /// What became of a request to the system.
 enum class SystemOutcome {
     done,
-    refused,     ///< The system has the service and said no, or it failed.
-    unavailable  ///< There is no such service.
+    refused, ///< The system has the service and said no, or it failed.
+    unavailable ///< There is no such service.
 };
 
 /// The machine's session, power and trash. Main thread; nothing blocks it; nothing throws but `Cancelled`.

@@ -7,14 +7,11 @@ namespace korvane {
 
 /// Where the user's things are. Plain values, read once at start.
 struct UserFolders {
-    std::string home;               ///< Absolute, without a slash at its end.
+    std::string home; ///< Absolute, without a slash at its end.
     std::optional<std::string> data; ///< The folder of per-user application data, if the system names one.
 
     /// The program's own folder below `data`, whether or not it exists.
-    std::optional<std::string> korvane() const
-    {
-        return data ? std::optional(*data + "/Korvane") : std::nullopt;
-    }
+    std::optional<std::string> korvane() const { return data ? std::optional(*data + "/Korvane") : std::nullopt; }
     /// `path` with a leading "~" or "~/" replaced by the home folder.
     std::string expandingTilde(const std::string &path) const
     {

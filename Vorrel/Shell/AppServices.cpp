@@ -27,6 +27,7 @@ std::shared_ptr<ApplicationService> makeApplications(const Platform &platform)
         .workspace = platform.workspace,
         .folders = platform.folders,
         .folderWatcher = platform.folderWatcher,
+        .pool = platform.pool,
     });
 }
 
@@ -82,13 +83,13 @@ void AppServices::createPrivateFolder(const std::string &path)
     throw AppError(AppError::Kind::database, "Could not open the local database.");
 }
 
-AppServices::AppServices(Platform given, std::shared_ptr<Database> store, Injected injected)
-    : platform(std::move(given)), diagnostics(platform.clock), database(std::move(store)),
-      searchDatabase(injected.searchDatabase ? std::move(injected.searchDatabase) : database), applications(makeApplications(platform)),
-      system(platform), files(platform), permissions(platform.dialogs), clipboard(orDefault(std::move(injected.clipboard))),
-      usage(database, platform.clock), settings(database), quicklinks(database), appLaunches(database, platform.clock),
-      fileIndex(orDefault(std::move(injected.fileIndex))), shortcuts(orDefault(std::move(injected.shortcuts))),
-      lazyAgents(std::move(injected.agents))
+AppServices::AppServices(Platform given, std::shared_ptr<Database> store, Injected injected) :
+    platform(std::move(given)), diagnostics(platform.clock), database(std::move(store)),
+    searchDatabase(injected.searchDatabase ? std::move(injected.searchDatabase) : database),
+    applications(makeApplications(platform)), system(platform), files(platform), permissions(platform.dialogs),
+    clipboard(orDefault(std::move(injected.clipboard))), usage(database, platform.clock), settings(database),
+    quicklinks(database), appLaunches(database, platform.clock), fileIndex(orDefault(std::move(injected.fileIndex))),
+    shortcuts(orDefault(std::move(injected.shortcuts))), lazyAgents(std::move(injected.agents))
 {
 }
 

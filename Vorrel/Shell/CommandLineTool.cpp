@@ -45,7 +45,8 @@ std::string_view nameOf(ResultKind kind)
 std::string cell(std::string_view text)
 {
     std::string shown = displayable(text);
-    std::replace_if(shown.begin(), shown.end(), [](char c) { return c == '\t' || c == '\n' || c == '\r'; }, ' ');
+    std::replace_if(
+        shown.begin(), shown.end(), [](char c) { return c == '\t' || c == '\n' || c == '\r'; }, ' ');
     return shown;
 }
 
@@ -55,15 +56,12 @@ JSONValue jsonOf(const CommandResult &row)
     for (const std::string &keyword : row.keywords)
         keywords.emplace_back(keyword);
     for (const CommandAction &action : row.actions) {
-        actions.emplace_back(JSONValue::Object{
-            {"id", action.id}, {"title", action.title}, {"role", std::string(rawValue(action.role))}});
+        actions.emplace_back(
+            JSONValue::Object{{"id", action.id}, {"title", action.title}, {"role", std::string(rawValue(action.role))}});
     }
-    return JSONValue::Object{{"id", displayable(row.id)},
-                             {"title", displayable(row.title)},
-                             {"subtitle", row.subtitle ? JSONValue(displayable(*row.subtitle)) : JSONValue()},
-                             {"kind", std::string(nameOf(row.kind))},
-                             {"keywords", std::move(keywords)},
-                             {"actions", std::move(actions)}};
+    return JSONValue::Object{{"id", displayable(row.id)}, {"title", displayable(row.title)},
+        {"subtitle", row.subtitle ? JSONValue(displayable(*row.subtitle)) : JSONValue()}, {"kind", std::string(nameOf(row.kind))},
+        {"keywords", std::move(keywords)}, {"actions", std::move(actions)}};
 }
 
 SearchCategory categoryNamed(const std::string &name)
@@ -243,7 +241,8 @@ int CommandLineTool::runRow(const Line &line)
         throw Refusal{"This has no action."};
     auto action = row->actions.begin();
     if (line.words.size() > 2)
-        action = std::find_if(row->actions.begin(), row->actions.end(), [&](const CommandAction &one) { return one.id == line.words[2]; });
+        action = std::find_if(
+            row->actions.begin(), row->actions.end(), [&](const CommandAction &one) { return one.id == line.words[2]; });
     if (action == row->actions.end())
         throw Refusal{"There is no action " + line.words[2] + " here."};
     if (action->flow.kind != ActionFlow::Kind::direct)

@@ -16,10 +16,7 @@ template <class Event> void append(std::deque<Event> &list, Event event, std::si
 
 } // namespace
 
-void DiagnosticsService::recordError(Category category)
-{
-    append(_errorEvents, ErrorEvent{category, clock.now()}, errorLimit);
-}
+void DiagnosticsService::recordError(Category category) { append(_errorEvents, ErrorEvent{category, clock.now()}, errorLimit); }
 
 void DiagnosticsService::recordSearch(double milliseconds, int results, bool timedOut)
 {

@@ -24,10 +24,8 @@ void AppDelegate::didFinishLaunching()
     host.activation.observe([this] { activateFromSecondLaunch(); });
     servicesTask = spawn(host.platform.mainThread, startServices());
     host.status.show("square.grid.3x3.fill", "Korvane",
-                     {{L10n::shown("Open Korvane"), "", [this] { toggle(); }},
-                      {L10n::shown("Settings…"), ",", [this] { showSettings(); }},
-                      {"", "", nullptr},
-                      {L10n::shown("Quit Korvane"), "q", host.terminate}});
+        {{L10n::shown("Open Korvane"), "", [this] { toggle(); }}, {L10n::shown("Settings…"), ",", [this] { showSettings(); }},
+            {"", "", nullptr}, {L10n::shown("Quit Korvane"), "q", host.terminate}});
     hotkey = std::make_unique<HotkeyService>([this] { toggle(); });
 }
 

@@ -18,11 +18,13 @@ public:
         ActivationReceiver &activation;
         PaletteController::MakeWindow makeWindow;
         std::vector<std::string> arguments; ///< The command line, without the program's name.
-        std::function<void()> terminate;    ///< Asks the front end to quit, which comes back as `shouldTerminate`.
+        std::function<void()> terminate; ///< Asks the front end to quit, which comes back as `shouldTerminate`.
         /// Builds the services; `AppServices::create` in the program.
-        std::function<Task<std::shared_ptr<AppServices>>(Platform)> createServices = [](Platform platform) { return AppServices::create(std::move(platform)); };
+        std::function<Task<std::shared_ptr<AppServices>>(Platform)> createServices = [](Platform platform) {
+            return AppServices::create(std::move(platform));
+        };
         /// Told each step of the shutdown when it has been done.
-        std::function<void(std::string_view step)> stopped = [](std::string_view) { };
+        std::function<void(std::string_view step)> stopped = [](std::string_view) {};
     };
 
     /// True if this process may go on. Otherwise another instance has the lock and has been asked to come

@@ -212,6 +212,7 @@ L10n L10n::load(const Places &places)
     const fs::path bundle = bundleAmong(places);
     const fs::path folder = languageFolder(bundle, languageFor(places.languages));
     L10n loaded;
+    loaded.name = languageFor(places.languages);
     loaded._language = tableAt(folder / "Localizable.strings");
     loaded._chinese = tableAt(bundle / (std::string(chineseName) + ".lproj") / "Localizable.strings");
     if (!places.platform.empty())
@@ -255,6 +256,8 @@ std::string L10n::format(std::string_view format, std::string_view value)
     }
     return whole;
 }
+
+std::string L10n::languageInUse() { return tables().name; }
 
 std::string L10n::languageFor(const std::vector<std::string> &preferredLanguages)
 {

@@ -38,6 +38,9 @@ public:
     /// `text(format)` with its one "%@" or "%lld" replaced by `value`.
     static std::string format(std::string_view format, std::string_view value);
 
+    /// The language of the tables in use: "en" or "zh-hans". For what libraries put into words, such as dates.
+    static std::string languageInUse();
+
     /// Marks a literal as a text of the tables where it is translated later; gives it back unchanged.
     static constexpr const char *key(const char *english) { return english; }
 
@@ -53,6 +56,7 @@ public:
 
 private:
     Table _language, _chinese, _platform;
+    std::string name = "en";
 };
 
 } // namespace korvane

@@ -4,8 +4,8 @@
 
 namespace korvane {
 
-void SettingsState::reportHotkeyFailure(std::exception_ptr error, const HotkeyConfiguration &attempted,
-                                        std::optional<HotkeyConfiguration> active)
+void SettingsState::reportHotkeyFailure(
+    std::exception_ptr error, const HotkeyConfiguration &attempted, std::optional<HotkeyConfiguration> active)
 {
     hotkeyAttempt = attempted;
     activeHotkey = std::move(active);

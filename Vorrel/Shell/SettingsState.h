@@ -25,7 +25,8 @@ public:
 
     Task<void> load() { co_return; }
     void refreshLoginStatus() { }
-    void reportHotkeyFailure(std::exception_ptr error, const HotkeyConfiguration &attempted, std::optional<HotkeyConfiguration> active);
+    void reportHotkeyFailure(
+        std::exception_ptr error, const HotkeyConfiguration &attempted, std::optional<HotkeyConfiguration> active);
 
     AppPreferences preferences;
     Tab selectedTab = Tab::general;

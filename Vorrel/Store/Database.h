@@ -50,8 +50,8 @@ public:
 
     /// Rows of one query. `timeout` bounds it: when it runs out, "File search took too long. Add a
     /// filename or folder filter and try again." Without one only cancellation ends it early.
-    Task<std::vector<SQLRow>> rows(std::string sql, std::vector<SQLValue> values = {},
-                                   std::optional<std::chrono::duration<double>> timeout = {});
+    Task<std::vector<SQLRow>> rows(
+        std::string sql, std::vector<SQLValue> values = {}, std::optional<std::chrono::duration<double>> timeout = {});
     /// One statement, stepped once; anything but its end is "Could not save local data."
     Task<void> execute(std::string sql, std::vector<SQLValue> values = {});
     /// One statement over many rows of values, in one transaction; all or nothing. No rows: no transaction.

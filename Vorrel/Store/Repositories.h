@@ -1,7 +1,7 @@
 #pragma once
 
-#include "CommandCore/JSONValue.h"
 #include "CommandCore/CommandRegistry.h"
+#include "CommandCore/JSONValue.h"
 #include "Vorrel/Store/Database.h"
 
 #include <unordered_map>
@@ -64,8 +64,8 @@ class QuicklinkRepository {
 public:
     explicit QuicklinkRepository(std::shared_ptr<Database> database) : database(std::move(database)) { }
     Task<std::vector<Quicklink>> load() const; ///< By title, in byte order.
-    Task<void> save(Quicklink link) const;     ///< Replaces one of the same identifier.
-    Task<void> remove(std::string id) const;   ///< Removing an absent one is no failure.
+    Task<void> save(Quicklink link) const; ///< Replaces one of the same identifier.
+    Task<void> remove(std::string id) const; ///< Removing an absent one is no failure.
 
 private:
     std::shared_ptr<Database> database;

@@ -10,7 +10,7 @@ void ActivationListener::observe(std::function<void()> handler)
     activated = std::move(handler);
     if (first)
         QDBusConnection::sessionBus().connect(QString(), QStringLiteral("/dev/korvane"), QStringLiteral("dev.korvane"),
-                                              QStringLiteral("activate"), this, SLOT(activate()));
+            QStringLiteral("activate"), this, SLOT(activate()));
 }
 
 void ActivationListener::activate() { activated(); }

@@ -67,14 +67,14 @@ const Theme &Theme::night()
 
 Appearance::Appearance(QObject *parent) :
     QObject(parent), forced(qEnvironmentVariable("KORVANE_APPEARANCE")),
-    darkStyle(qEnvironmentVariable("GTK_THEME").endsWith(QLatin1String("dark"), Qt::CaseInsensitive) ||
-              QGuiApplication::palette().color(QPalette::Window).lightness() < 128),
+    darkStyle(qEnvironmentVariable("GTK_THEME").endsWith(QLatin1String("dark"), Qt::CaseInsensitive)
+        || QGuiApplication::palette().color(QPalette::Window).lightness() < 128),
     animations(qEnvironmentVariableIsEmpty("KORVANE_REDUCED_MOTION"))
 {
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (bus.isConnected()) {
         bus.connect(portalService, portalPath, portalSettings, QStringLiteral("SettingChanged"), this,
-                    SLOT(settingChanged(QString, QString, QDBusVariant)));
+            SLOT(settingChanged(QString, QString, QDBusVariant)));
         ask(appearanceGroup, QStringLiteral("color-scheme"));
         ask(interfaceGroup, QStringLiteral("icon-theme"));
         ask(interfaceGroup, QStringLiteral("font-name"));

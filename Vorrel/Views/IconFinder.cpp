@@ -47,9 +47,8 @@ struct IconFinder::IconTheme {
         if (known.empty()) {
             for (const Folder &one : folders)
                 known.push_back(&one);
-            std::stable_sort(known.begin(), known.end(), [&](const Folder *a, const Folder *b) {
-                return a->distance(size, scale) < b->distance(size, scale);
-            });
+            std::stable_sort(known.begin(), known.end(),
+                [&](const Folder *a, const Folder *b) { return a->distance(size, scale) < b->distance(size, scale); });
         }
         return known;
     }
@@ -65,11 +64,12 @@ IconFinder::IconFinder()
     const QString home = QDir::homePath();
     const QString data = qEnvironmentVariable("XDG_DATA_HOME", home + QStringLiteral("/.local/share"));
     const QString system = qEnvironmentVariable("XDG_DATA_DIRS", QStringLiteral("/usr/local/share:/usr/share"));
-    bases = {home + QStringLiteral("/.icons"), data + QStringLiteral("/icons"), data + QStringLiteral("/flatpak/exports/share/icons")};
+    bases = {
+        home + QStringLiteral("/.icons"), data + QStringLiteral("/icons"), data + QStringLiteral("/flatpak/exports/share/icons")};
     for (const QString &folder : system.split(u':', Qt::SkipEmptyParts))
         bases += folder + QStringLiteral("/icons");
     bases += {QStringLiteral("/var/lib/flatpak/exports/share/icons"), QStringLiteral("/var/lib/snapd/desktop/icons"),
-              QStringLiteral("/usr/share/pixmaps")};
+        QStringLiteral("/usr/share/pixmaps")};
     bases.removeDuplicates();
 }
 
@@ -123,8 +123,9 @@ const IconFinder::IconTheme &IconFinder::theme(const QString &name)
         folder.maximum = group.value(QStringLiteral("MaxSize"), QString::number(folder.size)).toInt();
         folder.threshold = group.value(QStringLiteral("Threshold"), QStringLiteral("2")).toInt();
         const QString kind = group.value(QStringLiteral("Type"));
-        folder.kind = kind == QLatin1String("Fixed") ? Folder::Kind::Fixed :
-                      kind == QLatin1String("Scalable") ? Folder::Kind::Scalable : Folder::Kind::Threshold;
+        folder.kind = kind == QLatin1String("Fixed") ? Folder::Kind::Fixed
+            : kind == QLatin1String("Scalable")      ? Folder::Kind::Scalable
+                                                     : Folder::Kind::Threshold;
         if (folder.size > 0 && folder.scale > 0)
             known->folders.push_back(std::move(folder));
     }

@@ -18,8 +18,8 @@ static constexpr int cacheBytes = 4 * 1024 * 1024;
 static constexpr std::size_t mostWishes = 64; // older ones have long scrolled away and are asked for again
 
 IconStore::IconStore(Executor mainThread, Executor pool) :
-    mainThread(std::move(mainThread)), reader(std::make_shared<Actor>(std::move(pool))),
-    finder(std::make_shared<IconFinder>()), cache(cacheBytes)
+    mainThread(std::move(mainThread)), reader(std::make_shared<Actor>(std::move(pool))), finder(std::make_shared<IconFinder>()),
+    cache(cacheBytes)
 {
     useIconResources();
 }

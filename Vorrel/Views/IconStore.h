@@ -42,7 +42,7 @@ public:
     void setThemes(const QStringList &names);
     bool loading() const { return reading; }
 
-    std::function<void()> arrived = [] { }; ///< Called when an icon that was asked for can be shown.
+    std::function<void()> arrived = [] {}; ///< Called when an icon that was asked for can be shown.
 
 private:
     struct Wish {

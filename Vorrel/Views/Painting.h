@@ -14,9 +14,9 @@ struct Theme;
 
 /// The grid that all parts of the palette keep: steps of four units.
 namespace Metrics {
-inline constexpr int margin = 20;    ///< From the palette's edge to what it shows.
+inline constexpr int margin = 20; ///< From the palette's edge to what it shows.
 inline constexpr int listMargin = 8; ///< From the palette's edge to a row's ground.
-inline constexpr int radius = 14;    ///< Of the palette's corners.
+inline constexpr int radius = 14; ///< Of the palette's corners.
 } // namespace Metrics
 
 void fillRounded(QPainter &painter, const QRectF &place, qreal radius, const QColor &color);

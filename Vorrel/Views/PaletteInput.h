@@ -18,10 +18,10 @@ public:
 
     bool composing() const { return !preedit.isEmpty(); }
 
-    std::function<void(int)> move = [](int) { };
-    std::function<void()> submit = [] { };
-    std::function<void()> escape = [] { };
-    std::function<void()> tab = [] { };
+    std::function<void(int)> move = [](int) {};
+    std::function<void()> submit = [] {};
+    std::function<void()> escape = [] {};
+    std::function<void()> tab = [] {};
 
 protected:
     void keyPressEvent(QKeyEvent *event) override;
@@ -49,7 +49,7 @@ public:
     void setSymbol(const QPixmap &symbol);
     void applyAppearance();
 
-    std::function<void(const QString &)> edited = [](const QString &) { }; ///< The user changed the text.
+    std::function<void(const QString &)> edited = [](const QString &) {}; ///< The user changed the text.
 
 protected:
     void paintEvent(QPaintEvent *event) override;

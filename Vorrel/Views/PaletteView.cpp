@@ -106,7 +106,10 @@ PaletteView::PaletteView(PaletteState &state, Appearance &appearance, IconStore 
     refresh();
 }
 
-PaletteView::~PaletteView() { icons.arrived = [] { }; }
+PaletteView::~PaletteView()
+{
+    icons.arrived = [] {};
+}
 
 PaletteSearchField &PaletteView::field() { return input->field(); }
 
@@ -220,7 +223,8 @@ void PaletteView::keyPressEvent(QKeyEvent *event)
 {
     // A letter typed while a button has the keyboard is meant for the field.
     const bool printable = !event->text().isEmpty() && event->text().front().isPrint();
-    if (input->field().hasFocus() || !(printable || event->key() == Qt::Key_Up || event->key() == Qt::Key_Down || event->key() == Qt::Key_Return))
+    if (input->field().hasFocus()
+        || !(printable || event->key() == Qt::Key_Up || event->key() == Qt::Key_Down || event->key() == Qt::Key_Return))
         return event->ignore();
     input->field().setFocus(Qt::OtherFocusReason);
     QCoreApplication::sendEvent(&input->field(), event);

@@ -84,8 +84,8 @@ public:
             words->addWidget(scrolling(plain(detail, appearance.font(TypeSize::Body))));
         words->addStretch();
         auto *top = new QHBoxLayout;
-        top->setSpacing(16);
-        top->addSpacing(signSize);
+        top->setSpacing(0);
+        top->addSpacing(signSize + 16);
         top->addLayout(words, 1);
         buttons = new QHBoxLayout;
         buttons->setSpacing(8);
@@ -120,7 +120,7 @@ protected:
         fillRounded(painter, sign, 10, theme.warningGround);
         const int symbol = 24, inset = (signSize - symbol) / 2;
         painter.drawPixmap(sign.topLeft() + QPoint(inset, inset),
-                           IconStore::drawSymbol("exclamationmark.triangle", symbol, devicePixelRatioF(), theme.warning));
+            IconStore::drawSymbol("exclamationmark.triangle", symbol, devicePixelRatioF(), theme.warning));
     }
     void resizeEvent(QResizeEvent *event) override
     {
@@ -245,8 +245,9 @@ Task<std::optional<std::vector<std::string>>> QtDialogs::choose(Choice choice)
 {
     auto *dialog = new QFileDialog(owner(), fromUtf8(choice.title));
     const Closing closing(dialog);
-    dialog->setFileMode(choice.folders ? QFileDialog::Directory :
-                        choice.multiple ? QFileDialog::ExistingFiles : QFileDialog::ExistingFile);
+    dialog->setFileMode(choice.folders ? QFileDialog::Directory
+            : choice.multiple          ? QFileDialog::ExistingFiles
+                                       : QFileDialog::ExistingFile);
     dialog->setOption(QFileDialog::ShowDirsOnly, choice.folders);
     if (!choice.message.empty())
         dialog->setLabelText(QFileDialog::LookIn, fromUtf8(choice.message));

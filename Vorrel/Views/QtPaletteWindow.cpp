@@ -29,6 +29,8 @@ using namespace std::chrono_literals;
 static constexpr int shadowReach = 40;
 static constexpr int shadowDrop = 10;
 
+static constexpr double freshFor = 0.5; // seconds
+
 // The window itself
 
 /// Draws the ground and the shadow, holds the view, and sees every key and mouse press first.
@@ -87,13 +89,18 @@ public:
     }
 
     int margin = 0;
-    std::function<void()> keyboardLost = [] { };
+    std::function<void()> deactivated = [] {};
 
 protected:
     bool event(QEvent *event) override
     {
         if (event->type() == QEvent::WindowDeactivate && isVisible())
-            keyboardLost();
+            deactivated();
+        // A dialog that stands over the palette.
+        if (event->type() == QEvent::WindowBlocked)
+            veil = std::make_unique<Veil>(*this);
+        else if (event->type() == QEvent::WindowUnblocked)
+            veil.reset();
         return QWidget::event(event);
     }
 
@@ -142,6 +149,28 @@ protected:
     }
 
 private:
+    /// Dims the palette.
+    class Veil : public QWidget {
+    public:
+        explicit Veil(Surface &surface) : QWidget(&surface), dark(surface.appearance.theme().dark)
+        {
+            setGeometry(surface.palette());
+            show();
+            raise();
+        }
+
+    protected:
+        void paintEvent(QPaintEvent *) override
+        {
+            QPainter painter(this);
+            painter.setRenderHint(QPainter::Antialiasing);
+            fillRounded(painter, rect(), Metrics::radius, QColor(0, 0, 0, dark ? 110 : 60));
+        }
+
+    private:
+        const bool dark;
+    };
+
     bool handleKey(QWidget *target, const QKeyEvent &event)
     {
         if (target->window() != this || !isVisible() || !_view || _view->field().composing())
@@ -222,13 +251,14 @@ private:
             for (int column = 0; column < 3; column++)
                 if (row != 1 || column != 1)
                     painter.drawPixmap(QRectF(xs[column], ys[row], xs[column + 1] - xs[column], ys[row + 1] - ys[row]), shadow,
-                                       QRectF(from[column], from[row], from[column + 1] - from[column], from[row + 1] - from[row]));
+                        QRectF(from[column], from[row], from[column + 1] - from[column], from[row + 1] - from[row]));
     }
 
     PaletteController &controller;
     Appearance &appearance;
     IconStore &icons;
     PaletteView *_view = nullptr;
+    std::unique_ptr<Veil> veil;
     QPoint grip;
     QPixmap shadow;
     qreal shadowRatio = 0;
@@ -241,7 +271,7 @@ public:
     explicit Fade(QWidget &window) : window(window)
     {
         connect(&animation, &QVariantAnimation::valueChanged, this,
-                [this](const QVariant &value) { this->window.setWindowOpacity(value.toReal()); });
+            [this](const QVariant &value) { this->window.setWindowOpacity(value.toReal()); });
         connect(&animation, &QVariantAnimation::finished, this, [this] { finish(); });
     }
 
@@ -283,6 +313,7 @@ QtPaletteWindow::QtPaletteWindow(PaletteController &controller, const Platform &
     icons(std::make_shared<IconStore>(platform.mainThread, platform.pool)),
     _surface(std::make_unique<Surface>(controller, appearance, *icons)), fade(std::make_unique<Fade>(*_surface))
 {
+    _surface->deactivated = [this] { deactivated(); };
 }
 
 QtPaletteWindow::~QtPaletteWindow() = default;
@@ -361,6 +392,7 @@ void QtPaletteWindow::bringToFront()
     _surface->raise();
     _surface->activateWindow();
     x11::activate(*_surface, time);
+    shownAt = clock.uptime();
     if (appears) {
         Task<void> task = settle(clock, this);
         settling = spawn(mainThread, std::move(task));
@@ -414,6 +446,25 @@ bool QtPaletteWindow::hasKeyboard() const { return _surface->isActiveWindow(); }
 
 void QtPaletteWindow::focusInput() { view().field().setFocus(Qt::OtherFocusReason); }
 
-void QtPaletteWindow::onKeyboardLost(std::function<void()> lost) { _surface->keyboardLost = std::move(lost); }
+void QtPaletteWindow::onKeyboardLost(std::function<void()> lost) { keyboardLost = std::move(lost); }
+
+void QtPaletteWindow::deactivated()
+{
+    switch (x11::keyboardOf(*_surface)) {
+    case x11::Keyboard::Ours: // the report is older than our window's return
+        QMetaObject::invokeMethod(
+            _surface.get(), [this] { _surface->noteKeyboard(); }, Qt::QueuedConnection);
+        return;
+    case x11::Keyboard::Nobody:
+        // A window manager that still tidies up after another window takes the keyboard from a fresh one.
+        if (clock.uptime() - shownAt < freshFor) {
+            x11::activate(*_surface, x11::serverTime());
+            return;
+        }
+        break;
+    case x11::Keyboard::Other: break;
+    }
+    keyboardLost();
+}
 
 } // namespace korvane

@@ -1,8 +1,8 @@
 #pragma once
 
 #include "Vorrel/Palette/PaletteController.h"
-#include "Vorrel/Platform/Platform.h"
 #include "Vorrel/Platform/PaletteWindow.h"
+#include "Vorrel/Platform/Platform.h"
 
 #include <QPoint>
 
@@ -59,6 +59,7 @@ private:
 
     QDialog *sheet() const;
     void takeShape();
+    void deactivated();
     /// Some window managers report a wrong place right after a window appears, and a later move would then go wrong.
     static Task<void> settle(Clock &clock, QtPaletteWindow *window);
 
@@ -70,6 +71,8 @@ private:
     std::unique_ptr<Fade> fade;
     QPoint wanted; // the palette's upper left corner
     std::uint32_t userTime = 0;
+    double shownAt = 0; // by the clock that never jumps
+    std::function<void()> keyboardLost = [] {};
     TaskHandle settling;
 };
 

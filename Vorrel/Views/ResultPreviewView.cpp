@@ -87,7 +87,8 @@ void TextPane::keyPressEvent(QKeyEvent *event)
 
 ResultPreviewView::ResultPreviewView(Appearance &appearance, IconStore &icons, QWidget *parent) :
     QWidget(parent), title(new Text(appearance, TypeSize::Body, Text::Tone::Main, QFont::DemiBold, this)),
-    status(new Text(appearance, TypeSize::Small, Text::Tone::Secondary, QFont::Normal, this)), pane(new TextPane(appearance, this))
+    status(new Text(appearance, TypeSize::Small, Text::Tone::Secondary, QFont::Normal, this)),
+    pane(new TextPane(appearance, this))
 {
     title->setText(fromUtf8(L10n::shown("Text Preview")));
     pane->setAccessibleName(title->text());
@@ -114,9 +115,9 @@ void ResultPreviewView::show(const std::string &next)
     text = next;
     const TextPart part = firstCharacters(fromUtf8(next), displayLimit);
     pane->show(part.text);
-    status->setText(part.complete ?
-        QString::number(part.characters) + fromUtf8(L10n::shown(" characters · Return copies · ↑ ↓ Browse")) :
-        fromUtf8(L10n::shown("Showing the first 50,000 characters. Return copies the complete item.")));
+    status->setText(part.complete
+            ? QString::number(part.characters) + fromUtf8(L10n::shown(" characters · Return copies · ↑ ↓ Browse"))
+            : fromUtf8(L10n::shown("Showing the first 50,000 characters. Return copies the complete item.")));
 }
 
 void ResultPreviewView::applyAppearance()

@@ -37,7 +37,7 @@ public:
     QString shownPart() const { return pane->toPlainText(); }
     QString statusLine() const { return status->text(); }
 
-    std::function<void()> close = [] { };
+    std::function<void()> close = [] {};
 
 private:
     Text *title, *status;

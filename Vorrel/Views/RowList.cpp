@@ -161,8 +161,8 @@ void RowList::applyAppearance()
 
 int RowList::sectionOf(int row) const
 {
-    const auto after = std::upper_bound(sections.begin(), sections.end(), row,
-                                        [](int value, const Section &section) { return value < section.first; });
+    const auto after = std::upper_bound(
+        sections.begin(), sections.end(), row, [](int value, const Section &section) { return value < section.first; });
     return int(after - sections.begin()) - 1;
 }
 
@@ -335,21 +335,18 @@ void RowList::drawIcon(QPainter &painter, const RowFace &face, const QRect &plac
     if (icon.kind == CommandIcon::Kind::file) {
         QPixmap picture;
         switch (icons.file(icon.value, iconSize, ratio, picture)) {
-        case IconStore::Look::Ready:
-            painter.drawPixmap(place.topLeft(), picture);
-            return;
-        case IconStore::Look::Loading:
-            fillRounded(painter, place.adjusted(2, 2, -2, -2), 6, theme.hover);
-            return;
-        case IconStore::Look::Nothing:
-            break;
+        case IconStore::Look::Ready: painter.drawPixmap(place.topLeft(), picture); return;
+        case IconStore::Look::Loading: fillRounded(painter, place.adjusted(2, 2, -2, -2), 6, theme.hover); return;
+        case IconStore::Look::Nothing: break;
         }
     }
     fillRounded(painter, place, 7, face.grave ? theme.warningGround : theme.tile);
     const int inset = (iconSize - glyphSize) / 2;
-    const std::string name = icon.kind == CommandIcon::Kind::symbol ? icon.value :
-                             icon.value.ends_with(".desktop") ? "app" : "doc";
-    painter.drawPixmap(place.topLeft() + QPoint(inset, inset), icons.symbol(name, glyphSize, ratio, face.grave ? theme.warning : theme.accent));
+    const std::string name = icon.kind == CommandIcon::Kind::symbol ? icon.value
+        : icon.value.ends_with(".desktop")                          ? "app"
+                                                                    : "doc";
+    painter.drawPixmap(
+        place.topLeft() + QPoint(inset, inset), icons.symbol(name, glyphSize, ratio, face.grave ? theme.warning : theme.accent));
 }
 
 int RowList::drawRightSide(QPainter &painter, int row, const RowFace &face, const QRect &place) const
@@ -362,7 +359,7 @@ int RowList::drawRightSide(QPainter &painter, int row, const RowFace &face, cons
         right -= width + 8;
     } else if (row == selected) {
         painter.drawPixmap(QPoint(right - glyphSize, place.top() + (rowHeight - glyphSize) / 2),
-                           icons.symbol("return", glyphSize, devicePixelRatioF(), theme.accent));
+            icons.symbol("return", glyphSize, devicePixelRatioF(), theme.accent));
         right -= glyphSize + 8;
     }
     if (!face.badge.isEmpty()) {
@@ -414,7 +411,7 @@ void RowList::drawRow(QPainter &painter, int row, const QRect &place) const
     painter.setFont(subtitleFont);
     painter.setPen(theme.secondary);
     painter.drawText(QPoint(subtitleLeft, baseline),
-                     QFontMetrics(subtitleFont).elidedText(face.subtitle, elision(face.subtitle), right - subtitleLeft));
+        QFontMetrics(subtitleFont).elidedText(face.subtitle, elision(face.subtitle), right - subtitleLeft));
 }
 
 } // namespace korvane

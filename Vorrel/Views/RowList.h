@@ -16,8 +16,8 @@ class IconStore;
 struct RowFace {
     QString title, subtitle;
     CommandIcon icon = {};
-    QString badge = {};    ///< A small label at the right.
-    bool grave = false;    ///< Marks what cannot be undone.
+    QString badge = {}; ///< A small label at the right.
+    bool grave = false; ///< Marks what cannot be undone.
     QStringList keys = {}; ///< Keys at the right.
 };
 
@@ -29,7 +29,7 @@ class RowList : public QAbstractScrollArea {
 
 public:
     struct Section {
-        int first;     ///< Its first row.
+        int first; ///< Its first row.
         QString title; ///< Shown; empty for none.
     };
 
@@ -45,7 +45,7 @@ public:
 
     void applyAppearance();
 
-    std::function<void(int)> clicked = [](int) { };
+    std::function<void(int)> clicked = [](int) {};
 
 protected:
     /// Shows other rows. `sections` in rising order, or none.
@@ -66,7 +66,7 @@ protected:
 
 private:
     int sectionOf(int row) const; ///< -1 without sections.
-    int topOf(int row) const;     ///< From the top of the contents.
+    int topOf(int row) const; ///< From the top of the contents.
     int contentHeight() const;
     int lastRowAbove(int y) const; ///< The last row that begins at or above `y` of the contents; -1 for none.
     bool startsSection(int row) const;

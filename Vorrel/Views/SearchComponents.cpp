@@ -61,7 +61,10 @@ void Text::applyAppearance()
 {
     const Theme &theme = appearance.theme();
     QPalette colours = palette();
-    colours.setColor(QPalette::WindowText, tone == Tone::Main ? theme.text : tone == Tone::Warning ? theme.warning : theme.secondary);
+    colours.setColor(QPalette::WindowText,
+        tone == Tone::Main          ? theme.text
+            : tone == Tone::Warning ? theme.warning
+                                    : theme.secondary);
     setPalette(colours);
     QFont letters = appearance.font(size, weight);
     letters.setLetterSpacing(QFont::AbsoluteSpacing, font().letterSpacing());
@@ -141,7 +144,10 @@ void FlatButton::setKeys(const QStringList &names)
     update();
 }
 
-QFont FlatButton::textFont() const { return appearance.font(TypeSize::Small, _style == Style::Quiet ? QFont::Normal : QFont::Medium); }
+QFont FlatButton::textFont() const
+{
+    return appearance.font(TypeSize::Small, _style == Style::Quiet ? QFont::Normal : QFont::Medium);
+}
 
 QSize FlatButton::sizeHint() const
 {
@@ -411,7 +417,8 @@ void ErrorArea::paintEvent(QPaintEvent *)
 {
     QPainter painter(this);
     painter.setRenderHint(QPainter::Antialiasing);
-    fillRounded(painter, rect().adjusted(Metrics::listMargin + 4, 4, -Metrics::listMargin - 4, -4), 8, appearance.theme().warningGround);
+    fillRounded(
+        painter, rect().adjusted(Metrics::listMargin + 4, 4, -Metrics::listMargin - 4, -4), 8, appearance.theme().warningGround);
 }
 
 // EmptyState
@@ -458,7 +465,9 @@ static QString emptyLine(const PaletteState &state)
 
 void EmptyState::refresh(const PaletteState &state)
 {
-    const char *name = state.mode() == PaletteState::Mode::clipboard ? "clipboard" : state.argumentTarget() ? "terminal" : "magnifyingglass";
+    const char *name = state.mode() == PaletteState::Mode::clipboard ? "clipboard"
+        : state.argumentTarget()                                     ? "terminal"
+                                                                     : "magnifyingglass";
     show(name, emptyTitle(state), emptyLine(state));
 }
 
@@ -546,14 +555,15 @@ ActionsList::ActionsList(Appearance &appearance, IconStore &icons, PaletteState 
 RowFace ActionsList::face(int row) const
 {
     const CommandAction &action = shown[std::size_t(row)];
-    const char *symbol = action.role == ActionRole::write ? "pencil" :
-                         action.role == ActionRole::destructive ? "exclamationmark.triangle" : "arrow.right";
+    const char *symbol = action.role == ActionRole::write ? "pencil"
+        : action.role == ActionRole::destructive          ? "exclamationmark.triangle"
+                                                          : "arrow.right";
     const std::string keys = action.shortcut ? *action.shortcut : action.key ? std::string(label(*action.key)) : std::string();
     return {.title = shownText(action.title),
-            .icon = CommandIcon::symbol(symbol),
-            .badge = action.role == ActionRole::normal ? QString() : shownText(rawValue(action.role)),
-            .grave = action.role == ActionRole::destructive,
-            .keys = keyNames(keys)};
+        .icon = CommandIcon::symbol(symbol),
+        .badge = action.role == ActionRole::normal ? QString() : shownText(rawValue(action.role)),
+        .grave = action.role == ActionRole::destructive,
+        .keys = keyNames(keys)};
 }
 
 void ActionsList::refresh()

@@ -26,7 +26,8 @@ TrayStatusItem::TrayStatusItem()
     QDBusConnection bus = QDBusConnection::sessionBus();
     auto *watcher = new QDBusServiceWatcher(watcherService, bus, QDBusServiceWatcher::WatchForRegistration, this);
     connect(watcher, &QDBusServiceWatcher::serviceRegistered, this, &TrayStatusItem::askForHost);
-    bus.connect(watcherService, watcherPath, watcherService, QStringLiteral("StatusNotifierHostRegistered"), this, SLOT(askForHost()));
+    bus.connect(
+        watcherService, watcherPath, watcherService, QStringLiteral("StatusNotifierHostRegistered"), this, SLOT(askForHost()));
 }
 
 TrayStatusItem::~TrayStatusItem() = default;
@@ -44,8 +45,8 @@ void TrayStatusItem::askForHost()
 {
     if (entries.empty())
         return;
-    QDBusMessage call = QDBusMessage::createMethodCall(watcherService, watcherPath,
-                                                       QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Get"));
+    QDBusMessage call = QDBusMessage::createMethodCall(
+        watcherService, watcherPath, QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("Get"));
     call.setArguments({watcherService, QStringLiteral("IsStatusNotifierHostRegistered")});
     call.setAutoStartService(false);
     auto *answer = new QDBusPendingCallWatcher(QDBusConnection::sessionBus().asyncCall(call, 5000), this);

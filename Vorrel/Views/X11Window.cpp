@@ -56,7 +56,7 @@ public:
         window = xcb_generate_id(x);
         const std::uint32_t events = XCB_EVENT_MASK_PROPERTY_CHANGE;
         xcb_create_window(x, XCB_COPY_FROM_PARENT, window, root(x), -1, -1, 1, 1, 0, XCB_WINDOW_CLASS_INPUT_ONLY,
-                          XCB_COPY_FROM_PARENT, XCB_CW_EVENT_MASK, &events);
+            XCB_COPY_FROM_PARENT, XCB_CW_EVENT_MASK, &events);
     }
     ~Watch() { xcb_disconnect(x); }
     Watch(const Watch &) = delete;
@@ -88,7 +88,8 @@ bool compositorRuns()
     if (!x)
         return true; // other platforms always compose
     static const xcb_atom_t manager = atom(x, "_NET_WM_CM_S0");
-    const Reply<xcb_get_selection_owner_reply_t> reply(xcb_get_selection_owner_reply(x, xcb_get_selection_owner(x, manager), nullptr));
+    const Reply<xcb_get_selection_owner_reply_t> reply(
+        xcb_get_selection_owner_reply(x, xcb_get_selection_owner(x, manager), nullptr));
     return reply && reply->owner != XCB_WINDOW_NONE;
 }
 
@@ -139,8 +140,38 @@ void activate(const QWidget &window, std::uint32_t time)
     message.data.data32[0] = 2; // on behalf of the user
     message.data.data32[1] = time;
     xcb_send_event(x, 0, root(x), XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY | XCB_EVENT_MASK_SUBSTRUCTURE_REDIRECT,
-                   reinterpret_cast<const char *>(&message));
+        reinterpret_cast<const char *>(&message));
     xcb_flush(x);
+}
+
+/// Whether the window is a program's, or within one: window managers mark those that they manage.
+static bool isManaged(xcb_connection_t *x, xcb_window_t window)
+{
+    static const xcb_atom_t state = atom(x, "WM_STATE");
+    constexpr int deepest = 8;
+    for (int level = 0; level < deepest && window != XCB_WINDOW_NONE && window != root(x); level++) {
+        const Reply<xcb_get_property_reply_t> mark(
+            xcb_get_property_reply(x, xcb_get_property(x, 0, window, state, XCB_GET_PROPERTY_TYPE_ANY, 0, 1), nullptr));
+        if (mark && mark->type != XCB_ATOM_NONE)
+            return true;
+        const Reply<xcb_query_tree_reply_t> tree(xcb_query_tree_reply(x, xcb_query_tree(x, window), nullptr));
+        window = tree ? tree->parent : XCB_WINDOW_NONE;
+    }
+    return false;
+}
+
+Keyboard keyboardOf(const QWidget &window)
+{
+    xcb_connection_t *x = connection();
+    if (!x)
+        return Keyboard::Other;
+    const Reply<xcb_get_input_focus_reply_t> focus(xcb_get_input_focus_reply(x, xcb_get_input_focus(x), nullptr));
+    if (!focus)
+        return Keyboard::Other;
+    if (focus->focus == idOf(window))
+        return Keyboard::Ours;
+    constexpr xcb_window_t pointerRoot = 1; // stands for whatever is under the mouse
+    return focus->focus > pointerRoot && isManaged(x, focus->focus) ? Keyboard::Other : Keyboard::Nobody;
 }
 
 void setSolidPart(const QWidget &window, const QRect &part)
@@ -159,9 +190,9 @@ void setSolidPart(const QWidget &window, const QRect &part)
     if (part.isEmpty()) {
         xcb_delete_property(x, idOf(window), frameExtents);
     } else {
-        const std::array<std::uint32_t, 4> extents{
-            std::uint32_t(pixels(part.left())), std::uint32_t(pixels(window.width() - part.left() - part.width())),
-            std::uint32_t(pixels(part.top())), std::uint32_t(pixels(window.height() - part.top() - part.height()))};
+        const std::array<std::uint32_t, 4> extents{std::uint32_t(pixels(part.left())),
+            std::uint32_t(pixels(window.width() - part.left() - part.width())), std::uint32_t(pixels(part.top())),
+            std::uint32_t(pixels(window.height() - part.top() - part.height()))};
         setCardinals(x, idOf(window), frameExtents, extents.data(), extents.size());
     }
     if (fixes) {
@@ -169,7 +200,7 @@ void setSolidPart(const QWidget &window, const QRect &part)
         if (!part.isEmpty()) {
             region = xcb_generate_id(x);
             const xcb_rectangle_t area{std::int16_t(pixels(part.left())), std::int16_t(pixels(part.top())),
-                                       std::uint16_t(pixels(part.width())), std::uint16_t(pixels(part.height()))};
+                std::uint16_t(pixels(part.width())), std::uint16_t(pixels(part.height()))};
             xcb_xfixes_create_region(x, region, 1, &area);
         }
         xcb_xfixes_set_window_shape_region(x, idOf(window), XCB_SHAPE_SK_INPUT, 0, 0, region);

@@ -30,6 +30,14 @@ void activate(const QWidget &window, std::uint32_t time);
 /// Tells when the user asked for the window; before it is mapped.
 void setUserTime(const QWidget &window, std::uint32_t time);
 
+/// Who has the keyboard by the server's own word: reports of the toolkit may be older than what has happened since.
+enum class Keyboard {
+    Ours, ///< The given window.
+    Nobody, ///< No program's window, such as while a window manager looks for the next one.
+    Other
+};
+Keyboard keyboardOf(const QWidget &window);
+
 /// Lets the mouse through outside `part`, and tells window managers and compositors that what lies outside is
 /// the window's own shadow. `part` in units of the window; empty takes both back.
 void setSolidPart(const QWidget &window, const QRect &part);

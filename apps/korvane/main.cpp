@@ -40,7 +40,8 @@ Task<void> quitOnSignal(const Descriptor &signals, std::function<void()> quit)
 
 bool hasDisplay(const Environment &environment)
 {
-    return nonEmpty(environment, "DISPLAY") || nonEmpty(environment, "WAYLAND_DISPLAY") || nonEmpty(environment, "QT_QPA_PLATFORM");
+    return nonEmpty(environment, "DISPLAY") || nonEmpty(environment, "WAYLAND_DISPLAY")
+        || nonEmpty(environment, "QT_QPA_PLATFORM");
 }
 
 } // namespace

@@ -259,7 +259,7 @@ TEST_F(ActorTest, OtherWorkRunsBetweenTheSuspensionsOfAPerformedTask)
         world.log.push_back(std::to_string(co_await actor.perform(std::move(inner))));
     };
     auto quick = [](World &world, Actor &actor) -> Task<void> {
-        auto work = [](std::stop_token) { };
+        auto work = [](std::stop_token) {};
         co_await actor.run(work);
         world.log.push_back("quick");
     };
@@ -355,7 +355,7 @@ TEST(ActorThreads, CancellationsAtRandomMomentsLoseNothing)
     auto body = [](Actor &actor, Task<int> inner, int &ended) -> Task<void> {
         try {
             co_await actor.perform(std::move(inner));
-            auto work = [](std::stop_token) { };
+            auto work = [](std::stop_token) {};
             co_await actor.run(work);
         } catch (const Cancelled &) {
         }
@@ -438,7 +438,7 @@ TEST(Observed, ASubscriptionMayOutliveItsValue)
     Subscription kept;
     {
         Observed<int> value(0);
-        kept = value.observe([] { });
+        kept = value.observe([] {});
     }
     SUCCEED();
 }

@@ -19,13 +19,19 @@ namespace {
 
 CommandResultFields builtIn(std::string id, std::string title, std::string symbol)
 {
-    return {.id = std::move(id), .title = std::move(title), .subtitle = "System Command", .icon = CommandIcon::symbol(std::move(symbol))};
+    return {.id = std::move(id),
+        .title = std::move(title),
+        .subtitle = "System Command",
+        .icon = CommandIcon::symbol(std::move(symbol))};
 }
 
 Row fileRow(const std::string &path)
 {
-    return makeRow({.id = "file:" + path, .title = path.substr(path.rfind('/') + 1), .subtitle = path.substr(0, path.rfind('/')),
-                    .icon = CommandIcon::file(path), .actions = {{.id = "open", .title = "Open"}}});
+    return makeRow({.id = "file:" + path,
+        .title = path.substr(path.rfind('/') + 1),
+        .subtitle = path.substr(0, path.rfind('/')),
+        .icon = CommandIcon::file(path),
+        .actions = {{.id = "open", .title = "Open"}}});
 }
 
 Rows applications(Scene &scene)
@@ -34,7 +40,7 @@ Rows applications(Scene &scene)
         scene.application("Firefox", "firefox", "org.mozilla.firefox"),
         scene.application("Files", "org.gnome.Nautilus", "org.gnome.Nautilus"),
         scene.application("Figures and Formulas for the Very Patient Reader of Long Application Titles", "org.gnome.Calculator",
-                          "org.example.figures.and.formulas.for.readers"),
+            "org.example.figures.and.formulas.for.readers"),
         scene.application("字体查看器", "org.gnome.font-viewer", "org.gnome.font-viewer"),
     };
 }
@@ -42,14 +48,15 @@ Rows applications(Scene &scene)
 Rows commands()
 {
     return {makeRow(builtIn("system:finder", "Open Finder", "folder")), makeRow(builtIn("system:lock", "Lock Screen", "lock")),
-            makeRow(builtIn("system:trash", "Empty Trash", "trash")), makeRow(builtIn("system:sleep", "Sleep", "moon"))};
+        makeRow(builtIn("system:trash", "Empty Trash", "trash")), makeRow(builtIn("system:sleep", "Sleep", "moon"))};
 }
 
 Rows files()
 {
     return {fileRow("/home/ada/Documents/Research/2026/Field notes/Final report of the first expedition.pdf"),
-            fileRow("/home/ada/Pictures/Holidays/A much longer folder name that nobody would type twice/Another level/And one more/fjord at dawn.jpg"),
-            fileRow("/home/ada/项目/第四季度财务报告（最终版）.xlsx"), fileRow("/home/ada/Music/Field recordings/First rain.flac")};
+        fileRow("/home/ada/Pictures/Holidays/A much longer folder name that nobody would type twice/Another level/And one "
+                "more/fjord at dawn.jpg"),
+        fileRow("/home/ada/项目/第四季度财务报告（最终版）.xlsx"), fileRow("/home/ada/Music/Field recordings/First rain.flac")};
 }
 
 Rows joined(std::initializer_list<Rows> parts)
@@ -62,19 +69,21 @@ Rows joined(std::initializer_list<Rows> parts)
 
 std::vector<CommandAction> fileActions()
 {
-    return {{.id = "open", .title = "Open", .shortcut = "↵"},
-            {.id = "openWith", .title = "Open With…"},
-            {.id = "preview", .title = "Quick Look", .key = ActionKey::preview},
-            {.id = "reveal", .title = "Show in Finder", .key = ActionKey::reveal},
-            {.id = "copyPath", .title = "Copy Path", .key = ActionKey::copyPath, .role = ActionRole::write},
-            {.id = "trash", .title = "Move to Trash", .role = ActionRole::destructive}};
+    return {{.id = "open", .title = "Open", .shortcut = "↵"}, {.id = "openWith", .title = "Open With…"},
+        {.id = "preview", .title = "Quick Look", .key = ActionKey::preview},
+        {.id = "reveal", .title = "Show in Finder", .key = ActionKey::reveal},
+        {.id = "copyPath", .title = "Copy Path", .key = ActionKey::copyPath, .role = ActionRole::write},
+        {.id = "trash", .title = "Move to Trash", .role = ActionRole::destructive}};
 }
 
 /// Shows one row whose actions the panel lists.
 void openActions(Scene &scene, int selection)
 {
-    CommandResultFields fields{.id = "file:/home/ada/report.pdf", .title = "report.pdf", .subtitle = "/home/ada",
-                               .icon = CommandIcon::file("/home/ada/report.pdf"), .actions = fileActions()};
+    CommandResultFields fields{.id = "file:/home/ada/report.pdf",
+        .title = "report.pdf",
+        .subtitle = "/home/ada",
+        .icon = CommandIcon::file("/home/ada/report.pdf"),
+        .actions = fileActions()};
     scene.palette()._results = Rows{makeRow(std::move(fields))};
     scene.palette()._selection = 0;
     scene.palette().toggleActions();
@@ -86,90 +95,101 @@ const struct {
     void (*arrange)(Scene &);
 } states[] = {
     {"commands",
-     [](Scene &scene) {
-         scene.palette()._results = joined({applications(scene), commands()});
-         scene.palette()._selection = 1;
-     }},
+        [](Scene &scene) {
+            scene.palette()._results = joined({applications(scene), commands()});
+            scene.palette()._selection = 1;
+        }},
     {"query",
-     [](Scene &scene) {
-         scene.palette()._query = "fi";
-         scene.palette()._results = joined({applications(scene), files()});
-     }},
+        [](Scene &scene) {
+            scene.palette()._query = "fi";
+            scene.palette()._results = joined({applications(scene), files()});
+        }},
     {"calculator",
-     [](Scene &scene) {
-         scene.palette()._query = "1920 * 1080 / 2";
-         scene.palette()._results = Rows{makeRow({.id = "calculator", .title = "1,036,800", .subtitle = "1920 * 1080 / 2",
-                                                  .icon = CommandIcon::symbol("equal.circle"),
-                                                  .actions = {{.id = "copy", .title = "Copy Result"}}})};
-     }},
+        [](Scene &scene) {
+            scene.palette()._query = "1920 * 1080 / 2";
+            scene.palette()._results = Rows{makeRow({.id = "calculator",
+                .title = "1,036,800",
+                .subtitle = "1920 * 1080 / 2",
+                .icon = CommandIcon::symbol("equal.circle"),
+                .actions = {{.id = "copy", .title = "Copy Result"}}})};
+        }},
     {"files",
-     [](Scene &scene) {
-         scene.palette()._mode = PaletteState::Mode::files;
-         scene.palette()._query = "report";
-         scene.palette()._results = files();
-         scene.palette()._selection = 1;
-         scene.palette()._searchingFiles = true;
-     }},
+        [](Scene &scene) {
+            scene.palette()._mode = PaletteState::Mode::files;
+            scene.palette()._query = "report";
+            scene.palette()._results = files();
+            scene.palette()._selection = 1;
+            scene.palette()._searchingFiles = true;
+        }},
     {"empty",
-     [](Scene &scene) {
-         scene.palette()._query = "qwertz";
-         scene.palette()._results = Rows();
-     }},
+        [](Scene &scene) {
+            scene.palette()._query = "qwertz";
+            scene.palette()._results = Rows();
+        }},
     {"error",
-     [](Scene &scene) {
-         scene.palette()._results = joined({files(), commands()});
-         scene.palette()._error = "Korvane cannot read this file. Review Files & Folders access in System Settings, then retry.";
-         scene.palette()._errorRecovery = {.rerunAction = true, .openAccessSettings = true};
-     }},
+        [](Scene &scene) {
+            scene.palette()._results = joined({files(), commands()});
+            scene.palette()._error =
+                "Korvane cannot read this file. Review Files & Folders access in System Settings, then retry.";
+            scene.palette()._errorRecovery = {.rerunAction = true, .openAccessSettings = true};
+        }},
     {"actions", [](Scene &scene) { openActions(scene, 3); }},
     {"openwith",
-     [](Scene &scene) {
-         Rows rows;
-         for (const auto &[name, icon] : {std::pair("GNU Image Manipulation Program", "gimp"), std::pair("Inkscape", "inkscape"),
-                                          std::pair("Image Viewer", "org.gnome.eog"), std::pair("Document Viewer", "org.gnome.Evince")})
-             rows.push_back(scene.application(name, icon, std::string("/usr/share/applications/") + icon + ".desktop"));
-         scene.palette()._childTitle = "Open With…";
-         scene.palette()._results = rows;
-         scene.palette()._selection = 2;
-     }},
+        [](Scene &scene) {
+            Rows rows;
+            for (const auto &[name, icon] :
+                {std::pair("GNU Image Manipulation Program", "gimp"), std::pair("Inkscape", "inkscape"),
+                    std::pair("Image Viewer", "org.gnome.eog"), std::pair("Document Viewer", "org.gnome.Evince")})
+                rows.push_back(scene.application(name, icon, std::string("/usr/share/applications/") + icon + ".desktop"));
+            scene.palette()._childTitle = "Open With…";
+            scene.palette()._results = rows;
+            scene.palette()._selection = 2;
+        }},
     {"arguments",
-     [](Scene &scene) {
-         const auto line = [](std::string text, std::string used) {
-             return makeRow({.id = "args:" + text, .title = text, .subtitle = used, .icon = CommandIcon::symbol("clock.arrow.circlepath"),
-                             .actions = {{.id = "run", .title = "Launch With Arguments"}}});
-         };
-         scene.palette()._argumentTarget = scene.application("Visual Studio Code", "code", "");
-         scene.palette()._results = Rows{line("--new-window ~/Projects/korvane", "Used 12× · 3 minutes ago"),
-                                         line("--diff old.cpp new.cpp", "Used 4× · 2 days ago")};
-     }},
+        [](Scene &scene) {
+            const auto line = [](std::string text, std::string used) {
+                return makeRow({.id = "args:" + text,
+                    .title = text,
+                    .subtitle = used,
+                    .icon = CommandIcon::symbol("clock.arrow.circlepath"),
+                    .actions = {{.id = "run", .title = "Launch With Arguments"}}});
+            };
+            scene.palette()._argumentTarget = scene.application("Visual Studio Code", "code", "");
+            scene.palette()._results = Rows{line("--new-window ~/Projects/korvane", "Used 12× · 3 minutes ago"),
+                line("--diff old.cpp new.cpp", "Used 4× · 2 days ago")};
+        }},
     {"noarguments",
-     [](Scene &scene) {
-         scene.palette()._argumentTarget = scene.application("Visual Studio Code", "code", "");
-         scene.palette()._results = Rows();
-     }},
+        [](Scene &scene) {
+            scene.palette()._argumentTarget = scene.application("Visual Studio Code", "code", "");
+            scene.palette()._results = Rows();
+        }},
     {"searching",
-     [](Scene &scene) {
-         scene.palette()._mode = PaletteState::Mode::files;
-         scene.palette()._query = "expedition";
-         scene.palette()._results = Rows();
-         scene.palette()._searchingFiles = true;
-     }},
+        [](Scene &scene) {
+            scene.palette()._mode = PaletteState::Mode::files;
+            scene.palette()._query = "expedition";
+            scene.palette()._results = Rows();
+            scene.palette()._searchingFiles = true;
+        }},
     {"busy",
-     [](Scene &scene) {
-         scene.palette()._results = joined({commands(), applications(scene)});
-         scene.palette()._selection = 5;
-         scene.palette()._busy = true;
-     }},
+        [](Scene &scene) {
+            scene.palette()._results = joined({commands(), applications(scene)});
+            scene.palette()._selection = 5;
+            scene.palette()._busy = true;
+        }},
     {"preview",
-     [](Scene &scene) {
-         const std::string text = "The tide tables for the northern shore\n\n04:12  high  3.4 m\n10:27  low   0.6 m\n16:49  high  3.1 m\n"
-                                  "22:58  low   0.9 m\n\nBoats may enter the inner harbour for two hours around each high tide.\n"
-                                  "内港在每次高潮前后两小时内开放。";
-         scene.palette()._mode = PaletteState::Mode::clipboard;
-         scene.palette()._results = Rows{makeRow({.id = "clipboard:1", .title = "The tide tables", .icon = CommandIcon::symbol("clipboard"),
-                                                  .previewText = text, .actions = {{.id = "copy", .title = "Copy"}}})};
-         scene.palette()._showsPreview = true;
-     }},
+        [](Scene &scene) {
+            const std::string text =
+                "The tide tables for the northern shore\n\n04:12  high  3.4 m\n10:27  low   0.6 m\n16:49  high  3.1 m\n"
+                "22:58  low   0.9 m\n\nBoats may enter the inner harbour for two hours around each high tide.\n"
+                "内港在每次高潮前后两小时内开放。";
+            scene.palette()._mode = PaletteState::Mode::clipboard;
+            scene.palette()._results = Rows{makeRow({.id = "clipboard:1",
+                .title = "The tide tables",
+                .icon = CommandIcon::symbol("clipboard"),
+                .previewText = text,
+                .actions = {{.id = "copy", .title = "Copy"}}})};
+            scene.palette()._showsPreview = true;
+        }},
 };
 
 /// The window over a plain desktop.
@@ -190,8 +210,11 @@ QImage framed(const QPixmap &picture, bool dark)
 void useLanguage(const QString &language)
 {
     const std::string source = KORVANE_SOURCE;
-    L10n::use(L10n::load({.resources = source + "/resources", .beside = {}, .fixedAtBuild = {},
-                          .languages = {language.toStdString()}, .platform = "linux"}));
+    L10n::use(L10n::load({.resources = source + "/resources",
+        .beside = {},
+        .fixedAtBuild = {},
+        .languages = {language.toStdString()},
+        .platform = "linux"}));
 }
 
 } // namespace
@@ -221,8 +244,10 @@ int main(int argc, char **argv)
         scene.turn();
         const bool dark = scene.appearance.theme().dark;
         const QImage picture = framed(scene.window->surface()->grab(), dark);
-        const QString name = QStringLiteral("%1-%2-%3-%4x.png").arg(QLatin1String(state.name), language,
-            dark ? QStringLiteral("dark") : QStringLiteral("light")).arg(scene.window->surface()->devicePixelRatio());
+        const QString name =
+            QStringLiteral("%1-%2-%3-%4x.png")
+                .arg(QLatin1String(state.name), language, dark ? QStringLiteral("dark") : QStringLiteral("light"))
+                .arg(scene.window->surface()->devicePixelRatio());
         if (!picture.save(folder.filePath(name))) {
             std::fprintf(stderr, "%s could not be written.\n", qPrintable(name));
             return 1;

@@ -5,8 +5,8 @@
 
 #include <chrono>
 #include <csignal>
-#include <filesystem>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -151,9 +151,10 @@ public:
         fs::create_directories(folder);
         fs::create_directories(entries());
         std::ofstream(folder / "probe.sh") << "#!/bin/sh\nenv -0 > " << (folder / "environment.part").string() << "\necho $$ > "
-                                           << (folder / "pid.part").string() << "\nmv " << (folder / "environment.part").string() << " "
-                                           << (folder / "environment").string() << "\nmv " << (folder / "pid.part").string() << " "
-                                           << (folder / "pid").string() << "\nexec sleep 60\n";
+                                           << (folder / "pid.part").string() << "\nmv " << (folder / "environment.part").string()
+                                           << " " << (folder / "environment").string() << "\nmv "
+                                           << (folder / "pid.part").string() << " " << (folder / "pid").string()
+                                           << "\nexec sleep 60\n";
         fs::permissions(folder / "probe.sh", fs::perms::owner_all);
     }
     ~ProbeApplication()
@@ -187,15 +188,9 @@ private:
     fs::path folder;
 };
 
-void type(const std::string &text)
-{
-    output("xdotool type --delay 10 -- '" + text + "'");
-}
+void type(const std::string &text) { output("xdotool type --delay 10 -- '" + text + "'"); }
 
-void press(const std::string &key)
-{
-    output("xdotool key " + key);
-}
+void press(const std::string &key) { output("xdotool key " + key); }
 
 } // namespace
 

@@ -2,6 +2,8 @@
 
 #include "Vorrel/Views/PaletteInput.h"
 
+#include <gtest/gtest.h>
+
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QFile>
@@ -52,7 +54,9 @@ bool Scene::waitFor(const std::function<bool()> &done)
 void Scene::show()
 {
     controller->toggle();
-    waitFor([this] { return window->hasKeyboard() && field().hasFocus(); });
+    if (!waitFor([this] { return window->hasKeyboard() && field().hasFocus(); }))
+        ADD_FAILURE() << "The palette did not get the keyboard: presented " << controller->presented() << ", visible "
+                      << window->visible() << ", active " << window->hasKeyboard() << ", field " << field().hasFocus();
     turn();
 }
 
@@ -73,7 +77,8 @@ std::string Scene::desktopEntry(const std::string &name, const std::string &icon
     const std::string path = folder.path().toStdString() + "/" + icon + ".desktop";
     QFile file(QString::fromStdString(path));
     if (file.open(QIODevice::WriteOnly))
-        file.write(QByteArray::fromStdString("[Desktop Entry]\nType=Application\nName=" + name + "\nIcon=" + icon + "\nExec=true\n"));
+        file.write(
+            QByteArray::fromStdString("[Desktop Entry]\nType=Application\nName=" + name + "\nIcon=" + icon + "\nExec=true\n"));
     return path;
 }
 

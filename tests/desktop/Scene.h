@@ -1,10 +1,10 @@
 #pragma once
 
-#include "tests/support/TestPalette.h"
 #include "Vorrel/Palette/PaletteController.h"
 #include "Vorrel/Views/Appearance.h"
 #include "Vorrel/Views/PaletteView.h"
 #include "Vorrel/Views/QtPaletteWindow.h"
+#include "tests/support/TestPalette.h"
 
 #include <QTemporaryDir>
 

@@ -17,11 +17,11 @@
 #include <QAccessible>
 #include <QApplication>
 #include <QClipboard>
-#include <QDialog>
 #include <QDBusConnection>
 #include <QDBusContext>
 #include <QDBusMessage>
 #include <QDBusPendingCall>
+#include <QDialog>
 #include <QFile>
 #include <QInputMethodEvent>
 #include <QKeyEvent>
@@ -66,7 +66,7 @@ void click(QWidget &target, const QPoint &place)
 {
     for (const auto kind : {QEvent::MouseButtonPress, QEvent::MouseButtonRelease}) {
         QMouseEvent event(kind, QPointF(place), QPointF(target.mapToGlobal(place)), Qt::LeftButton,
-                          kind == QEvent::MouseButtonPress ? Qt::LeftButton : Qt::NoButton, Qt::NoModifier);
+            kind == QEvent::MouseButtonPress ? Qt::LeftButton : Qt::NoButton, Qt::NoModifier);
         QCoreApplication::sendEvent(&target, &event);
     }
 }
@@ -528,10 +528,11 @@ TEST_F(Palette, TheWindowStandsWhereItsControllerWantsItOnEveryShow)
 {
     for (int round = 0; round < 4; round++) {
         const QRect area = QGuiApplication::primaryScreen()->availableGeometry();
-        const ScreenRect wanted{area.x() + (area.width() - 700) / 2, area.y() + (area.height() - 510) / 2 - area.height() * 8 / 100, 700, 510};
+        const ScreenRect wanted{
+            area.x() + (area.width() - 700) / 2, area.y() + (area.height() - 510) / 2 - area.height() * 8 / 100, 700, 510};
         scene.wait(60ms);
-        EXPECT_TRUE(scene.waitFor([&] { return scene.shownWindow().frame() == wanted; })) << "round " << round << ": "
-            << scene.shownWindow().frame().x << "," << scene.shownWindow().frame().y;
+        EXPECT_TRUE(scene.waitFor([&] { return scene.shownWindow().frame() == wanted; }))
+            << "round " << round << ": " << scene.shownWindow().frame().x << "," << scene.shownWindow().frame().y;
         scene.controller->toggle();
         ASSERT_TRUE(scene.waitFor([&] { return !scene.shownWindow().visible(); }));
         scene.show();
@@ -555,13 +556,16 @@ TEST_F(Palette, TheWindowIsTheSizeOfThePaletteOrHasRoomForItsShadow)
 
 TEST_F(Palette, AnotherWindowThatTakesTheKeyboardHidesThePalette)
 {
+    scene.wait(600ms); // a palette that has only just come takes the keyboard back from a window manager that tidies up
     QWidget other;
     other.setWindowTitle("Another");
     other.resize(200, 100);
     other.show();
     other.activateWindow();
     x11::activate(other, x11::serverTime());
-    EXPECT_TRUE(scene.waitFor([&] { return !scene.controller->presented(); }));
+    EXPECT_TRUE(scene.waitFor([&] { return !scene.controller->presented(); }))
+        << "the server's keyboard " << int(x11::keyboardOf(*scene.shownWindow().surface())) << ", palette active "
+        << scene.shownWindow().hasKeyboard() << ", other active " << other.isActiveWindow();
 }
 
 TEST_F(Palette, AnAlertStandsOverThePaletteWhichStays)
@@ -682,7 +686,8 @@ TEST(IconStore, AnIconIsDrawnAtTheResolutionOfTheScreenAndKept)
     ThreadPool pool(2);
     QTemporaryDir folder;
     const QString picture = folder.filePath("own.svg");
-    writeFile(picture, "<svg xmlns='http://www.w3.org/2000/svg' viewBox='0 0 10 10'><rect width='10' height='10' fill='#ff0000'/></svg>");
+    writeFile(picture,
+        "<svg xmlns='http://www.w3.org/2000/svg' viewBox='0 0 10 10'><rect width='10' height='10' fill='#ff0000'/></svg>");
     writeFile(folder.filePath("a.desktop"), "[Desktop Entry]\nIcon=" + picture.toUtf8() + "\n");
 
     const auto store = std::make_shared<IconStore>(loop.executor(), pool.executor());
@@ -806,9 +811,7 @@ TEST(ActivationListener, HearsTheSignalOfASecondLaunch)
     listener.observe([&] { heard++; });
     QDBusConnection other = QDBusConnection::connectToBus(QDBusConnection::SessionBus, "other");
     ASSERT_TRUE(other.isConnected());
-    const auto post = [&](const char *member) {
-        other.send(QDBusMessage::createSignal("/dev/korvane", "dev.korvane", member));
-    };
+    const auto post = [&](const char *member) { other.send(QDBusMessage::createSignal("/dev/korvane", "dev.korvane", member)); };
     post("deactivate");
     post("activate");
     processEventsUntil([&] { return heard > 0; });
@@ -881,15 +884,16 @@ TEST(TrayStatusItem, AppearsInATrayThatStartsLaterAndAClickDoesTheFirstEntry)
 {
     TrayStatusItem item;
     int opened = 0;
-    item.show("square.grid.3x3.fill", "Korvane", {{"Open Korvane", "", [&] { opened++; }}, {"", "", {}}, {"Quit Korvane", "q", [] { }}});
+    item.show(
+        "square.grid.3x3.fill", "Korvane", {{"Open Korvane", "", [&] { opened++; }}, {"", "", {}}, {"Quit Korvane", "q", [] {}}});
     QCoreApplication::processEvents();
 
     TrayThread tray;
     processEventsUntil([&] { return !tray.watcher->registered().isEmpty(); });
     ASSERT_EQ(tray.watcher->registered().size(), 1);
 
-    QDBusMessage click = QDBusMessage::createMethodCall(tray.watcher->registered().front(), "/StatusNotifierItem",
-                                                        "org.kde.StatusNotifierItem", "Activate");
+    QDBusMessage click = QDBusMessage::createMethodCall(
+        tray.watcher->registered().front(), "/StatusNotifierItem", "org.kde.StatusNotifierItem", "Activate");
     click.setArguments({1, 1});
     tray.bus.asyncCall(click);
     processEventsUntil([&] { return opened > 0; });

@@ -16,16 +16,16 @@ struct HeadlessDesktop {
     Platform platform()
     {
         return {.mainThread = loop.executor(),
-                .pool = loop.executor(),
-                .clock = clock,
-                .folders = folders,
-                .applicationSource = source,
-                .launcher = launcher,
-                .folderWatcher = &folderWatcher,
-                .workspace = workspace,
-                .system = system,
-                .dialogs = dialogs,
-                .pasteboard = pasteboard};
+            .pool = loop.executor(),
+            .clock = clock,
+            .folders = folders,
+            .applicationSource = source,
+            .launcher = launcher,
+            .folderWatcher = &folderWatcher,
+            .workspace = workspace,
+            .system = system,
+            .dialogs = dialogs,
+            .pasteboard = pasteboard};
     }
 
     MainLoop loop;

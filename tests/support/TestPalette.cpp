@@ -16,9 +16,8 @@ Task<std::vector<IndexedFile>> ScriptedIndex::search(std::string query, std::opt
 {
     queries.push_back(query);
     if (holds) {
-        std::function<void(Continuation<std::vector<IndexedFile>>)> begin = [this](Continuation<std::vector<IndexedFile>> answer) {
-            waiting.push_back(std::move(answer));
-        };
+        std::function<void(Continuation<std::vector<IndexedFile>>)> begin =
+            [this](Continuation<std::vector<IndexedFile>> answer) { waiting.push_back(std::move(answer)); };
         co_return co_await suspend<std::vector<IndexedFile>>(std::move(begin));
     }
     std::vector<IndexedFile> found;
@@ -60,7 +59,7 @@ Task<void> ScriptedCoordinator::togglePreview(std::string path)
     co_return;
 }
 
-TestPalette::TestPalette()
+TestPalette::TestPalette(Strings applicationRoots) : HeadlessDesktop(std::move(applicationRoots))
 {
     auto database = await(loop, Database::open(loop.executor(), ":memory:", Database::Access::readWrite));
     AppServices::Injected injected;

@@ -1,8 +1,8 @@
 #pragma once
 
+#include "Vorrel/Palette/PaletteState.h"
 #include "tests/support/Await.h"
 #include "tests/support/HeadlessDesktop.h"
-#include "Vorrel/Palette/PaletteState.h"
 
 /// A palette that a test types into and looks at: the second front end.
 namespace korvane::test {
@@ -81,7 +81,7 @@ public:
 
 class TestPalette : public HeadlessDesktop {
 public:
-    TestPalette();
+    explicit TestPalette(Strings applicationRoots = {});
     ~TestPalette();
 
     // Arranging

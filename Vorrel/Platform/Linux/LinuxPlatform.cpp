@@ -13,8 +13,8 @@ constexpr std::size_t poolThreads = 4;
 } // namespace
 
 LinuxPlatform::LinuxPlatform(Executor mainThread, std::vector<std::string> variables, std::function<std::string()> token) :
-    environment(variablesOf(variables)), folders(linuxUserFolders(environment)), buses(linuxBusAddresses(environment)), pool(poolThreads),
-    mainThread(std::move(mainThread)), entries(DesktopEnvironment::from(environment)),
+    environment(variablesOf(variables)), folders(linuxUserFolders(environment)), buses(linuxBusAddresses(environment)),
+    pool(poolThreads), mainThread(std::move(mainThread)), entries(DesktopEnvironment::from(environment)),
     launcher({.pool = pool.executor(), .environment = std::move(variables), .activationToken = std::move(token)}),
     workspace(pool.executor(), launcher),
     system(pool.executor(), workspace, LinuxSystemControl::surroundingsOf(environment, folders))

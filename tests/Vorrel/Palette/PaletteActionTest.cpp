@@ -40,7 +40,8 @@ void slowCommand(TestPalette &palette, const std::string &title)
             palette.ran.push_back(title);
         }
     };
-    palette.command(title, {.actions = {{.id = "slow", .title = "Slow", .execute = [&palette, title] { return Slow::run(palette, title); }}}});
+    palette.command(title,
+        {.actions = {{.id = "slow", .title = "Slow", .execute = [&palette, title] { return Slow::run(palette, title); }}}});
 }
 
 } // namespace
@@ -100,25 +101,27 @@ TEST(PaletteAction, EveryFailureHasItsSentenceItsWaysOutAndItsCategory)
         Category category;
     } cases[] = {
         {std::make_exception_ptr(FileAccessFailure(Reason::permission)),
-         "Korvane cannot read this file. Review Files & Folders access in System Settings, then retry.",
-         {.rerunAction = true, .openAccessSettings = true}, Category::fileAccess},
+            "Korvane cannot read this file. Review Files & Folders access in System Settings, then retry.",
+            {.rerunAction = true, .openAccessSettings = true}, Category::fileAccess},
         {std::make_exception_ptr(FileAccessFailure(Reason::missing)), "This file no longer exists. Refresh the search results.",
-         {.refreshResults = true}, Category::fileAccess},
+            {.refreshResults = true}, Category::fileAccess},
         {std::make_exception_ptr(FileAccessFailure(Reason::offline)),
-         "This file lives on a volume that is not available right now. Reconnect the disk or network share, then retry.",
-         {.rerunAction = true}, Category::fileAccess},
+            "This file lives on a volume that is not available right now. Reconnect the disk or network share, then retry.",
+            {.rerunAction = true}, Category::fileAccess},
         {std::make_exception_ptr(FileAccessFailure(Reason::unavailable)),
-         "This file cannot be read right now. Check its disk or cloud availability, then retry.", {.rerunAction = true}, Category::fileAccess},
+            "This file cannot be read right now. Check its disk or cloud availability, then retry.", {.rerunAction = true},
+            Category::fileAccess},
         {std::make_exception_ptr(FileAccessFailure(Reason::timeout)),
-         "File access timed out. Respond to any macOS permission prompt, check the file is available locally, then retry.",
-         {.rerunAction = true}, Category::fileAccess},
+            "File access timed out. Respond to any macOS permission prompt, check the file is available locally, then retry.",
+            {.rerunAction = true}, Category::fileAccess},
         {std::make_exception_ptr(FileAccessFailure(Reason::busy)),
-         "A previous file access check is still waiting for macOS. Respond to its permission prompt before retrying.",
-         {.rerunAction = true}, Category::fileAccess},
+            "A previous file access check is still waiting for macOS. Respond to its permission prompt before retrying.",
+            {.rerunAction = true}, Category::fileAccess},
         {std::make_exception_ptr(AppError(AppError::Kind::toolExecution, "The application could not be launched.")),
-         "The application could not be launched.", {.rerunAction = true}, Category::command},
+            "The application could not be launched.", {.rerunAction = true}, Category::command},
         {std::make_exception_ptr(std::runtime_error("ENOMEM at 0x7f")),
-         "The operation could not be completed. Please try again or check permissions.", {.rerunAction = true}, Category::command},
+            "The operation could not be completed. Please try again or check permissions.", {.rerunAction = true},
+            Category::command},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.sentence);
@@ -175,7 +178,8 @@ TEST(PaletteAction, RetryRunsTheFailedActionAgainOnItsRow)
 TEST(PaletteAction, RetryForARowThatHasGoneSearchesInstead)
 {
     TestPalette palette;
-    palette.command("Alpha", {.actions = {{.id = "a", .title = "A", .execute = throwing(AppError(AppError::Kind::recoverable, "No."))}}});
+    palette.command(
+        "Alpha", {.actions = {{.id = "a", .title = "A", .execute = throwing(AppError(AppError::Kind::recoverable, "No."))}}});
     palette.run();
     ASSERT_EQ(palette.error(), "No.");
     palette.state->_results = Rows();
@@ -285,7 +289,8 @@ TEST(PaletteAction, AFailureToSaveTheUseIsLoggedAndNotShown)
     palette.command("Alpha");
     Strings messages;
     AppLog::observe([&](std::string_view category, AppLog::Level level, std::string_view message) {
-        messages.push_back(std::string(category) + (level == AppLog::Level::error ? " error: " : " info: ") + std::string(message));
+        messages.push_back(
+            std::string(category) + (level == AppLog::Level::error ? " error: " : " info: ") + std::string(message));
     });
     await(palette.loop, palette.services->database->close());
     palette.run();
@@ -308,7 +313,9 @@ TEST(PaletteAction, TheActionPanelKeepsItsActionsWhileTheListChangesBehindIt)
 TEST(PaletteAction, TheFieldFiltersTheActionsWhileThePanelIsOpen)
 {
     TestPalette palette;
-    palette.command("Alpha", {.actions = {{.id = "one", .title = "Open"}, {.id = "two", .title = "Copy Path"}, {.id = "three", .title = "Copy Name"}}});
+    palette.command("Alpha",
+        {.actions = {
+             {.id = "one", .title = "Open"}, {.id = "two", .title = "Copy Path"}, {.id = "three", .title = "Copy Name"}}});
     palette.type("alp");
     palette.state->toggleActions();
     EXPECT_EQ(palette.state->inputText(), "");
@@ -338,7 +345,9 @@ TEST(PaletteAction, TheActionSelectedInThePanelRuns)
             return []() -> Task<void> { co_return; }();
         };
     };
-    palette.command("Alpha", {.actions = {{.id = "one", .title = "One", .execute = note("one")}, {.id = "two", .title = "Two", .execute = note("two")}}});
+    palette.command("Alpha",
+        {.actions = {
+             {.id = "one", .title = "One", .execute = note("one")}, {.id = "two", .title = "Two", .execute = note("two")}}});
     palette.state->toggleActions();
     palette.state->move(1);
     palette.run();
@@ -354,7 +363,9 @@ TEST(PaletteAction, AnActionClickedInThePanelRunsWhateverIsSelectedThere)
             return []() -> Task<void> { co_return; }();
         };
     };
-    palette.command("Alpha", {.actions = {{.id = "one", .title = "One", .execute = note("one")}, {.id = "two", .title = "Two", .execute = note("two")}}});
+    palette.command("Alpha",
+        {.actions = {
+             {.id = "one", .title = "One", .execute = note("one")}, {.id = "two", .title = "Two", .execute = note("two")}}});
     palette.state->toggleActions();
     palette.run(palette.action("Alpha", "two"));
     EXPECT_EQ(palette.ran, Strings{"two"});
@@ -388,10 +399,12 @@ TEST(PaletteAction, AKeyWithoutAnActionDoesNothing)
 TEST(PaletteAction, AKeyRunsTheActionThatIsMarkedWithIt)
 {
     TestPalette palette;
-    palette.command("Alpha", {.actions = {{.id = "open", .title = "Open"}, {.id = "reveal", .title = "Reveal", .key = ActionKey::reveal, .execute = [&]() -> Task<void> {
-        palette.ran.push_back("reveal");
-        return []() -> Task<void> { co_return; }();
-    }}}});
+    palette.command("Alpha",
+        {.actions = {{.id = "open", .title = "Open"},
+             {.id = "reveal", .title = "Reveal", .key = ActionKey::reveal, .execute = [&]() -> Task<void> {
+                  palette.ran.push_back("reveal");
+                  return []() -> Task<void> { co_return; }();
+              }}}});
     palette.state->performKey(ActionKey::reveal);
     palette.settle();
     EXPECT_EQ(palette.ran, Strings{"reveal"});
@@ -416,9 +429,15 @@ TEST(PaletteAction, APreviewOfTextFlipsAndClosesThePanel)
 TEST(PaletteAction, APreviewOfAFileRunsTheRowsPreviewAction)
 {
     TestPalette palette;
-    palette.command("Picture", {.previewText = "ignored", .preview = PreviewResource::file("/p.png"),
-                                .actions = {{.id = "open", .title = "Open"},
-                                            {.id = "preview", .title = "Quick Look", .key = ActionKey::preview, .dismissal = ActionDismissal::keepOpen, .flow = ActionFlow::preview("/p.png")}}});
+    palette.command("Picture",
+        {.previewText = "ignored",
+            .preview = PreviewResource::file("/p.png"),
+            .actions = {{.id = "open", .title = "Open"},
+                {.id = "preview",
+                    .title = "Quick Look",
+                    .key = ActionKey::preview,
+                    .dismissal = ActionDismissal::keepOpen,
+                    .flow = ActionFlow::preview("/p.png")}}});
     palette.state->togglePreview();
     palette.settle();
     EXPECT_EQ(palette.coordinator->previews, Strings{"/p.png"});
@@ -429,7 +448,8 @@ TEST(PaletteAction, APreviewOfAFileRunsTheRowsPreviewAction)
 TEST(PaletteAction, OpenWithWithoutApplicationsSaysSo)
 {
     TestPalette palette;
-    palette.command("Notes", {.actions = {{.id = "w", .title = "W", .dismissal = ActionDismissal::keepOpen, .flow = ActionFlow::openWith("/")}}});
+    palette.command("Notes",
+        {.actions = {{.id = "w", .title = "W", .dismissal = ActionDismissal::keepOpen, .flow = ActionFlow::openWith("/")}}});
     palette.run();
     EXPECT_EQ(palette.error(), "No application can open this file.");
     EXPECT_FALSE(palette.state->childTitle());
@@ -439,7 +459,8 @@ TEST(PaletteAction, TheApplicationChosenInTheChildListOpensTheFileAndHides)
 {
     TestPalette palette;
     palette.workspace.offered = {{"Zed", "/a/zed.desktop"}, {"atom", "/a/atom.desktop"}};
-    palette.command("Notes", {.actions = {{.id = "w", .title = "W", .dismissal = ActionDismissal::keepOpen, .flow = ActionFlow::openWith("/tmp")}}});
+    palette.command("Notes",
+        {.actions = {{.id = "w", .title = "W", .dismissal = ActionDismissal::keepOpen, .flow = ActionFlow::openWith("/tmp")}}});
     palette.run();
     ASSERT_EQ(palette.titles(), (Strings{"atom", "Zed"}));
     EXPECT_EQ(palette.ids(), (Strings{"handler:/a/atom.desktop", "handler:/a/zed.desktop"}));
@@ -452,8 +473,13 @@ TEST(PaletteAction, TheApplicationChosenInTheChildListOpensTheFileAndHides)
 TEST(PaletteAction, TheArgumentsActionTurnsTheFieldIntoTheArgumentLine)
 {
     TestPalette palette;
-    palette.command("Editor", {.id = "app:/a/Editor.app", .actions = {{.id = "open", .title = "Open"},
-        {.id = "arguments", .title = "Advanced Arguments…", .dismissal = ActionDismissal::keepOpen, .flow = ActionFlow::argumentInput()}}});
+    palette.command("Editor",
+        {.id = "app:/a/Editor.app",
+            .actions = {{.id = "open", .title = "Open"},
+                {.id = "arguments",
+                    .title = "Advanced Arguments…",
+                    .dismissal = ActionDismissal::keepOpen,
+                    .flow = ActionFlow::argumentInput()}}});
     palette.state->toggleActions();
     palette.state->move(1);
     palette.run();
@@ -486,7 +512,11 @@ TEST(PaletteAction, SettingsForFileAccessOpenAtTheFilesTab)
 TEST(PaletteAction, CollectingFilesForAnApplicationNeedsExactlyTwoAndAsksOnce)
 {
     TestPalette palette;
-    palette.command("Diff", {.id = "app:/nonexistent.app", .actions = {{.id = "diff", .title = "Diff Two Files", .flow = ActionFlow::applicationInput("/nonexistent.app", {"--diff"}, false)}}});
+    palette.command("Diff",
+        {.id = "app:/nonexistent.app",
+            .actions = {{.id = "diff",
+                .title = "Diff Two Files",
+                .flow = ActionFlow::applicationInput("/nonexistent.app", {"--diff"}, false)}}});
     palette.dialogs.accept({"/a"});
     palette.run();
     EXPECT_EQ(palette.error(), "Choose exactly two files to compare.");

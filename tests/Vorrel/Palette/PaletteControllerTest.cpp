@@ -14,12 +14,12 @@ namespace {
 
 /// A controller over a window without a screen. The palette of the base only lends its services.
 struct TestController : TestPalette {
-    TestController()
-        : controller(std::make_unique<PaletteController>(*services, [this](PaletteController &) {
-              auto made = std::make_unique<HeadlessPaletteWindow>();
-              window = made.get();
-              return made;
-          }))
+    TestController() :
+        controller(std::make_unique<PaletteController>(*services, [this](PaletteController &) {
+            auto made = std::make_unique<HeadlessPaletteWindow>();
+            window = made.get();
+            return made;
+        }))
     {
         settle();
     }
@@ -27,7 +27,8 @@ struct TestController : TestPalette {
     PaletteState &palette() { return controller->state(); }
     bool press(std::string character, bool shift = false)
     {
-        return controller->handleKey({.key = KeyPress::Key::Character, .character = std::move(character), .command = true, .shift = shift});
+        return controller->handleKey(
+            {.key = KeyPress::Key::Character, .character = std::move(character), .command = true, .shift = shift});
     }
 
     HeadlessPaletteWindow *window = nullptr;
@@ -161,8 +162,8 @@ TEST(PaletteController, TheDigitsOneToFourSelectATabAndFiveGoesToTheField)
 TEST(PaletteController, KeysReachTheirOperations)
 {
     TestController test;
-    test.palette().registry.registerCommand(std::make_shared<StaticCommand>(CommandResultFields{
-        .id = "row", .title = "Row", .previewText = "text", .actions = {{.id = "open", .title = "Open"}}}));
+    test.palette().registry.registerCommand(std::make_shared<StaticCommand>(
+        CommandResultFields{.id = "row", .title = "Row", .previewText = "text", .actions = {{.id = "open", .title = "Open"}}}));
     test.controller->toggle();
     test.palette().setInputText("row");
     EXPECT_TRUE(test.press("k"));

@@ -14,7 +14,8 @@ void manyCommands(TestPalette &palette, int count)
 {
     for (int i = 0; i < count; ++i) {
         const std::string number = (i < 10 ? "0" : "") + std::to_string(i);
-        palette.state->registry.registerCommand(std::make_shared<StaticCommand>(CommandResultFields{.id = "c" + number, .title = "Command " + number}));
+        palette.state->registry.registerCommand(
+            std::make_shared<StaticCommand>(CommandResultFields{.id = "c" + number, .title = "Command " + number}));
     }
     palette.state->enter(Mode::commands);
 }
@@ -170,7 +171,9 @@ TEST(PaletteQuery, AFileAnswerThatArrivesInAChildListIsDropped)
 {
     TestPalette palette;
     palette.workspace.offered = {{"Editor", "/a/Editor.desktop"}};
-    palette.command("Notes", {.actions = {{.id = "with", .title = "With", .dismissal = ActionDismissal::keepOpen, .flow = ActionFlow::openWith("/")}}});
+    palette.command("Notes",
+        {.actions = {
+             {.id = "with", .title = "With", .dismissal = ActionDismissal::keepOpen, .flow = ActionFlow::openWith("/")}}});
     palette.index->holds = true;
     palette.type("notes");
     palette.wait(80ms);
@@ -441,7 +444,8 @@ TEST(PaletteQuery, LeavingAChildListRestoresRowsAndSelectionWithoutANewQuery)
 {
     TestPalette palette;
     palette.workspace.offered = {{"Zed", "/a/zed.desktop"}, {"Atom", "/a/atom.desktop"}};
-    palette.command("First").command("Notes", {.actions = {{.id = "w", .title = "W", .dismissal = ActionDismissal::keepOpen, .flow = ActionFlow::openWith("/")}}});
+    palette.command("First").command("Notes",
+        {.actions = {{.id = "w", .title = "W", .dismissal = ActionDismissal::keepOpen, .flow = ActionFlow::openWith("/")}}});
     palette.file("/t/notes.txt");
     palette.type("t");
     palette.wait(80ms);

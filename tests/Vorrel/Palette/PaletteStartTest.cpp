@@ -14,7 +14,8 @@ namespace {
 struct WithTexts {
     explicit WithTexts(std::string language)
     {
-        L10n::use(L10n::load({.resources = KORVANE_SOURCE "/resources", .languages = {std::move(language)}, .platform = "linux"}));
+        L10n::use(
+            L10n::load({.resources = KORVANE_SOURCE "/resources", .languages = {std::move(language)}, .platform = "linux"}));
     }
     ~WithTexts() { L10n::use(L10n()); }
 };
@@ -161,8 +162,9 @@ TEST(PaletteStart, AgentsAppearAsRowsThatEnterTheirMode)
     EXPECT_EQ(palette.state->mode(), PaletteState::Mode::ai);
     ASSERT_TRUE(palette.state->activeAgent());
     EXPECT_EQ(palette.state->activeAgent()->name, "Translator");
-    EXPECT_EQ(palette.state->aiIntroduction(), "Enter a request for Translator, then press Return.\n\n"
-                                               "This Agent can use 1 selected tools. Permission approvals still apply.");
+    EXPECT_EQ(palette.state->aiIntroduction(),
+        "Enter a request for Translator, then press Return.\n\n"
+        "This Agent can use 1 selected tools. Permission approvals still apply.");
     palette.state->escape();
     EXPECT_FALSE(palette.state->activeAgent());
 }
@@ -172,7 +174,8 @@ TEST(PaletteStart, ShortcutsThatChangeShowAtOnceButNotUnderThePanel)
     TestPalette palette;
     palette.start();
     palette.type("morning");
-    palette.shortcuts->family = {std::make_shared<StaticCommand>(CommandResultFields{.id = "shortcut:Morning", .title = "Morning", .actions = {{.id = "r", .title = "R"}}})};
+    palette.shortcuts->family = {std::make_shared<StaticCommand>(
+        CommandResultFields{.id = "shortcut:Morning", .title = "Morning", .actions = {{.id = "r", .title = "R"}}})};
     palette.shortcuts->onUpdate();
     EXPECT_EQ(palette.ids(), Strings{"shortcut:Morning"});
     palette.state->toggleActions();

@@ -52,11 +52,22 @@ struct TestTool : testing::Test {
     {
         out.clear(), err.clear();
         const Platform given = desktop->platform();
-        const Platform ports{.mainThread = given.mainThread, .pool = given.pool, .clock = clock, .folders = given.folders,
-                             .applicationSource = given.applicationSource, .launcher = given.launcher, .folderWatcher = nullptr,
-                             .workspace = given.workspace, .system = given.system, .dialogs = dialogs, .pasteboard = given.pasteboard};
-        CommandLineTool tool({.loop = desktop->loop, .platform = ports, .out = [this](std::string_view text) { out += text; },
-                              .err = [this](std::string_view text) { err += text; }, .consent = [this](bool yes) { dialogs.yes = yes; }});
+        const Platform ports{.mainThread = given.mainThread,
+            .pool = given.pool,
+            .clock = clock,
+            .folders = given.folders,
+            .applicationSource = given.applicationSource,
+            .launcher = given.launcher,
+            .folderWatcher = nullptr,
+            .workspace = given.workspace,
+            .system = given.system,
+            .dialogs = dialogs,
+            .pasteboard = given.pasteboard};
+        CommandLineTool tool({.loop = desktop->loop,
+            .platform = ports,
+            .out = [this](std::string_view text) { out += text; },
+            .err = [this](std::string_view text) { err += text; },
+            .consent = [this](bool yes) { dialogs.yes = yes; }});
         return tool.run(arguments);
     }
 
@@ -90,8 +101,9 @@ TEST_F(CommandLine, CalcWithoutAValueFailsWithoutAWord)
 
 TEST_F(CommandLine, WrongUsageEndsWithTwoAndNothingOnStandardOutput)
 {
-    const Strings wrong[] = {{}, {"nonsense"}, {"calc"}, {"calc", "1", "+"}, {"apps", "x"}, {"search"}, {"search", "a", "--category", "pets"},
-                             {"search", "a", "--category"}, {"run"}, {"run", "a", "b", "c"}, {"--unknown"}, {"calc", "--category", "all", "1+1"}};
+    const Strings wrong[] = {{}, {"nonsense"}, {"calc"}, {"calc", "1", "+"}, {"apps", "x"}, {"search"},
+        {"search", "a", "--category", "pets"}, {"search", "a", "--category"}, {"run"}, {"run", "a", "b", "c"}, {"--unknown"},
+        {"calc", "--category", "all", "1+1"}};
     for (const auto &arguments : wrong) {
         SCOPED_TRACE(testing::PrintToString(arguments));
         EXPECT_EQ(run(arguments), 2);
@@ -119,7 +131,9 @@ TEST_F(CommandLine, TwoDashesEndTheOptions)
 TEST_F(CommandLine, AppsListsNameIdentifierAndPathWithoutTabsInACell)
 {
     EXPECT_EQ(run({"apps"}), 0);
-    EXPECT_EQ(out, "Editor\torg.example.editor\t" + root + "/org.example.editor.app\nTab Name\torg.example.tab\t" + root + "/org.example.tab.app\n");
+    EXPECT_EQ(out,
+        "Editor\torg.example.editor\t" + root + "/org.example.editor.app\nTab Name\torg.example.tab\t" + root
+            + "/org.example.tab.app\n");
     EXPECT_FALSE(std::filesystem::exists(root + "/data")) << "reading makes no store";
     EXPECT_EQ(run({"apps", "--json"}), 0);
     const auto list = JSONValue::parse(out);
@@ -132,7 +146,9 @@ TEST_F(CommandLine, AppsListsNameIdentifierAndPathWithoutTabsInACell)
 TEST_F(CommandLine, SearchPrintsTheRowsOfThePaletteAndMakesNoStore)
 {
     EXPECT_EQ(run({"search", "edit"}), 0);
-    EXPECT_EQ(out, "application\tapp:" + root + "/org.example.editor.app\tEditor\torg.example.editor · " + root + "/org.example.editor.app\n");
+    EXPECT_EQ(out,
+        "application\tapp:" + root + "/org.example.editor.app\tEditor\torg.example.editor · " + root
+            + "/org.example.editor.app\n");
     EXPECT_FALSE(std::filesystem::exists(root + "/data"));
 }
 

@@ -38,11 +38,12 @@ struct TestApp : HeadlessDesktop {
             .platform = platform(),
             .status = status,
             .activation = receiver,
-            .makeWindow = [this](PaletteController &) {
-                auto made = std::make_unique<HeadlessPaletteWindow>();
-                window = made.get();
-                return made;
-            },
+            .makeWindow =
+                [this](PaletteController &) {
+                    auto made = std::make_unique<HeadlessPaletteWindow>();
+                    window = made.get();
+                    return made;
+                },
             .arguments = std::move(arguments),
             .terminate = [this] { terminate(); },
             .stopped = [this](std::string_view step) { log.emplace_back(step); },
@@ -89,7 +90,10 @@ struct TestApp : HeadlessDesktop {
         delegate->shouldTerminate([this] { ++replies; });
         loop.runUntilIdle();
     }
-    bool logged(const std::string &message) const { return std::find(messages.begin(), messages.end(), message) != messages.end(); }
+    bool logged(const std::string &message) const
+    {
+        return std::find(messages.begin(), messages.end(), message) != messages.end();
+    }
 
     HeadlessStatusItem status;
     HeadlessActivationReceiver receiver;
@@ -187,8 +191,9 @@ TEST(AppDelegate, StopsEverythingInItsOrder)
     TestApp app;
     app.launch();
     app.status.choose("Quit Korvane");
-    EXPECT_EQ(app.log, (Strings{"hotkey stop", "clipboard stop", "applications stop", "shortcuts stop", "palette stop", "index stop",
-                                "mcp stop", "database close"}));
+    EXPECT_EQ(app.log,
+        (Strings{"hotkey stop", "clipboard stop", "applications stop", "shortcuts stop", "palette stop", "index stop", "mcp stop",
+            "database close"}));
     EXPECT_EQ(app.replies, 1);
     EXPECT_FALSE(app.clipboard->started);
     EXPECT_FALSE(app.shortcuts->started);
