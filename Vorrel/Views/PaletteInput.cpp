@@ -84,9 +84,11 @@ void PaletteSearchField::dropComposition()
 
 static constexpr int symbolSize = 22;
 
-PaletteInput::PaletteInput(Appearance &appearance, QWidget *parent) :
-    QWidget(parent), appearance(appearance), _field(new PaletteSearchField(this))
+PaletteInput::PaletteInput(Appearance &appearance, QWidget *parent) : QWidget(parent), appearance(appearance)
 {
+    // A field lays out its text as soon as it is made: in its own font, so that no other one is loaded.
+    setFont(appearance.font(TypeSize::Field));
+    _field = new PaletteSearchField(this);
     setFixedHeight(64);
     connect(_field, &QLineEdit::textChanged, this, [this](const QString &text) {
         if (!writing)

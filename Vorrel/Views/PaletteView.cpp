@@ -70,7 +70,6 @@ PaletteView::PaletteView(PaletteState &state, Appearance &appearance, IconStore 
     refreshList->setText(fromUtf8(L10n::shown("Refresh List")));
     checking->setText(fromUtf8(L10n::shown("Checking file access…")));
     checking->setContentsMargins(Metrics::margin, 4, Metrics::margin, 4);
-    middle->addWidget(results);
 
     auto *column = new QVBoxLayout(this);
     column->setContentsMargins(0, 0, 0, 0);
@@ -85,6 +84,7 @@ PaletteView::PaletteView(PaletteState &state, Appearance &appearance, IconStore 
     column->addWidget(checking);
     column->addWidget(errors);
     column->addLayout(middle, 1);
+    middle->addWidget(results); // not before: a page without a parent would appear as a window of its own
     column->addWidget(footer);
 
     PaletteSearchField &field = input->field();

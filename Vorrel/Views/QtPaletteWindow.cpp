@@ -53,6 +53,8 @@ public:
 
     ~Surface() override { qApp->removeEventFilter(this); }
 
+    bool hasView() const { return _view; }
+
     PaletteView &view()
     {
         // The controller is still being built when it makes its window.
@@ -61,6 +63,7 @@ public:
             _view->setGeometry(palette());
             _view->show();
             setFocusProxy(&_view->field());
+            _view->field().setFocus(Qt::OtherFocusReason);
         }
         return *_view;
     }
@@ -106,6 +109,8 @@ protected:
 
     bool eventFilter(QObject *target, QEvent *event) override
     {
+        if (event->type() == QEvent::KeyPress && target == this && !_view)
+            return QCoreApplication::sendEvent(&view().field(), event); // typed before there was a field
         if (event->type() == QEvent::KeyPress && target->isWidgetType())
             return handleKey(static_cast<QWidget *>(target), *static_cast<QKeyEvent *>(event));
         if (event->type() == QEvent::MouseButtonPress && target->isWindowType())
@@ -133,6 +138,10 @@ protected:
 
     void paintEvent(QPaintEvent *) override
     {
+        // The first picture is the ground, on the screen while the rest is still being made.
+        if (!_view)
+            QMetaObject::invokeMethod(
+                this, [this] { view(); }, Qt::QueuedConnection);
         const Theme &theme = appearance.theme();
         QPainter painter(this);
         painter.setRenderHint(QPainter::Antialiasing);
@@ -382,7 +391,8 @@ void QtPaletteWindow::takeShape()
 
 void QtPaletteWindow::bringToFront()
 {
-    view().refresh();
+    if (_surface->hasView())
+        view().refresh();
     const bool appears = !_surface->isVisible();
     if (appears)
         takeShape();
@@ -411,6 +421,7 @@ Task<void> QtPaletteWindow::settle(Clock &clock, QtPaletteWindow *window)
 void QtPaletteWindow::orderOut()
 {
     settling.cancel();
+    following.cancel();
     _surface->hide();
 }
 
@@ -444,27 +455,47 @@ void QtPaletteWindow::bringSheetToFront()
 
 bool QtPaletteWindow::hasKeyboard() const { return _surface->isActiveWindow(); }
 
-void QtPaletteWindow::focusInput() { view().field().setFocus(Qt::OtherFocusReason); }
+void QtPaletteWindow::focusInput()
+{
+    if (_surface->hasView()) // else the field takes the focus when it is made
+        view().field().setFocus(Qt::OtherFocusReason);
+}
 
 void QtPaletteWindow::onKeyboardLost(std::function<void()> lost) { keyboardLost = std::move(lost); }
 
-void QtPaletteWindow::deactivated()
+bool QtPaletteWindow::keyboardIsLost() const
 {
     switch (x11::keyboardOf(*_surface)) {
-    case x11::Keyboard::Ours: // the report is older than our window's return
-        QMetaObject::invokeMethod(
-            _surface.get(), [this] { _surface->noteKeyboard(); }, Qt::QueuedConnection);
-        return;
-    case x11::Keyboard::Nobody:
-        // A window manager that still tidies up after another window takes the keyboard from a fresh one.
-        if (clock.uptime() - shownAt < freshFor) {
-            x11::activate(*_surface, x11::serverTime());
-            return;
-        }
-        break;
+    case x11::Keyboard::Ours: return false; // the report is older than the keyboard's return
+    case x11::Keyboard::Nobody: return clock.uptime() - shownAt >= freshFor;
     case x11::Keyboard::Other: break;
     }
-    keyboardLost();
+    return true;
+}
+
+void QtPaletteWindow::deactivated()
+{
+    if (keyboardIsLost())
+        return keyboardLost();
+    // A window manager that still tidies up after another window takes the keyboard from a fresh one.
+    if (x11::keyboardOf(*_surface) == x11::Keyboard::Nobody)
+        x11::activate(*_surface, x11::serverTime());
+    following = spawn(mainThread, followKeyboard(clock, this));
+}
+
+Task<void> QtPaletteWindow::followKeyboard(Clock &clock, QtPaletteWindow *window)
+{
+    for (int look = 0; look < 20; look++) {
+        co_await clock.sleep(50ms);
+        Surface &surface = *window->_surface;
+        if (!surface.isVisible() || surface.isActiveWindow())
+            co_return;
+        surface.noteKeyboard();
+        if (window->keyboardIsLost()) {
+            window->keyboardLost();
+            co_return;
+        }
+    }
 }
 
 } // namespace korvane

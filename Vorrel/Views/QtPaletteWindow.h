@@ -60,6 +60,10 @@ private:
     QDialog *sheet() const;
     void takeShape();
     void deactivated();
+    /// Whether the keyboard is lost for good, not on its way back.
+    bool keyboardIsLost() const;
+    /// Looks again until it is clear where the keyboard went: the toolkit reports a loss only once.
+    static Task<void> followKeyboard(Clock &clock, QtPaletteWindow *window);
     /// Some window managers report a wrong place right after a window appears, and a later move would then go wrong.
     static Task<void> settle(Clock &clock, QtPaletteWindow *window);
 
@@ -73,7 +77,7 @@ private:
     std::uint32_t userTime = 0;
     double shownAt = 0; // by the clock that never jumps
     std::function<void()> keyboardLost = [] {};
-    TaskHandle settling;
+    TaskHandle settling, following;
 };
 
 } // namespace korvane

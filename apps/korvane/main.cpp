@@ -11,6 +11,8 @@
 #include "Vorrel/Views/TrayStatusItem.h"
 
 #include <QApplication>
+#include <QPointer>
+#include <QWidget>
 
 #include <csignal>
 #include <cstdio>
@@ -90,7 +92,7 @@ int main(int count, char **words)
         .makeWindow =
             [&](PaletteController &controller) {
                 auto window = std::make_unique<QtPaletteWindow>(controller, ports, appearance);
-                dialogs.palette = [surface = window->surface()] { return surface; };
+                dialogs.palette = [surface = QPointer<QWidget>(window->surface())] { return surface.data(); };
                 return window;
             },
         .arguments = arguments,

@@ -47,6 +47,7 @@ bool Scene::waitFor(const std::function<bool()> &done)
             return false;
         turn();
         QThread::msleep(2);
+        wait(Milliseconds(2)); // both clocks go on
     }
     return true;
 }

@@ -25,7 +25,8 @@ public:
     void show();
     /// Runs what is ready on both loops, until neither has work.
     void turn();
-    /// Turns until `done`, at most five seconds of real time. False when the time was not enough.
+    /// Turns until `done`, at most five seconds of real time, with which the manual clock goes on. False when the time was not
+    /// enough.
     bool waitFor(const std::function<bool()> &done);
 
     /// Adds a command to the palette's registry that remembers its runs in `ran`.

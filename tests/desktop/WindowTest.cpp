@@ -643,6 +643,21 @@ TEST_F(Palette, ShowingAgainDuringTheFadeKeepsTheWindow)
 
 // Icons
 
+TEST(PaletteWindow, WhatIsTypedBeforeTheFieldIsMadeGoesIntoIt)
+{
+    Scene scene;
+    scene.controller->toggle(); // the ground is up; the views come at the next turn
+    for (const char letter : {'a', 'b'}) {
+        QKeyEvent press(QEvent::KeyPress, Qt::Key_A, Qt::NoModifier, QString(QLatin1Char(letter)));
+        // As the toolkit does: to what has the focus in the window, to the window itself without that.
+        QWidget *const surface = scene.shownWindow().surface();
+        QApplication::sendEvent(surface->focusWidget() ? surface->focusWidget() : surface, &press);
+    }
+    EXPECT_EQ(scene.palette().query(), "ab");
+    scene.turn();
+    EXPECT_EQ(scene.field().text(), "ab");
+}
+
 TEST(IconFinder, TheIconOfAnEntryIsThatOfItsMainGroup)
 {
     const struct {
