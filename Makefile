@@ -35,10 +35,15 @@ desktop:
 	@$(ROOT)scripts/bootstrap test
 	@cd $(ROOT) && cmake --preset release >/dev/null && cmake --build --preset release -j $(JOBS) && ctest --preset release -L desktop
 
-## All tests without a screen under AddressSanitizer and UndefinedBehaviorSanitizer; the concurrent ones under ThreadSanitizer
-asan tsan:
+## All tests without a screen under AddressSanitizer and UndefinedBehaviorSanitizer
+asan:
 	@$(ROOT)scripts/bootstrap test
-	@cd $(ROOT) && cmake --preset $@ >/dev/null && cmake --build --preset $@ -j $(JOBS) --target headless_tests && ctest --preset $@
+	@cd $(ROOT) && cmake --preset asan >/dev/null && cmake --build --preset asan -j $(JOBS) --target headless_tests && ctest --preset asan
+
+## Those that use real threads under ThreadSanitizer
+tsan:
+	@$(ROOT)scripts/bootstrap test
+	@cd $(ROOT) && cmake --preset tsan >/dev/null && cmake --build --preset tsan -j $(JOBS) --target concurrent_tests && ctest --preset tsan
 
 ## Hunts with every fuzzer for SECONDS_EACH seconds
 fuzz:
