@@ -39,8 +39,8 @@ Task<void> AppDelegate::startServices()
     } catch (...) {
         failure = std::current_exception();
     }
-    if (!failure)
-        co_return;
+    if (!failure || _phase == Phase::terminating)
+        co_return; // who is quitting needs no word about a start that came to nothing
     // The process stays: the status item lets the user quit.
     _phase = Phase::failed;
     const std::string sentence = AppError::friendly(failure);
@@ -51,15 +51,16 @@ Task<void> AppDelegate::startServices()
 Task<void> AppDelegate::startOrThrow()
 {
     services = co_await host.createServices(host.platform);
+    co_await throwIfCancelled(); // nothing starts any more once the user is quitting
     NativeTools::registerTools(services->tools(), *services);
     co_await services->fileIndex->start();
     services->shortcuts->start();
     SettingsState &preferences = services->preferences();
     co_await preferences.load();
     co_await throwIfCancelled();
-    preferences.updateHotkey = [this](HotkeyConfiguration configuration) { hotkey->registerHotkey(std::move(configuration)); };
+    preferences.updateHotkey = [this](HotkeyConfiguration configuration) { bindHotkey(configuration); };
     paletteController = std::make_unique<PaletteController>(*services, host.makeWindow);
-    preferences.recordingHotkeyChanged = [this](bool recording) { hotkey->suspend(recording); };
+    preferences.recordingHotkeyChanged = [this](bool recording) { suspendHotkey(recording); };
     registerHotkey();
     paletteController->state().openSettings = [this] { showSettings(); };
     AppLog::app.info("Korvane is ready");
@@ -67,18 +68,36 @@ Task<void> AppDelegate::startOrThrow()
     runFlags();
 }
 
+void AppDelegate::bindHotkey(const HotkeyConfiguration &wanted)
+{
+    hotkey->registerHotkey(wanted);
+    SettingsState &preferences = services->preferences();
+    preferences.activeHotkey = wanted;
+    preferences.hotkeyIssue.reset();
+    preferences.hotkeyAttempt.reset();
+}
+
 void AppDelegate::registerHotkey()
 {
     SettingsState &preferences = services->preferences();
     const HotkeyConfiguration wanted = preferences.preferences.hotkey;
     try {
-        hotkey->registerHotkey(wanted);
-        preferences.activeHotkey = wanted;
-        preferences.hotkeyIssue.reset();
-        preferences.hotkeyAttempt.reset();
+        bindHotkey(wanted);
     } catch (const std::exception &) {
         preferences.reportHotkeyFailure(std::current_exception(), wanted, hotkey->configuration());
         showSettings();
+    }
+}
+
+void AppDelegate::suspendHotkey(bool recording)
+{
+    SettingsState &preferences = services->preferences();
+    const auto &bound = hotkey->configuration();
+    try {
+        hotkey->suspend(recording);
+        preferences.activeHotkey = bound;
+    } catch (const std::exception &) {
+        preferences.reportHotkeyFailure(std::current_exception(), bound.value_or(HotkeyConfiguration()), bound);
     }
 }
 

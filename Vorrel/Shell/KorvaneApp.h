@@ -53,6 +53,8 @@ private:
     Task<void> startOrThrow();
     Task<void> stopServices(std::function<void()> reply);
     void registerHotkey();
+    void bindHotkey(const HotkeyConfiguration &wanted);
+    void suspendHotkey(bool recording);
     void runFlags();
     bool hasFlag(std::string_view flag) const;
 

@@ -64,8 +64,13 @@ struct TestApp : HeadlessDesktop {
 
     Task<std::shared_ptr<AppServices>> servicesInMemory(Platform ports)
     {
-        if (createDelay > 0ms)
-            co_await clock.sleep(createDelay);
+        try {
+            if (createDelay > 0ms)
+                co_await clock.sleep(createDelay);
+        } catch (const Cancelled &) {
+            if (!createFailure)
+                throw;
+        }
         if (createFailure)
             std::rethrow_exception(createFailure);
         auto database = co_await Database::open(loop.executor(), ":memory:", Database::Access::readWrite);
@@ -223,6 +228,34 @@ TEST(AppDelegate, QuittingBeforeTheServicesExistRepliesAtOnce)
     EXPECT_EQ(app.log, Strings{"hotkey stop"});
     app.clock.advance(20s);
     EXPECT_FALSE(app.delegate->controller()) << "a start that was overtaken does not go on";
+}
+
+TEST(AppDelegate, AStartThatFailsWhileItIsQuittingIsNotToldAnyMore)
+{
+    TestApp app;
+    app.createDelay = 10s;
+    app.createFailure = std::make_exception_ptr(AppError(AppError::Kind::database, "Could not open the local database."));
+    app.launch();
+    app.terminate();
+    EXPECT_EQ(app.replies, 1);
+    EXPECT_TRUE(app.dialogs.asked().empty());
+    EXPECT_EQ(app.delegate->phase(), AppDelegate::Phase::terminating);
+}
+
+TEST(AppDelegate, TheSettingsKnowTheKeyThatIsBound)
+{
+    TestApp app;
+    app.launch();
+    SettingsState &settings = app.services->preferences();
+    EXPECT_EQ(settings.activeHotkey, HotkeyConfiguration());
+    const HotkeyConfiguration other{.keyCode = 40, .modifiers = 256};
+    settings.hotkeyIssue = "an earlier failure";
+    settings.updateHotkey(other);
+    EXPECT_EQ(settings.activeHotkey, other);
+    EXPECT_FALSE(settings.hotkeyIssue);
+    settings.activeHotkey.reset();
+    settings.recordingHotkeyChanged(true);
+    EXPECT_EQ(settings.activeHotkey, other);
 }
 
 TEST(AppDelegate, NothingOpensOnceItIsQuitting)
