@@ -27,7 +27,8 @@ Task<void> SystemClock::sleep(Milliseconds delay)
     } catch (const boost::system::system_error &) {
         ended = true; // the only way in which a timer fails is that its wait was cancelled
     }
-    if (ended)
+    // The timer may have fired just before the cancellation: whoever waits may have gone all the same.
+    if (ended || co_await isCancelled())
         throw Cancelled();
 }
 

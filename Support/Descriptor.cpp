@@ -32,7 +32,7 @@ Task<void> waitUntilReadable(const Descriptor &descriptor)
     } catch (const boost::system::system_error &error) {
         ended = error.code() == asio::error::operation_aborted;
     }
-    if (ended)
+    if (ended || co_await isCancelled())
         throw Cancelled();
 }
 

@@ -110,6 +110,10 @@ Task<void> suspend(std::function<void(std::shared_ptr<Promise>)> begin, OnCancel
     // A cancel that comes between two suspensions must not reach the work of the one that is over.
     if (auto slot = cancellation.slot(); slot.is_connected())
         slot.clear();
+    // Cancelled between the answer and this moment: the owner that the caller refers to may have gone.
+    const bool late = onCancel == OnCancel::Throw && co_await isCancelled();
+    if (late)
+        throw Cancelled();
     if (error)
         std::rethrow_exception(error);
 }

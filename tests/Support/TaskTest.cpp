@@ -75,6 +75,26 @@ TEST_F(TaskTest, ACancelBeforeTheFirstStepIsRememberedUntilIt)
     EXPECT_EQ(log, Strings{"a cancelled"});
 }
 
+TEST_F(TaskTest, ACancelBetweenTheAnswerAndTheStepThatTakesItStillEndsTheWait)
+{
+    std::optional<Continuation<void>> answer;
+    auto body = [](World &world, std::optional<Continuation<void>> &answer) -> Task<void> {
+        std::function<void(Continuation<void>)> begin = [&answer](Continuation<void> given) { answer = std::move(given); };
+        try {
+            co_await suspend<void>(std::move(begin));
+            world.log.push_back("went on");
+        } catch (const Cancelled &) {
+            world.log.push_back("cancelled");
+        }
+    };
+    auto handle = spawn(loop.executor(), body(*this, answer));
+    loop.runUntilIdle();
+    answer->resume();
+    handle.cancel();
+    loop.runUntilIdle();
+    EXPECT_EQ(log, Strings{"cancelled"});
+}
+
 TEST_F(TaskTest, AssigningAHandleEndsTheOldTaskAndKeepsTheNew)
 {
     auto handle = spawn(loop.executor(), sleeper("old", 80ms));
