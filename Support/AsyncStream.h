@@ -29,8 +29,9 @@ public:
             reader->resume();
     }
 
-    /// Ends the stream, once; the termination handler runs on the calling thread.
-    void finish() const
+    /// Ends the stream, once; the termination handler runs on the calling thread. With an `error` the reader
+    /// gets it, again and again, when it has read what was yielded before.
+    void finish(std::exception_ptr error = {}) const
     {
         std::optional<Continuation<void>> reader;
         std::function<void()> terminated;
@@ -38,6 +39,7 @@ public:
             std::scoped_lock lock(shared->mutex);
             if (std::exchange(shared->finished, true))
                 return;
+            shared->error = error;
             reader = std::exchange(shared->reader, std::nullopt);
             terminated = std::exchange(shared->terminated, nullptr);
         }
@@ -54,7 +56,8 @@ public:
         shared->terminated = std::move(handler);
     }
 
-    /// The next value, or nothing after the end. A cancelled reader ends the stream and gets `Cancelled`.
+    /// The next value, or nothing after the end, or the error that ended the stream. A cancelled reader ends
+    /// the stream and gets `Cancelled`.
     Task<std::optional<T>> next() const
     {
         auto kept = shared;
@@ -66,6 +69,8 @@ public:
                     kept->values.pop_front();
                     co_return value;
                 }
+                if (kept->error)
+                    std::rethrow_exception(kept->error);
                 if (kept->finished)
                     co_return std::nullopt;
             }
@@ -97,6 +102,7 @@ private:
         std::deque<T> values;
         std::optional<Continuation<void>> reader;
         std::function<void()> terminated;
+        std::exception_ptr error;
         bool finished = false;
     };
     std::shared_ptr<Shared> shared;

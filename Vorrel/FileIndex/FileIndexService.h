@@ -1,5 +1,6 @@
 #pragma once
 
+#include "CommandCore/IndexedFile.h"
 #include "Support/Task.h"
 
 #include <optional>
@@ -7,16 +8,6 @@
 #include <vector>
 
 namespace korvane {
-
-/// One file or folder that the index knows.
-struct IndexedFile {
-    std::string path; ///< Absolute; bytes.
-    std::string name; ///< Last component of the path.
-    bool isDirectory = false;
-    long long size = 0; ///< Bytes.
-    double modified = 0; ///< Seconds since 1970; 0 when unknown.
-    bool operator==(const IndexedFile &) const = default;
-};
 
 /// Finds files by name. This base knows no files; a host gives `AppServices` another. Main thread only.
 class FileIndexService {

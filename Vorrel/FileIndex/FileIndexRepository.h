@@ -1,0 +1,68 @@
+#pragma once
+
+#include "CommandCore/IndexedFile.h"
+#include "Support/Clock.h"
+#include "Vorrel/Platform/UserFolders.h"
+#include "Vorrel/Store/Database.h"
+
+#include <cstdint>
+#include <functional>
+#include <set>
+
+namespace korvane {
+
+/// The SQL of the file index over one connection: a value without state of its own.
+///
+/// A scan writes only to the staging table, which no search looks at. `commitStagedRoot` then swaps one root's rows in,
+/// in one transaction: every search sees a root wholly old or wholly new. Errors are those of `Database`.
+class FileIndexRepository {
+public:
+    FileIndexRepository(std::shared_ptr<Database> database, UserFolders folders, Clock &clock);
+
+    /// Files that match the query language's `text`, best first, at most `limit` (1 to 1000); below `parent`, at any
+    /// depth, when it is given. An empty query finds nothing. Throws the sentences of `FileSearchQuery`, and after two
+    /// seconds "File search took too long. Add a filename or folder filter and try again."
+    Task<std::vector<IndexedFile>> search(std::string text, std::optional<std::string> parent, int limit) const;
+    /// What is directly in `parent`, by "size", "modified" (largest and latest first) or "name"; by size for anything else.
+    Task<std::vector<IndexedFile>> list(std::string parent, std::string sort, long long limit) const;
+
+    /// Adds or renews rows, in one transaction.
+    Task<void> upsert(std::vector<IndexedFile> files) const;
+    /// The same in the staging table.
+    Task<void> stage(std::vector<IndexedFile> files) const;
+    Task<void> clearStaging() const;
+    /// Makes the rows of `root` what was staged below it, in one transaction; roots nested in it keep theirs. A root that
+    /// has rows already gets only the difference, which is found beforehand in steps that let other work through. `wanted` is
+    /// asked on the caller's thread just before the transaction; when it says no, `Cancelled` is thrown and nothing changes.
+    Task<void> commitStagedRoot(std::string root, std::function<bool()> wanted = {}) const;
+    /// Removes paths in order, those in `directories` with everything below them, in one transaction.
+    Task<void> deleteWithSubtrees(std::vector<std::string> paths, std::set<std::string> directories) const;
+    /// Which of the paths the index knows as folders.
+    Task<std::set<std::string>> directories(std::vector<std::string> among) const;
+    /// Removes a path and everything below it.
+    Task<void> deleteTree(std::string path) const;
+
+    Task<std::vector<IndexRoot>> roots() const; ///< By path.
+    Task<void> addRoot(std::string path) const; ///< Does nothing for a path that is a root already.
+    Task<void> removeRoot(std::string id) const; ///< Leaves the rows of the index alone.
+    Task<long long> count() const;
+
+    Task<std::uint64_t> loadEventID() const; ///< 0 when none was saved.
+    Task<void> saveEventID(std::uint64_t id) const;
+    /// Whether this store has the table of names by which long terms are found.
+    Task<bool> hasNames() const;
+    /// Whether that table is known to hold every name.
+    Task<bool> ftsBackfillDone() const;
+    Task<void> markFTSBackfillDone() const;
+    /// Fills it from the rows; quiet where there is none.
+    Task<void> rebuildFTS() const;
+    /// Gives back what a large publication has taken: the write-ahead log is emptied, unused memory returned. Best effort.
+    Task<void> settle() const;
+
+private:
+    std::shared_ptr<Database> database;
+    UserFolders folders;
+    Clock *clock;
+};
+
+} // namespace korvane

@@ -1,0 +1,38 @@
+#include "Vorrel/FileIndex/IndexPlaces.h"
+
+#include "Vorrel/FileIndex/FileScanner.h"
+
+#include <algorithm>
+
+namespace korvane {
+
+namespace {
+
+std::string ownFolder(const UserFolders &folders) { return folders.korvane().value_or(folders.home + "/Korvane"); }
+
+} // namespace
+
+IndexPlaces IndexPlaces::macOS(const UserFolders &folders)
+{
+    const std::string &home = folders.home;
+    return {.defaultRoots = {home, "/Applications", "/System/Applications", "/Library"},
+        .skippedPrefixes = {ownFolder(folders), home + "/Library/CloudStorage", home + "/Library/Mobile Documents",
+            home + "/Library/Developer/XCTestDevices", home + "/Library/Developer/CoreSimulator", home + "/.Trash"}};
+}
+
+IndexPlaces IndexPlaces::linux(const UserFolders &folders)
+{
+    const std::string &home = folders.home;
+    return {.defaultRoots = {home, "/opt", "/usr/local", "/srv"},
+        .skippedPrefixes = {ownFolder(folders), folders.data.value_or(home + "/.local/share") + "/Trash", home + "/.cache",
+            "/proc", "/sys", "/dev", "/run"}};
+}
+
+bool isSkipped(const std::string &path, const std::vector<std::string> &prefixes)
+{
+    return std::ranges::any_of(prefixes, [&path](const std::string &prefix) {
+        return path.starts_with(prefix) && (path.size() == prefix.size() || path[prefix.size()] == '/');
+    });
+}
+
+} // namespace korvane

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace korvane {
+
+/// The mount points that the index stays out of when they lie below a root: those of network file systems, of
+/// file systems that are no store of files (proc and its like), and of removable devices. Other file systems below a
+/// root are part of it. Immutable; any thread.
+class MountPoints {
+public:
+    /// Whether a block device, by its two numbers, can be taken out.
+    using IsRemovable = std::function<bool(unsigned major, unsigned minor)>;
+
+    /// Those of this process, now. Blocks for as long as the kernel takes to print its table; asks no file system.
+    static MountPoints read();
+    /// Those of a table in the format of /proc/PID/mountinfo (proc(5)).
+    MountPoints(std::string_view mountInfo, const IsRemovable &isRemovable);
+
+    /// Whether `path` is one of them. Links in the path are not followed.
+    bool excludes(std::string_view path) const;
+    /// Whether `path` is one of them or lies below one, by its text alone.
+    bool covers(std::string_view path) const;
+
+private:
+    std::vector<std::string> excluded; // sorted
+};
+
+} // namespace korvane
