@@ -37,4 +37,6 @@ std::string deletingLastPathComponent(const std::string &path)
     return parentEnd == path.npos ? "/" : path.substr(0, parentEnd + 1);
 }
 
+std::string beginningBelow(const std::string &folder) { return folder == "/" ? folder : folder + "/"; }
+
 } // namespace korvane

@@ -45,4 +45,7 @@ std::string lastPathComponent(const std::string &path);
 /// lone name.
 std::string deletingLastPathComponent(const std::string &path);
 
+/// How every path below a folder begins: the path with a slash, the root folder as it is.
+std::string beginningBelow(const std::string &folder);
+
 } // namespace korvane

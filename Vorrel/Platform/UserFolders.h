@@ -19,6 +19,13 @@ struct UserFolders {
             return home + path.substr(1);
         return path;
     }
+    /// `path` with the home folder at its beginning replaced by "~".
+    std::string abbreviatingWithTilde(const std::string &path) const
+    {
+        if (path == home || path.starts_with(home + "/"))
+            return "~" + path.substr(home.size());
+        return path;
+    }
 };
 
 } // namespace korvane

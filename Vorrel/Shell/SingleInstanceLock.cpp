@@ -1,18 +1,12 @@
 #include "Vorrel/Shell/SingleInstanceLock.h"
 
-#include "Support/Descriptor.h"
+#include "Support/FileLock.h"
 
-#include <cerrno>
-#include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 
 namespace korvane {
 
 namespace {
-
-// The descriptor is never closed: the system drops the lock when the process ends, also in a crash.
-int lockDescriptor = -1;
 
 /// Creates `folder`, for the user alone, with the folders above it. What fails shows when the lock is opened.
 void createFolders(const std::string &folder)
@@ -22,24 +16,7 @@ void createFolders(const std::string &folder)
     ::mkdir(folder.c_str(), 0700);
 }
 
-/// Open for reading and writing, and closed in every program that this one starts: a child must not keep the lock.
-Descriptor openLock(const std::string &path)
-{
-    int number;
-    do
-        number = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    while (number < 0 && errno == EINTR);
-    return Descriptor(number);
-}
-
-bool takeLock(const Descriptor &file)
-{
-    int result;
-    do
-        result = ::flock(file.get(), LOCK_EX | LOCK_NB);
-    while (result != 0 && errno == EINTR);
-    return result == 0;
-}
+std::string lockPath(const std::string &folder) { return folder + "/korvane.lock"; }
 
 } // namespace
 
@@ -49,13 +26,18 @@ bool SingleInstanceLock::acquire(const UserFolders &folders)
     if (!folder)
         return true;
     createFolders(*folder);
-    Descriptor file = openLock(*folder + "/korvane.lock");
-    if (!file)
+    FileLock::Failure failure{};
+    if (auto lock = FileLock::tryTake(lockPath(*folder), &failure)) {
+        lock->keepForever();
         return true;
-    if (!takeLock(file))
-        return false;
-    lockDescriptor = file.release();
-    return true;
+    }
+    return failure == FileLock::Failure::unavailable;
+}
+
+bool SingleInstanceLock::isHeld(const UserFolders &folders)
+{
+    const auto folder = folders.korvane();
+    return folder && FileLock::isTaken(lockPath(*folder));
 }
 
 } // namespace korvane

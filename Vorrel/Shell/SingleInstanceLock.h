@@ -11,6 +11,8 @@ public:
     /// for one. False if another process holds it. The system drops the lock when the process ends,
     /// also in a crash. Call once, before threads exist.
     static bool acquire(const UserFolders &folders);
+    /// Whether some process holds it: the program runs. Never takes the lock, not even for a moment.
+    static bool isHeld(const UserFolders &folders);
 };
 
 } // namespace korvane

@@ -1,8 +1,4 @@
-#include "Vorrel/FileIndex/IndexPlaces.h"
-
-#include "Vorrel/FileIndex/FileScanner.h"
-
-#include <algorithm>
+#include "Vorrel/Platform/IndexPlaces.h"
 
 namespace korvane {
 
@@ -17,7 +13,8 @@ IndexPlaces IndexPlaces::macOS(const UserFolders &folders)
     const std::string &home = folders.home;
     return {.defaultRoots = {home, "/Applications", "/System/Applications", "/Library"},
         .skippedPrefixes = {ownFolder(folders), home + "/Library/CloudStorage", home + "/Library/Mobile Documents",
-            home + "/Library/Developer/XCTestDevices", home + "/Library/Developer/CoreSimulator", home + "/.Trash"}};
+            home + "/Library/Developer/XCTestDevices", home + "/Library/Developer/CoreSimulator", home + "/.Trash"},
+        .aliasPrefix = "/System/Volumes/Data"};
 }
 
 IndexPlaces IndexPlaces::linux(const UserFolders &folders)
@@ -25,14 +22,8 @@ IndexPlaces IndexPlaces::linux(const UserFolders &folders)
     const std::string &home = folders.home;
     return {.defaultRoots = {home, "/opt", "/usr/local", "/srv"},
         .skippedPrefixes = {ownFolder(folders), folders.data.value_or(home + "/.local/share") + "/Trash", home + "/.cache",
-            "/proc", "/sys", "/dev", "/run"}};
-}
-
-bool isSkipped(const std::string &path, const std::vector<std::string> &prefixes)
-{
-    return std::ranges::any_of(prefixes, [&path](const std::string &prefix) {
-        return path.starts_with(prefix) && (path.size() == prefix.size() || path[prefix.size()] == '/');
-    });
+            "/proc", "/sys", "/dev", "/run"},
+        .aliasPrefix = {}};
 }
 
 } // namespace korvane

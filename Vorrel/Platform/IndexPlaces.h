@@ -13,6 +13,7 @@ namespace korvane {
 struct IndexPlaces {
     std::vector<std::string> defaultRoots; ///< In order. Those after the first count only where they exist.
     std::vector<std::string> skippedPrefixes; ///< In order; the program's own data folder is the first.
+    std::string aliasPrefix; ///< A second way to the same files that events may name: left out of their paths.
 
     static IndexPlaces macOS(const UserFolders &folders);
     static IndexPlaces linux(const UserFolders &folders);
