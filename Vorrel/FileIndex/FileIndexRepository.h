@@ -2,6 +2,8 @@
 
 #include "CommandCore/IndexedFile.h"
 #include "Support/Clock.h"
+#include "Vorrel/FileIndex/FileSearchStatement.h"
+#include "Vorrel/FileIndex/RootPublication.h"
 #include "Vorrel/Platform/UserFolders.h"
 #include "Vorrel/Store/Database.h"
 
@@ -11,13 +13,16 @@
 
 namespace korvane {
 
-/// The SQL of the file index over one connection: a value without state of its own.
+class IndexWriters;
+
+/// The SQL of the file index over one connection: a value. Its copies know of each other's writes.
 ///
 /// A scan writes only to the staging table, which no search looks at. `commitStagedRoot` then swaps one root's rows in,
 /// in one transaction: every search sees a root wholly old or wholly new. Errors are those of `Database`.
+/// Callable from any coroutine; those that write, through whichever copy, on one thread.
 class FileIndexRepository {
 public:
-    FileIndexRepository(std::shared_ptr<Database> database, UserFolders folders, Clock &clock);
+    FileIndexRepository(std::shared_ptr<Database> database, UserFolders folders, Clock &clock, IndexSteps steps = {});
 
     /// Files that match the query language's `text`, best first, at most `limit` (1 to 1000); below `parent`, at any
     /// depth, when it is given. An empty query finds nothing. Throws the sentences of `FileSearchQuery`, and after two
@@ -30,10 +35,12 @@ public:
     Task<void> upsert(std::vector<IndexedFile> files) const;
     /// The same in the staging table.
     Task<void> stage(std::vector<IndexedFile> files) const;
+    /// Empties the staging table, in several transactions. Who stages or publishes meanwhile waits for its end.
     Task<void> clearStaging() const;
     /// Makes the rows of `root` what was staged below it, in one transaction; roots nested in it keep theirs. A root that
     /// has rows already gets only the difference, which is found beforehand in steps that let other work through. `wanted` is
     /// asked on the caller's thread just before the transaction; when it says no, `Cancelled` is thrown and nothing changes.
+    /// What was staged for the root is gone afterwards, as far as that can be done; others stage meanwhile only when it is.
     Task<void> commitStagedRoot(std::string root, std::function<bool()> wanted = {}) const;
     /// Removes paths in order, those in `directories` with everything below them, in one transaction.
     Task<void> deleteWithSubtrees(std::vector<std::string> paths, std::set<std::string> directories) const;
@@ -49,7 +56,7 @@ public:
 
     Task<std::uint64_t> loadEventID() const; ///< 0 when none was saved.
     Task<void> saveEventID(std::uint64_t id) const;
-    /// Whether this store has the table of names by which long terms are found.
+    /// Whether this store has the table of names by which long terms are found, and can use it.
     Task<bool> hasNames() const;
     /// Whether that table is known to hold every name.
     Task<bool> ftsBackfillDone() const;
@@ -60,9 +67,15 @@ public:
     Task<void> settle() const;
 
 private:
+    void tellRemovedTree(const std::string &path) const;
+    Task<RootPublication> publish(std::string root, std::function<bool()> wanted) const;
+    Task<std::vector<IndexedFile>> found(CompiledSearch search) const;
+
     std::shared_ptr<Database> database;
     UserFolders folders;
     Clock *clock;
+    IndexSteps steps;
+    std::shared_ptr<IndexWriters> writers;
 };
 
 } // namespace korvane

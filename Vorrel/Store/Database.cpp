@@ -4,7 +4,9 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <limits>
+#include <list>
 #include <sys/stat.h>
 
 namespace korvane {
@@ -102,6 +104,11 @@ constexpr char nameSchema[] = "SELECT 1 FROM sqlite_master "
 
 constexpr char synchronous[] = "PRAGMA synchronous=NORMAL;";
 
+// A large publication makes a log as large as the file. It is cut down to this many bytes when it is next begun anew.
+constexpr char logLimit[] = "PRAGMA journal_size_limit=67108864;";
+
+constexpr off_t longLog = 4 * 1024 * 1024; ///< Bytes; about what a write finds when it has to copy the log itself.
+
 constexpr char forgetBackfill[] = "DELETE FROM settings WHERE key='fileIndex.ftsBackfilled'";
 
 AppError failure(const char *sentence) { return AppError(AppError::Kind::database, sentence); }
@@ -174,6 +181,37 @@ private:
     bool committed = false;
 };
 
+/// What a large transaction is given, for its time. The cache holds what is written in random order, the indexes by name
+/// and by path, which would otherwise go to the log several times over.
+class EffortScope {
+public:
+    EffortScope(sqlite3 *handle, Database::Effort effort) : handle(effort == Database::Effort::large ? handle : nullptr)
+    {
+        if (!this->handle)
+            return;
+        run(handle, "PRAGMA cache_size=-65536");
+        sqlite3_wal_autocheckpoint(handle, 0);
+    }
+    ~EffortScope()
+    {
+        if (!handle)
+            return;
+        run(handle, "PRAGMA cache_size=-2000");
+        sqlite3_db_release_memory(handle);
+        if (!committed)
+            sqlite3_wal_autocheckpoint(handle, pagesBetweenCheckpoints);
+    }
+    void hasCommitted() { committed = true; }
+    EffortScope(const EffortScope &) = delete;
+    EffortScope &operator=(const EffortScope &) = delete;
+
+    static constexpr int pagesBetweenCheckpoints = 1000; ///< As SQLite comes.
+
+private:
+    sqlite3 *handle;
+    bool committed = false;
+};
+
 /// Which file a path names; nothing when it names none.
 struct FileIdentity {
     dev_t device;
@@ -230,6 +268,14 @@ void finish(sqlite3_stmt *statement)
         throw failure(couldNotSave);
 }
 
+/// Runs the statement once with these values; it can be run again with others.
+void runOnce(sqlite3_stmt *statement, const std::vector<SQLValue> &values)
+{
+    bind(statement, values);
+    finish(statement);
+    sqlite3_reset(statement);
+}
+
 SQLRow rowOf(sqlite3_stmt *statement)
 {
     SQLRow row;
@@ -243,6 +289,38 @@ SQLRow rowOf(sqlite3_stmt *statement)
     return row;
 }
 
+/// The queries that were asked last, ready to be asked again. Each is reset as soon as it has answered, so that none
+/// keeps a view of the file or a lock.
+class QueryCache {
+public:
+    /// A query that can be kept: a plain question. What configures a connection may take effect as it is prepared.
+    static bool keeps(const std::string &sql) { return sql.starts_with("SELECT "); }
+
+    /// The statement of this text, to be given back by `keep`; nothing if there is none.
+    Statement take(const std::string &sql)
+    {
+        const auto found = std::find_if(kept.begin(), kept.end(), [&sql](const auto &entry) { return entry.first == sql; });
+        if (found == kept.end())
+            return nullptr;
+        Statement statement = std::move(found->second);
+        kept.erase(found);
+        return statement;
+    }
+    void keep(const std::string &sql, Statement statement)
+    {
+        sqlite3_reset(statement.get());
+        sqlite3_clear_bindings(statement.get());
+        kept.emplace_front(sql, std::move(statement));
+        if (kept.size() > capacity)
+            kept.pop_back();
+    }
+    void clear() { kept.clear(); }
+
+private:
+    static constexpr std::size_t capacity = 12;
+    std::list<std::pair<std::string, Statement>> kept; // the latest first
+};
+
 double steadyUptime() { return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count(); }
 
 } // namespace
@@ -251,8 +329,8 @@ double steadyUptime() { return std::chrono::duration<double>(std::chrono::steady
 /// the actor's work.
 struct Database::Connection {
     Connection(Executor pool, std::string path, Access access, Uptime uptime, Milliseconds patience) :
-        actor(std::move(pool)), path(std::move(path)), access(access), uptime(uptime ? std::move(uptime) : Uptime(steadyUptime)),
-        patience(patience)
+        actor(pool), beside(std::move(pool)), path(std::move(path)), access(access),
+        uptime(uptime ? std::move(uptime) : Uptime(steadyUptime)), patience(patience)
     {
     }
     ~Connection() { close(); }
@@ -262,10 +340,16 @@ struct Database::Connection {
         std::optional<std::chrono::duration<double>> timeout, const std::stop_token &stop);
     void execute(const std::string &sql, const std::vector<SQLValue> &values);
     void executeBatch(const std::string &sql, const std::vector<std::vector<SQLValue>> &rows);
-    void executeTransaction(const std::vector<std::pair<std::string, std::vector<SQLValue>>> &statements);
+    void executeBatches(const std::vector<SQLBatch> &batches, Effort effort);
+    void executeTransaction(const std::vector<std::pair<std::string, std::vector<SQLValue>>> &statements, Effort effort);
+    bool canSettle();
+    bool hasLongLog();
+    void checkpointBeside() const;
+    void settle();
     void close();
 
     Actor actor;
+    Actor beside; ///< For work on the file that statements need not wait for.
     const std::string path;
     const Access access;
     const Uptime uptime;
@@ -282,7 +366,11 @@ private:
     bool fileHasGone();
     void settleGoneFile();
 
+    Statement begin(const std::string &sql, const std::vector<SQLValue> &values, int &code);
+    void runAll(const std::string &sql, const std::vector<std::vector<SQLValue>> &rows);
+
     sqlite3 *handle = nullptr;
+    QueryCache queries;
     std::string logPath; ///< The write-ahead log's path, as SQLite names it.
     std::optional<FileIdentity> log; ///< The write-ahead log that this connection writes; nothing if it needs none.
     bool settled = false;
@@ -365,6 +453,8 @@ void Database::Connection::configure()
             throw failure("Could not configure the local database.");
     };
     set(synchronous);
+    if (onDisk())
+        set(logLimit);
     // Writes pick rows by path, which this system compares by case. A store in memory has this one connection
     // for its searches too, and those fold names.
     if (onDisk())
@@ -415,18 +505,36 @@ std::vector<SQLRow> Database::Connection::rows(const std::string &sql, const std
     requireOpen();
     QueryBudget budget{uptime() + (timeout ? timeout->count() : std::numeric_limits<double>::max()), uptime, stop};
     const ProgressHandler handler(handle, budget);
-    const Statement statement = prepare(handle, sql, values);
+    int code = SQLITE_OK;
+    Statement statement = begin(sql, values, code);
     std::vector<SQLRow> rows;
-    int code;
-    while ((code = sqlite3_step(statement.get())) == SQLITE_ROW)
+    for (; code == SQLITE_ROW; code = sqlite3_step(statement.get()))
         rows.push_back(rowOf(statement.get()));
-    if (code == SQLITE_DONE)
+    if (code == SQLITE_DONE) {
+        if (QueryCache::keeps(sql))
+            queries.keep(sql, std::move(statement));
         return rows;
+    }
     if (code != SQLITE_INTERRUPT)
         throw failure("Could not read local data.");
     if (stop.stop_requested())
         throw Cancelled();
     throw AppError(AppError::Kind::recoverable, "File search took too long. Add a filename or folder filter and try again.");
+}
+
+/// A query after its first step, which gives `code`. A kept statement that cannot go on, because what it asks has gone,
+/// is prepared once more, so that the failure is the one of a new query.
+Statement Database::Connection::begin(const std::string &sql, const std::vector<SQLValue> &values, int &code)
+{
+    if (Statement kept = queries.take(sql)) {
+        bind(kept.get(), values);
+        code = sqlite3_step(kept.get());
+        if (code == SQLITE_ROW || code == SQLITE_DONE || code == SQLITE_INTERRUPT || code == SQLITE_BUSY)
+            return kept;
+    }
+    Statement statement = prepare(handle, sql, values);
+    code = sqlite3_step(statement.get());
+    return statement;
 }
 
 void Database::Connection::execute(const std::string &sql, const std::vector<SQLValue> &values)
@@ -439,30 +547,95 @@ void Database::Connection::executeBatch(const std::string &sql, const std::vecto
 {
     requireWritable();
     Transaction transaction(handle);
-    {
-        const Statement statement = prepare(handle, sql);
-        for (const auto &values : rows) {
-            bind(statement.get(), values);
-            finish(statement.get());
-            sqlite3_reset(statement.get());
-        }
-    }
+    runAll(sql, rows);
     transaction.commit();
 }
 
-void Database::Connection::executeTransaction(const std::vector<std::pair<std::string, std::vector<SQLValue>>> &statements)
+void Database::Connection::executeBatches(const std::vector<SQLBatch> &batches, Effort effort)
 {
     requireWritable();
+    EffortScope scope(handle, onDisk() ? effort : Effort::usual);
     Transaction transaction(handle);
-    for (const auto &[sql, values] : statements)
-        finish(prepare(handle, sql, values).get());
+    for (const auto &batch : batches)
+        if (!batch.rows.empty())
+            runAll(batch.sql, batch.rows);
     transaction.commit();
+    scope.hasCommitted();
+}
+
+void Database::Connection::runAll(const std::string &sql, const std::vector<std::vector<SQLValue>> &rows)
+{
+    const Statement statement = prepare(handle, sql);
+    for (const auto &values : rows)
+        runOnce(statement.get(), values);
+}
+
+void Database::Connection::executeTransaction(
+    const std::vector<std::pair<std::string, std::vector<SQLValue>>> &statements, Effort effort)
+{
+    requireWritable();
+    EffortScope scope(handle, onDisk() ? effort : Effort::usual);
+    Transaction transaction(handle);
+    {
+        const std::string *last = nullptr;
+        Statement statement;
+        for (const auto &[sql, values] : statements) {
+            if (!last || *last != sql)
+                statement = prepare(handle, sql);
+            else
+                sqlite3_clear_bindings(statement.get());
+            last = &sql;
+            runOnce(statement.get(), values);
+        }
+    }
+    transaction.commit();
+    scope.hasCommitted();
+}
+
+bool Database::Connection::canSettle() { return handle && onDisk() && access == Access::readWrite && !fileHasGone(); }
+
+/// Whether it is worth while to copy the log beside other work, after a large transaction. A shorter one is left to
+/// whichever write makes it long.
+bool Database::Connection::hasLongLog()
+{
+    struct stat status;
+    if (canSettle() && stat(logPath.c_str(), &status) == 0 && status.st_size > longLog)
+        return true;
+    if (handle)
+        sqlite3_wal_autocheckpoint(handle, EffortScope::pagesBetweenCheckpoints);
+    return false;
+}
+
+/// Copies the log into the file on a connection of its own: the statements of this one go on meanwhile, and find
+/// little left to copy.
+void Database::Connection::checkpointBeside() const
+{
+    sqlite3 *opened = nullptr;
+    if (sqlite3_open_v2(path.c_str(), &opened, SQLITE_OPEN_READWRITE | SQLITE_OPEN_FULLMUTEX, nullptr) == SQLITE_OK) {
+        // A connection learns what the file is by its first look at it.
+        run(opened, "SELECT 1 FROM sqlite_master LIMIT 1");
+        sqlite3_wal_checkpoint_v2(opened, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+    }
+    sqlite3_close(opened);
+}
+
+/// Empties what is left of the log, unless somebody reads from it just now: then the limit of its size does it later.
+void Database::Connection::settle()
+{
+    if (!canSettle())
+        return;
+    sqlite3_busy_timeout(handle, 0);
+    sqlite3_wal_checkpoint_v2(handle, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+    sqlite3_busy_timeout(handle, int(patience.count()));
+    sqlite3_wal_autocheckpoint(handle, EffortScope::pagesBetweenCheckpoints);
+    sqlite3_db_release_memory(handle);
 }
 
 void Database::Connection::close()
 {
     if (!handle)
         return;
+    queries.clear();
     if (fileHasGone())
         settleGoneFile();
     sqlite3_close(std::exchange(handle, nullptr));
@@ -511,11 +684,44 @@ Task<void> Database::executeBatch(std::string sql, std::vector<std::vector<SQLVa
     co_await connection->actor.run(std::move(work));
 }
 
-Task<void> Database::executeTransaction(std::vector<std::pair<std::string, std::vector<SQLValue>>> statements)
+Task<void> Database::executeTransaction(std::vector<std::pair<std::string, std::vector<SQLValue>>> statements, Effort effort)
 {
-    auto work = [connection = connection, statements = std::move(statements)](
-                    std::stop_token) { connection->executeTransaction(statements); };
+    auto work = [connection = connection, statements = std::move(statements), effort](
+                    std::stop_token) { connection->executeTransaction(statements, effort); };
     co_await connection->actor.run(std::move(work));
+    if (effort == Effort::large)
+        co_await settleLongLog();
+}
+
+Task<void> Database::executeBatches(std::vector<SQLBatch> batches, Effort effort)
+{
+    if (std::all_of(batches.begin(), batches.end(), [](const SQLBatch &batch) { return batch.rows.empty(); }))
+        co_return;
+    auto work = [connection = connection, batches = std::move(batches), effort](
+                    std::stop_token) { connection->executeBatches(batches, effort); };
+    co_await connection->actor.run(std::move(work));
+    if (effort == Effort::large)
+        co_await settleLongLog();
+}
+
+Task<void> Database::settleLongLog()
+{
+    auto asks = [connection = connection](std::stop_token) { return connection->hasLongLog(); };
+    const bool isLong = co_await connection->actor.run(std::move(asks));
+    if (isLong)
+        co_await settle();
+}
+
+Task<void> Database::settle()
+{
+    auto asks = [connection = connection](std::stop_token) { return connection->canSettle(); };
+    const bool can = co_await connection->actor.run(std::move(asks));
+    if (!can)
+        co_return;
+    auto copies = [connection = connection](std::stop_token) { connection->checkpointBeside(); };
+    co_await connection->beside.run(std::move(copies));
+    auto empties = [connection = connection](std::stop_token) { connection->settle(); };
+    co_await connection->actor.run(std::move(empties));
 }
 
 Task<void> Database::close()

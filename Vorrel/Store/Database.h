@@ -23,6 +23,12 @@ using SQLValue = std::variant<std::string, double, std::nullptr_t>;
 /// One row of an answer, by column name. Every value is text as SQLite prints it; a NULL is absent.
 using SQLRow = std::map<std::string, std::string, std::less<>>;
 
+/// One statement and the values of each time it is run.
+struct SQLBatch {
+    std::string sql;
+    std::vector<std::vector<SQLValue>> rows;
+};
+
 /// One connection to the program's SQLite file.
 ///
 /// Threads:  callable from any coroutine; statements run one at a time, in the order of the calls, on
@@ -36,6 +42,9 @@ using SQLRow = std::map<std::string, std::string, std::less<>>;
 class Database {
 public:
     enum class Access { readWrite, readOnly };
+    /// A `large` transaction takes 64 MB of memory for its time. When it has made the write-ahead log long, its caller
+    /// waits until that is copied into the file, and nobody else does.
+    enum class Effort { usual, large };
     /// Seconds on a clock that never jumps; `rows` measures its budget on it.
     using Uptime = std::function<double()>;
 
@@ -56,14 +65,21 @@ public:
     Task<void> execute(std::string sql, std::vector<SQLValue> values = {});
     /// One statement over many rows of values, in one transaction; all or nothing. No rows: no transaction.
     Task<void> executeBatch(std::string sql, std::vector<std::vector<SQLValue>> rows);
+    /// Several such batches in order, in one transaction; all or nothing. No rows in any: no transaction.
+    Task<void> executeBatches(std::vector<SQLBatch> batches, Effort effort = Effort::usual);
     /// Statements in order, in one transaction; the first failure undoes all.
-    Task<void> executeTransaction(std::vector<std::pair<std::string, std::vector<SQLValue>>> statements);
+    Task<void> executeTransaction(
+        std::vector<std::pair<std::string, std::vector<SQLValue>>> statements, Effort effort = Effort::usual);
+    /// Empties the write-ahead log into the file and gives unused memory back, as far as nobody else has to wait for
+    /// it: best effort, and never a failure. A store in memory and one that is only read have nothing to settle.
+    Task<void> settle();
     /// Closes the connection after everything asked for before. Later calls throw "The database is closed."
     Task<void> close();
 
     const std::string &path() const;
 
 private:
+    Task<void> settleLongLog();
     struct Connection; // keeps SQLite out of this header
     explicit Database(std::shared_ptr<Connection> connection);
     std::shared_ptr<Connection> connection; // shared with the work that is still queued

@@ -1,0 +1,410 @@
+#include "Vorrel/FileIndex/FileIndexRepository.h"
+
+#include "CommandCore/Commands.h"
+#include "Support/Text.h"
+#include "Support/UUID.h"
+#include "Vorrel/FileIndex/IndexWriters.h"
+#include "Vorrel/FileIndex/RootPublication.h"
+
+#include <algorithm>
+#include <charconv>
+
+namespace korvane {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr std::chrono::duration<double> searchBudget = 2s;
+constexpr std::size_t pathsOfQuestion = 400; ///< Below SQLite's limit on placeholders.
+constexpr int mostLooks = 3; ///< At a root whose rows keep changing.
+
+constexpr char nameTableListed[] = "SELECT name FROM sqlite_master WHERE name='file_index_fts'";
+constexpr char nameTableUsable[] = "SELECT rowid FROM file_index_fts WHERE file_index_fts MATCH ? LIMIT 1";
+constexpr char rebuildNames[] = "INSERT INTO file_index_fts(file_index_fts) VALUES('rebuild')";
+
+constexpr char upsertFile[] =
+    "INSERT INTO file_index(path,name,parent,is_directory,size,modified,batch_id) VALUES(?,?,?,?,?,?,0) "
+    "ON CONFLICT(path) DO UPDATE SET name=excluded.name,parent=excluded.parent,is_directory=excluded.is_directory,"
+    "size=excluded.size,modified=excluded.modified";
+constexpr char stageFile[] =
+    "INSERT INTO file_index_staging(path,name,parent,is_directory,size,modified) VALUES(?,?,?,?,?,?) "
+    "ON CONFLICT(path) DO UPDATE SET name=excluded.name,parent=excluded.parent,is_directory=excluded.is_directory,"
+    "size=excluded.size,modified=excluded.modified";
+constexpr char clearStaged[] = "DELETE FROM file_index_staging";
+constexpr char endOfStagedStep[] = "SELECT rowid AS value FROM file_index_staging ORDER BY rowid LIMIT 1 OFFSET ?";
+constexpr char clearStagedStep[] = "DELETE FROM file_index_staging WHERE rowid<?";
+
+constexpr char deleteFile[] = "DELETE FROM file_index WHERE path=?";
+constexpr char deleteTreeOf[] = "DELETE FROM file_index WHERE path=? OR path LIKE ? ESCAPE '\\'";
+constexpr char countFiles[] = "SELECT COUNT(*) AS c FROM file_index";
+
+constexpr char loadRoots[] = "SELECT id,path FROM index_roots ORDER BY path";
+constexpr char insertRoot[] = "INSERT INTO index_roots(id,path,added_at) VALUES(?,?,?)";
+constexpr char deleteRoot[] = "DELETE FROM index_roots WHERE id=?";
+
+constexpr char loadEvent[] = "SELECT value FROM settings WHERE key='fileIndex.lastEventID'";
+constexpr char saveEvent[] = "INSERT INTO settings(key,value) VALUES('fileIndex.lastEventID',?) "
+                             "ON CONFLICT(key) DO UPDATE SET value=excluded.value";
+constexpr char loadBackfill[] = "SELECT value FROM settings WHERE key='fileIndex.ftsBackfilled'";
+constexpr char markBackfill[] = "INSERT INTO settings(key,value) VALUES('fileIndex.ftsBackfilled','1') "
+                                "ON CONFLICT(key) DO UPDATE SET value='1'";
+
+constexpr char cannotBePrepared[] = "The database query could not be prepared.";
+
+const std::string *text(const SQLRow &row, std::string_view column)
+{
+    const auto found = row.find(column);
+    return found == row.end() ? nullptr : &found->second;
+}
+
+const std::string *firstText(const std::vector<SQLRow> &rows, std::string_view column)
+{
+    return rows.empty() ? nullptr : text(rows.front(), column);
+}
+
+std::optional<IndexedFile> parse(const SQLRow &row)
+{
+    const auto *path = text(row, "path");
+    const auto *name = text(row, "name");
+    if (!path || !name)
+        return std::nullopt;
+    const auto *directory = text(row, "is_directory");
+    const auto *size = text(row, "size");
+    const auto *modified = text(row, "modified");
+    return IndexedFile{*path, *name, directory && *directory == "1", size ? integerFrom(*size).value_or(0) : 0,
+        modified ? realFrom(*modified).value_or(0) : 0};
+}
+
+std::vector<IndexedFile> filesFrom(const std::vector<SQLRow> &rows)
+{
+    std::vector<IndexedFile> files;
+    files.reserve(rows.size());
+    for (const auto &row : rows)
+        if (auto file = parse(row))
+            files.push_back(std::move(*file));
+    return files;
+}
+
+/// The rows' values in the order of their paths, in which neighbours on disk are written together; of equal paths the
+/// last stays the last.
+std::vector<std::vector<SQLValue>> valuesOf(std::vector<IndexedFile> files)
+{
+    std::stable_sort(files.begin(), files.end(), [](const auto &a, const auto &b) { return a.path < b.path; });
+    std::vector<std::vector<SQLValue>> rows;
+    rows.reserve(files.size());
+    for (auto &file : files) {
+        auto &values = rows.emplace_back();
+        values.reserve(6);
+        std::string parent = deletingLastPathComponent(file.path);
+        values.emplace_back(std::move(file.path));
+        values.emplace_back(std::move(file.name));
+        values.emplace_back(std::move(parent));
+        values.emplace_back(file.isDirectory ? 1.0 : 0.0);
+        values.emplace_back(double(file.size));
+        values.emplace_back(file.modified);
+    }
+    return rows;
+}
+
+std::vector<std::string> pathsOf(const std::vector<IndexedFile> &files)
+{
+    std::vector<std::string> paths;
+    paths.reserve(files.size());
+    for (const auto &file : files)
+        paths.push_back(file.path);
+    return paths;
+}
+
+std::vector<SQLValue> treeOf(const std::string &path) { return {path, escapedLike(beginningBelow(path)) + "%"}; }
+
+std::string orderOf(std::string_view sort)
+{
+    if (sort == "modified")
+        return "modified DESC";
+    if (sort == "name")
+        return "name COLLATE NOCASE ASC";
+    return "size DESC";
+}
+
+std::uint64_t unsignedFrom(std::string_view text)
+{
+    std::uint64_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    return error == std::errc() && end == text.data() + text.size() ? number : 0;
+}
+
+} // namespace
+
+FileIndexRepository::FileIndexRepository(
+    std::shared_ptr<Database> database, UserFolders folders, Clock &clock, IndexSteps steps) :
+    database(std::move(database)),
+    folders(std::move(folders)), clock(&clock), steps(steps), writers(std::make_shared<IndexWriters>())
+{
+}
+
+// Searching
+
+Task<std::vector<IndexedFile>> FileIndexRepository::search(std::string text, std::optional<std::string> parent, int limit) const
+{
+    const FileSearchQuery query(text);
+    if (isEmpty(query))
+        co_return std::vector<IndexedFile>();
+    bool nameTable = false;
+    if (hasLongTerms(query)) {
+        const auto listed = co_await database->rows(nameTableListed);
+        nameTable = !listed.empty();
+    }
+    if (nameTable) {
+        // A SQLite without the table's module lists it all the same.
+        auto search = compile(query, parent, limit, NameLookup::nameTable, folders);
+        std::optional<std::vector<IndexedFile>> files;
+        try {
+            files = co_await found(std::move(search));
+        } catch (const AppError &error) {
+            if (error.errorDescription() != cannotBePrepared)
+                throw;
+        }
+        if (files)
+            co_return std::move(*files);
+    }
+    auto search = compile(query, parent, limit, NameLookup::eachName, folders);
+    co_return co_await found(std::move(search));
+}
+
+Task<std::vector<IndexedFile>> FileIndexRepository::found(CompiledSearch search) const
+{
+    const auto rows = co_await database->rows(std::move(search.sql), std::move(search.values), searchBudget);
+    co_return filesFrom(rows);
+}
+
+Task<std::vector<IndexedFile>> FileIndexRepository::list(std::string parent, std::string sort, long long limit) const
+{
+    std::string sql =
+        "SELECT path,name,is_directory,size,modified FROM file_index WHERE parent=? ORDER BY " + orderOf(sort) + " LIMIT ?";
+    std::vector<SQLValue> values{folders.expandingTilde(parent), double(limit)};
+    const auto rows = co_await database->rows(std::move(sql), std::move(values));
+    co_return filesFrom(rows);
+}
+
+// Writing
+
+Task<void> FileIndexRepository::upsert(std::vector<IndexedFile> files) const
+{
+    writers->changed(pathsOf(files));
+    auto rows = valuesOf(std::move(files));
+    co_await database->executeBatch(upsertFile, std::move(rows));
+}
+
+Task<void> FileIndexRepository::stage(std::vector<IndexedFile> files) const
+{
+    if (files.empty())
+        co_return;
+    const auto turn = co_await writers->stagingTurn();
+    auto rows = valuesOf(std::move(files));
+    co_await database->executeBatch(stageFile, std::move(rows));
+}
+
+Task<void> FileIndexRepository::clearStaging() const
+{
+    const auto turn = co_await writers->stagingTurn();
+    for (;;) {
+        std::vector<SQLValue> offset{double(steps.removedRows)};
+        const auto rows = co_await database->rows(endOfStagedStep, std::move(offset));
+        const auto *end = firstText(rows, "value");
+        if (!end)
+            break;
+        std::vector<SQLValue> values{realFrom(*end).value_or(0)};
+        co_await database->execute(clearStagedStep, std::move(values));
+    }
+    co_await database->execute(clearStaged);
+}
+
+Task<void> FileIndexRepository::commitStagedRoot(std::string root, std::function<bool()> wanted) const
+{
+    root = folders.expandingTilde(root);
+    const auto turn = co_await writers->stagingTurn();
+    const RootPublication published = co_await publish(root, std::move(wanted));
+    try {
+        co_await published.removeStaged();
+    } catch (const AppError &) {
+        // The root is published; the next scan of everything begins by emptying the staging table.
+    } catch (const Cancelled &) {
+    }
+}
+
+Task<RootPublication> FileIndexRepository::publish(std::string root, std::function<bool()> wanted) const
+{
+    const auto requireWanted = [&wanted] {
+        if (wanted && !wanted())
+            throw Cancelled();
+    };
+    for (int look = 0; look < mostLooks; ++look) {
+        const auto changes = writers->watch();
+        const auto all = co_await roots();
+        RootPublication publication(database, steps, root, all);
+        if (!co_await publication.hasRows())
+            break;
+        auto difference = co_await publication.difference();
+        if (!difference)
+            break;
+        if (changes->everything)
+            continue;
+        requireWanted();
+        auto batches = publication.corrected(std::move(*difference), *changes);
+        co_await database->executeBatches(std::move(batches), Database::Effort::large);
+        co_return publication;
+    }
+    const auto all = co_await roots();
+    RootPublication publication(database, steps, root, all);
+    auto statements = publication.replacement();
+    requireWanted();
+    co_await database->executeTransaction(std::move(statements), Database::Effort::large);
+    co_return publication;
+}
+
+Task<void> FileIndexRepository::deleteWithSubtrees(std::vector<std::string> paths, std::set<std::string> directories) const
+{
+    if (paths.empty())
+        co_return;
+    std::vector<std::pair<std::string, std::vector<SQLValue>>> statements;
+    statements.reserve(paths.size());
+    for (const auto &path : paths) {
+        if (directories.contains(path)) {
+            tellRemovedTree(path);
+            statements.emplace_back(deleteTreeOf, treeOf(path));
+        } else {
+            statements.emplace_back(deleteFile, std::vector<SQLValue>{path});
+        }
+    }
+    writers->changed(paths);
+    co_await database->executeTransaction(std::move(statements));
+}
+
+Task<std::set<std::string>> FileIndexRepository::directories(std::vector<std::string> among) const
+{
+    std::set<std::string> found;
+    for (std::size_t begin = 0; begin < among.size(); begin += pathsOfQuestion) {
+        const std::size_t end = std::min(begin + pathsOfQuestion, among.size());
+        std::string sql = "SELECT path FROM file_index WHERE is_directory=1 AND path IN (?";
+        for (std::size_t i = begin + 1; i < end; ++i)
+            sql += ",?";
+        sql += ")";
+        std::vector<SQLValue> values(among.begin() + std::ptrdiff_t(begin), among.begin() + std::ptrdiff_t(end));
+        const auto rows = co_await database->rows(std::move(sql), std::move(values));
+        for (const auto &row : rows)
+            if (const auto *path = text(row, "path"))
+                found.insert(*path);
+    }
+    co_return found;
+}
+
+Task<void> FileIndexRepository::deleteTree(std::string path) const
+{
+    path = folders.expandingTilde(path);
+    tellRemovedTree(path);
+    auto values = treeOf(path);
+    co_await database->execute(deleteTreeOf, std::move(values));
+}
+
+/// A store in memory folds case, and so removes more than what begins with the path.
+void FileIndexRepository::tellRemovedTree(const std::string &path) const
+{
+    if (database->path() == ":memory:")
+        writers->changedEverything();
+    else
+        writers->removedTree(path);
+}
+
+// Roots
+
+Task<std::vector<IndexRoot>> FileIndexRepository::roots() const
+{
+    std::vector<IndexRoot> roots;
+    const auto rows = co_await database->rows(loadRoots);
+    for (const auto &row : rows) {
+        const auto *id = text(row, "id");
+        const auto *path = text(row, "path");
+        if (id && path)
+            roots.push_back({*id, *path});
+    }
+    co_return roots;
+}
+
+Task<void> FileIndexRepository::addRoot(std::string path) const
+{
+    path = folders.expandingTilde(path);
+    const auto present = co_await roots();
+    if (std::any_of(present.begin(), present.end(), [&path](const IndexRoot &root) { return root.path == path; }))
+        co_return;
+    std::vector<SQLValue> values{newUUID(), path, clock->now()};
+    writers->changedEverything();
+    co_await database->execute(insertRoot, std::move(values));
+}
+
+Task<void> FileIndexRepository::removeRoot(std::string id) const
+{
+    std::vector<SQLValue> values{std::move(id)};
+    writers->changedEverything();
+    co_await database->execute(deleteRoot, std::move(values));
+}
+
+// Small facts
+
+Task<long long> FileIndexRepository::count() const
+{
+    const auto rows = co_await database->rows(countFiles);
+    const auto *count = firstText(rows, "c");
+    co_return count ? integerFrom(*count).value_or(0) : 0;
+}
+
+Task<std::uint64_t> FileIndexRepository::loadEventID() const
+{
+    const auto rows = co_await database->rows(loadEvent);
+    const auto *value = firstText(rows, "value");
+    co_return value ? unsignedFrom(*value) : 0;
+}
+
+Task<void> FileIndexRepository::saveEventID(std::uint64_t id) const
+{
+    std::vector<SQLValue> values{std::to_string(id)};
+    co_await database->execute(saveEvent, std::move(values));
+}
+
+// The table of names
+
+Task<bool> FileIndexRepository::hasNames() const
+{
+    const auto listed = co_await database->rows(nameTableListed);
+    if (listed.empty())
+        co_return false;
+    try {
+        std::vector<SQLValue> anything{std::string("\"abc\"")};
+        co_await database->rows(nameTableUsable, std::move(anything));
+    } catch (const AppError &error) {
+        if (error.errorDescription() == cannotBePrepared)
+            co_return false;
+        throw;
+    }
+    co_return true;
+}
+
+Task<bool> FileIndexRepository::ftsBackfillDone() const
+{
+    const auto rows = co_await database->rows(loadBackfill);
+    const auto *value = firstText(rows, "value");
+    co_return value &&*value == "1";
+}
+
+Task<void> FileIndexRepository::markFTSBackfillDone() const { co_await database->execute(markBackfill); }
+
+Task<void> FileIndexRepository::rebuildFTS() const
+{
+    const auto listed = co_await database->rows(nameTableListed);
+    if (!listed.empty())
+        co_await database->execute(rebuildNames);
+}
+
+Task<void> FileIndexRepository::settle() const { co_await database->settle(); }
+
+} // namespace korvane

@@ -1,0 +1,130 @@
+#include "TestStore.h"
+
+#include <filesystem>
+
+using namespace korvane;
+using namespace korvane::test;
+using namespace std::chrono_literals;
+
+namespace {
+
+/// A store whose questions have been asked before.
+struct DatabaseReuse : testing::Test, TestStore {
+    std::shared_ptr<Database> database = open();
+
+    DatabaseReuse() { execute(database, "CREATE TABLE items(id INTEGER PRIMARY KEY, name TEXT)"); }
+    std::string names()
+    {
+        return value(database, "SELECT group_concat(name, ' ') AS value FROM (SELECT name FROM items ORDER BY id)");
+    }
+};
+
+struct DatabaseBatches : DatabaseReuse { };
+
+constexpr char addItem[] = "INSERT INTO items(id,name) VALUES(?,?)";
+constexpr char nameOf[] = "SELECT name AS value FROM items WHERE id=?";
+
+} // namespace
+
+TEST_F(DatabaseReuse, AQuestionThatIsAskedAgainSeesWhatWasWrittenMeanwhile)
+{
+    EXPECT_EQ(value(database, nameOf, {1.0}), "no row");
+    execute(database, addItem, {1.0, std::string("one")});
+    EXPECT_EQ(value(database, nameOf, {1.0}), "one");
+    execute(database, "ALTER TABLE items ADD COLUMN size");
+    EXPECT_EQ(value(database, nameOf, {1.0}), "one");
+    EXPECT_EQ(value(database, nameOf), "no row") << "nothing is left of the values before";
+}
+
+TEST_F(DatabaseReuse, AQuestionWhoseTableHasGoneFailsInTheWordsOfANewOne)
+{
+    EXPECT_EQ(value(database, nameOf, {1.0}), "no row");
+    execute(database, "DROP TABLE items");
+    EXPECT_EQ(outcomeOf([&] { value(database, nameOf, {1.0}); }), couldNotPrepare);
+    EXPECT_EQ(outcomeOf([&] { value(database, "SELECT ? AS value", {1.0}); }), "done");
+    EXPECT_EQ(outcomeOf([&] { value(database, "SELECT ? AS value", {1.0, 2.0}); }), couldNotBind);
+}
+
+TEST_F(DatabaseReuse, AnAnsweredQuestionHoldsNoViewOfTheFile)
+{
+    const auto reader = open(Access::readOnly);
+    EXPECT_EQ(value(reader, nameOf, {1.0}), "no row");
+    EXPECT_EQ(value(database, nameOf, {1.0}), "no row");
+    execute(database, addItem, {1.0, std::string("one")});
+    await(database->settle());
+    EXPECT_EQ(std::filesystem::file_size(file + "-wal"), 0u) << "nobody reads from the log";
+    EXPECT_EQ(value(reader, nameOf, {1.0}), "one");
+}
+
+TEST_F(DatabaseReuse, AStoppedQuestionCanBeAskedAgain)
+{
+    uptime = 0;
+    onLook = [&] { uptime += 1; };
+    EXPECT_EQ(outcomeOf([&] {
+        rows(database,
+            "SELECT count(*) AS value FROM (WITH RECURSIVE n(x) AS (SELECT 1 UNION ALL SELECT x+1 FROM n WHERE x<20000) SELECT x "
+            "FROM n)",
+            {}, 2s);
+    }),
+        tookTooLong);
+    onLook = nullptr;
+    EXPECT_EQ(value(database,
+                  "SELECT count(*) AS value FROM (WITH RECURSIVE n(x) AS (SELECT 1 UNION ALL SELECT x+1 FROM n WHERE x<20000) "
+                  "SELECT x FROM n)"),
+        "20000");
+}
+
+TEST_F(DatabaseReuse, MoreQuestionsThanAreKeptAreAllAnswered)
+{
+    for (int round = 0; round < 3; ++round)
+        for (int i = 0; i < 40; ++i)
+            EXPECT_EQ(value(database, "SELECT " + std::to_string(i) + " AS value"), std::to_string(i));
+    EXPECT_EQ(outcomeOf([&] { await(database->close()); }), "done");
+    EXPECT_FALSE(exists(file + "-wal")) << "closed for good, and the last";
+}
+
+TEST_F(DatabaseReuse, ATransactionRunsEqualStatementsEachWithItsOwnValues)
+{
+    await(database->executeTransaction({{addItem, {1.0, std::string("one")}}, {addItem, {2.0}},
+        {"DELETE FROM items WHERE id=?", {1.0}}, {addItem, {3.0, std::string("three")}}}));
+    EXPECT_EQ(
+        rows(database, "SELECT id,name FROM items ORDER BY id"), (SQLRows{{{"id", "2"}}, {{"id", "3"}, {"name", "three"}}}));
+}
+
+TEST_F(DatabaseBatches, RunInOrderInOneTransaction)
+{
+    for (const auto effort : {Database::Effort::usual, Database::Effort::large}) {
+        await(database->executeBatches({{addItem, {{1.0, std::string("one")}, {2.0, std::string("two")}}},
+                                           {"DELETE FROM items WHERE id=?", {{1.0}}}, {addItem, {{1.0, std::string("again")}}}},
+            effort));
+        EXPECT_EQ(names(), "again two");
+        EXPECT_EQ(outcomeOf([&] {
+            await(database->executeBatches({{"DELETE FROM items WHERE id=?", {{1.0}}}, {addItem, {{3.0}, {2.0}}}}, effort));
+        }),
+            couldNotSave);
+        EXPECT_EQ(names(), "again two") << "all or nothing";
+        execute(database, "DELETE FROM items");
+    }
+}
+
+TEST_F(DatabaseBatches, WithoutRowsOpenNoTransaction)
+{
+    OtherProgram other(file);
+    rows(database, "PRAGMA busy_timeout=0");
+    other.run("BEGIN IMMEDIATE");
+    EXPECT_EQ(outcomeOf([&] { await(database->executeBatches({{"no SQL at all", {}}, {addItem, {}}})); }), "done");
+    EXPECT_EQ(outcomeOf([&] { await(database->executeBatches({{"no SQL at all", {}}, {addItem, {{1.0}}}})); }), couldNotSave);
+    other.run("COMMIT");
+}
+
+TEST_F(DatabaseBatches, ALargeOneLeavesNoLongLogAndTheConnectionAsItWas)
+{
+    std::vector<Values> many;
+    for (int i = 0; i < 3000; ++i)
+        many.push_back({double(i), std::string(3000, 'x')});
+    await(database->executeBatches({{addItem, std::move(many)}}, Database::Effort::large));
+    EXPECT_EQ(std::filesystem::file_size(file + "-wal"), 0u);
+    EXPECT_EQ(rows(database, "PRAGMA cache_size").at(0).at("cache_size"), "-2000");
+    EXPECT_EQ(rows(database, "PRAGMA wal_autocheckpoint").at(0).begin()->second, "1000");
+    EXPECT_EQ(value(database, "SELECT integrity_check AS value FROM pragma_integrity_check"), "ok");
+}
