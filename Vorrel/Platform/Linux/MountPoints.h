@@ -20,12 +20,19 @@ public:
     /// Those of a table in the format of /proc/PID/mountinfo (proc(5)).
     MountPoints(std::string_view mountInfo, const IsRemovable &isRemovable);
 
+    /// These without those that `root` is or lies below: who walks a root wants what it is on.
+    MountPoints below(std::string_view root) const;
+
     /// Whether `path` is one of them. Links in the path are not followed.
     bool excludes(std::string_view path) const;
+    /// Whether one of them lies below `folder`, by its text alone.
+    bool someBelow(std::string_view folder) const;
     /// Whether `path` is one of them or lies below one, by its text alone.
     bool covers(std::string_view path) const;
 
 private:
+    MountPoints() = default;
+
     std::vector<std::string> excluded; // sorted
 };
 
