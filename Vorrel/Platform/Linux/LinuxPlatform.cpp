@@ -1,6 +1,9 @@
 #include "Vorrel/Platform/Linux/LinuxPlatform.h"
 
+#include "Vorrel/Shell/AppServices.h"
+
 #include <filesystem>
+#include <mutex>
 #include <unistd.h>
 
 namespace korvane {
@@ -12,23 +15,66 @@ constexpr std::size_t poolThreads = 4;
 
 } // namespace
 
+/// Lets walks tell the watch of the folders that they enter, for as long as there is one.
+struct LinuxPlatform::Following {
+    void entered(const std::string &folder)
+    {
+        std::shared_ptr<InotifyFileEvents> present;
+        {
+            std::scoped_lock lock(mutex);
+            present = events;
+        }
+        if (present)
+            present->entered(folder);
+    }
+    void set(std::shared_ptr<InotifyFileEvents> next)
+    {
+        std::scoped_lock lock(mutex);
+        events.swap(next);
+    }
+
+    std::mutex mutex;
+    std::shared_ptr<InotifyFileEvents> events;
+};
+
 LinuxPlatform::LinuxPlatform(Executor mainThread, std::vector<std::string> variables, std::function<std::string()> token) :
     environment(variablesOf(variables)), folders(linuxUserFolders(environment)), buses(linuxBusAddresses(environment)),
     pool(poolThreads), mainThread(std::move(mainThread)), entries(DesktopEnvironment::from(environment)),
     launcher({.pool = pool.executor(), .environment = std::move(variables), .activationToken = std::move(token)}),
     workspace(pool.executor(), launcher),
-    system(pool.executor(), workspace, LinuxSystemControl::surroundingsOf(environment, folders))
+    system(pool.executor(), workspace, LinuxSystemControl::surroundingsOf(environment, folders)),
+    following(std::make_shared<Following>()),
+    walker([following = following](const std::string &folder) { following->entered(folder); })
 {
 }
 
 LinuxPlatform::~LinuxPlatform() { join(); }
 
-void LinuxPlatform::join() { pool.join(); }
+void LinuxPlatform::join()
+{
+    following->set(nullptr);
+    eventThread.reset(); // before the pool, on which its questions run
+    pool.join();
+}
+
+void LinuxPlatform::follow()
+{
+    if (eventThread || !folders.korvane())
+        return;
+    eventThread = std::make_unique<WorkerThread>();
+    const Executor worker = eventThread->executor();
+    indexed = std::make_unique<IndexSnapshot>(worker, pool.executor(), AppServices::storePath(*folders.korvane()), clock);
+    InotifyFileEvents::Settings settings;
+    settings.skippedPrefixes = IndexPlaces::linux(folders).skippedPrefixes;
+    following->set(std::make_shared<InotifyFileEvents>(worker, clock, *indexed, std::move(settings)));
+}
 
 Platform LinuxPlatform::ports(Dialogs &dialogs, Pasteboard &pasteboard, bool watches)
 {
     if (watches && !watcher)
         watcher = std::make_unique<FolderMonitor>(mainThread);
+    if (watches)
+        follow();
     return {.mainThread = mainThread,
         .pool = pool.executor(),
         .clock = clock,
@@ -39,7 +85,10 @@ Platform LinuxPlatform::ports(Dialogs &dialogs, Pasteboard &pasteboard, bool wat
         .workspace = workspace,
         .system = system,
         .dialogs = dialogs,
-        .pasteboard = pasteboard};
+        .pasteboard = pasteboard,
+        .walker = &walker,
+        .indexPlaces = IndexPlaces::linux(folders),
+        .fileEvents = following->events.get()};
 }
 
 L10n::Places LinuxPlatform::textPlaces(const std::string &executable) const

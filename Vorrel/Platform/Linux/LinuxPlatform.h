@@ -1,8 +1,12 @@
 #pragma once
 
+#include "Support/OwnThread.h"
+#include "Vorrel/FileIndex/IndexSnapshot.h"
 #include "Vorrel/Platform/Linux/DesktopEntries.h"
 #include "Vorrel/Platform/Linux/FolderMonitor.h"
+#include "Vorrel/Platform/Linux/InotifyFileEvents.h"
 #include "Vorrel/Platform/Linux/Launcher.h"
+#include "Vorrel/Platform/Linux/LinuxDirectoryWalker.h"
 #include "Vorrel/Platform/Linux/LinuxEnvironment.h"
 #include "Vorrel/Platform/Linux/LinuxSystemControl.h"
 #include "Vorrel/Platform/Linux/LinuxWorkspace.h"
@@ -20,7 +24,7 @@ public:
     LinuxPlatform(Executor mainThread, std::vector<std::string> environment, std::function<std::string()> token = {});
     ~LinuxPlatform();
 
-    /// The ports, with the two that only a front end can serve. `folders` are watched if `watches`.
+    /// The ports, with the two that only a front end can serve. Folders are watched and the disk is followed if `watches`.
     Platform ports(Dialogs &dialogs, Pasteboard &pasteboard, bool watches);
     /// Where the tables of texts are, for a program at `executable`.
     L10n::Places textPlaces(const std::string &executable) const;
@@ -34,12 +38,20 @@ public:
     ThreadPool pool;
 
 private:
+    struct Following;
+
+    void follow();
+
     const Executor mainThread;
     DesktopEntries entries;
     DesktopLauncher launcher;
     LinuxWorkspace workspace;
     LinuxSystemControl system;
     std::unique_ptr<FolderMonitor> watcher;
+    std::shared_ptr<Following> following; ///< Shared with walks, which may hang in the system longer than this lives.
+    LinuxDirectoryWalker walker;
+    std::unique_ptr<WorkerThread> eventThread;
+    std::unique_ptr<IndexSnapshot> indexed;
 };
 
 /// The variables of this process, as "NAME=value".

@@ -1,0 +1,147 @@
+#include "Support/OwnThread.h"
+#include "WatchedDisk.h"
+
+#include <atomic>
+#include <mutex>
+#include <thread>
+
+using namespace korvane;
+using namespace korvane::test;
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+namespace {
+
+/// The watcher as the program has it: a worker of its own, walkers beside it, the main thread that starts and stops.
+struct FileEventsThreads : testing::Test {
+    MainLoop loop;
+    SystemClock clock;
+    DiskFolder disk;
+    MemoryIndex index; // asked on the worker only
+    std::mutex mutex;
+    std::set<std::string> told;
+    std::optional<WorkerThread> worker{std::in_place};
+    std::optional<InotifyFileEvents> events;
+
+    FileEventsThreads()
+    {
+        InotifyFileEvents::Settings settings;
+        settings.latency = 20ms;
+        disk.folder("root");
+        events.emplace(worker->executor(), clock, index, settings);
+    }
+
+    void start()
+    {
+        await(loop, events->start({disk / "root"}, 0, [this](Strings paths, std::uint64_t) {
+            const std::scoped_lock lock(mutex);
+            told.insert(paths.begin(), paths.end());
+        }));
+    }
+    bool isTold(const std::string &name)
+    {
+        const std::scoped_lock lock(mutex);
+        return told.contains(disk / name);
+    }
+    /// Real time passes: these tests are about threads.
+    bool comes(const std::string &name)
+    {
+        for (int i = 0; i < 2000 && !isTold(name); ++i)
+            std::this_thread::sleep_for(5ms);
+        return isTold(name);
+    }
+};
+
+} // namespace
+
+TEST_F(FileEventsThreads, WalkersAndTheReaderShareTheWatches)
+{
+    Strings folders;
+    for (int i = 0; i < 200; ++i)
+        folders.push_back("root/f" + std::to_string(i % 20) + "/g" + std::to_string(i));
+    for (const auto &folder : folders)
+        disk.folder(folder);
+    start();
+    std::atomic<bool> done = false;
+    std::vector<std::jthread> walkers;
+    for (int walker = 0; walker < 3; ++walker)
+        walkers.emplace_back([&] {
+            while (!done)
+                for (const auto &folder : folders) {
+                    events->entered(disk / fs::path(folder).parent_path());
+                    events->entered(disk / folder);
+                    events->counts();
+                }
+        });
+    for (int i = 0; i < 200; ++i) {
+        const std::string folder = "root/f" + std::to_string(i % 20);
+        fs::rename(disk / folder, disk / (folder + "-moved"));
+        disk.file(folder + "-moved/file" + std::to_string(i));
+        fs::rename(disk / (folder + "-moved"), disk / folder);
+    }
+    disk.file("root/f7/last");
+    const bool came = comes("root/f7/last");
+    done = true;
+    walkers.clear();
+    EXPECT_TRUE(came);
+    disk.file(folders.back() + "/later");
+    EXPECT_TRUE(comes(folders.back() + "/later"));
+}
+
+TEST_F(FileEventsThreads, NothingIsToldAfterAStopAndANewStartGoesOn)
+{
+    std::atomic<bool> done = false;
+    std::jthread writer([&] {
+        for (int i = 0; !done; ++i) {
+            disk.file("root/" + std::to_string(i % 50) + "/file");
+            if (i % 50 == 49)
+                fs::remove_all(disk / ("root/" + std::to_string(i % 7)));
+            std::this_thread::sleep_for(100us);
+        }
+    });
+    for (int round = 0; round < 30; ++round) {
+        start();
+        std::this_thread::sleep_for(10ms);
+        events->stop();
+        {
+            const std::scoped_lock lock(mutex);
+            told.clear();
+        }
+        std::this_thread::sleep_for(5ms);
+        const std::scoped_lock lock(mutex);
+        EXPECT_TRUE(told.empty());
+    }
+    done = true;
+    writer.join();
+    start();
+    disk.file("root/last");
+    EXPECT_TRUE(comes("root/last"));
+}
+
+TEST_F(FileEventsThreads, AWorkerThatHangsHoldsUpNeitherStopNorACancelledStart)
+{
+    std::atomic<bool> hangs = true;
+    runLater(worker->executor(), [&] {
+        while (hangs)
+            std::this_thread::sleep_for(1ms);
+    });
+    {
+        Begun<void> starting(loop, events->start({disk / "root"}, 0, [](Strings, std::uint64_t) {}));
+        loop.runUntilIdle();
+        EXPECT_FALSE(starting.done());
+        events->stop();
+        loop.runUntilIdle();
+        EXPECT_TRUE(starting.done());
+    }
+    {
+        Begun<void> starting(loop, events->start({disk / "root"}, 0, [](Strings, std::uint64_t) {}));
+        loop.runUntilIdle();
+        starting.cancel();
+        loop.runUntilIdle();
+        EXPECT_TRUE(starting.done());
+    }
+    hangs = false;
+    start();
+    disk.file("root/file");
+    EXPECT_TRUE(comes("root/file"));
+}
