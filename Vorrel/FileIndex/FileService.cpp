@@ -1,6 +1,7 @@
 #include "Vorrel/FileIndex/FileService.h"
 
 #include "Support/Text.h"
+#include "Vorrel/Shell/Formats.h"
 #include "Vorrel/Shell/L10n.h"
 
 #include <cerrno>
@@ -9,18 +10,45 @@
 
 namespace korvane {
 
-Rows FileService::results(const std::vector<IndexedFile> &files) const
+namespace {
+
+/// The part of the name behind its last point, in upper case; empty without one.
+std::string typeOf(const std::string &name)
+{
+    const auto point = name.rfind('.');
+    return point == name.npos || point == 0 ? std::string() : uppercased(name.substr(point + 1));
+}
+
+/// What it is, when it was changed, where it is.
+std::string subtitleOf(const FileRecord &record, const UserFolders &folders)
+{
+    const std::string language = L10n::languageInUse();
+    std::string subtitle;
+    if (record.isDirectory) {
+        subtitle = L10n::text("Folders");
+    } else {
+        const std::string type = displayable(typeOf(record.name));
+        subtitle = (type.empty() ? L10n::text("File") : type) + " · " + formattedByteCount(record.size, language);
+    }
+    if (record.modified)
+        subtitle += " · " + formattedDate(*record.modified, language);
+    return subtitle + " · " + displayable(folders.abbreviatingWithTilde(record.path));
+}
+
+} // namespace
+
+Rows FileService::results(const std::vector<FileRecord> &records) const
 {
     Rows rows;
-    rows.reserve(files.size());
-    for (const IndexedFile &file : files) {
+    rows.reserve(records.size());
+    for (const FileRecord &record : records) {
         rows.push_back(makeRow({
-            .id = "file:" + file.path,
-            .title = displayable(file.name),
-            .subtitle = displayable(file.path),
-            .icon = CommandIcon::file(file.path),
-            .preview = PreviewResource::file(file.path),
-            .actions = {{.id = "open", .title = L10n::key("Open"), .execute = [this, path = file.path] { return open(path); }}},
+            .id = "file:" + record.path,
+            .title = displayable(record.name),
+            .subtitle = subtitleOf(record, platform.folders),
+            .icon = CommandIcon::file(record.path),
+            .preview = PreviewResource::file(record.path),
+            .actions = {{.id = "open", .title = L10n::key("Open"), .execute = [this, path = record.path] { return open(path); }}},
         }));
     }
     return rows;

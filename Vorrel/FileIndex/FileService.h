@@ -1,7 +1,7 @@
 #pragma once
 
 #include "CommandCore/Commands.h"
-#include "Vorrel/FileIndex/FileIndexService.h"
+#include "CommandCore/IndexedFile.h"
 #include "Vorrel/Platform/Platform.h"
 
 namespace korvane {
@@ -13,7 +13,7 @@ public:
     explicit FileService(Platform platform) : platform(std::move(platform)) { }
 
     /// One row for each file, in the given order. The service must outlive the rows' actions.
-    Rows results(const std::vector<IndexedFile> &files) const;
+    Rows results(const std::vector<FileRecord> &records) const;
 
     /// Opens with the default application; "No application could open this file." when there is none.
     Task<void> open(std::string path) const;

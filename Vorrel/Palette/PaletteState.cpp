@@ -357,7 +357,7 @@ void PaletteState::searchClipboard()
 Task<void> PaletteState::fileTask(
     std::weak_ptr<PaletteState> weak, AppServices &services, Question asked, Rows base, bool filesOnly)
 {
-    std::vector<IndexedFile> files;
+    std::vector<FileRecord> files;
     std::exception_ptr failure;
     try {
         co_await services.platform.clock.sleep(fileQuiet);

@@ -4,7 +4,10 @@
 #include "Vorrel/Platform/ApplicationLauncher.h"
 #include "Vorrel/Platform/ApplicationSource.h"
 #include "Vorrel/Platform/Dialogs.h"
+#include "Vorrel/Platform/DirectoryWalker.h"
+#include "Vorrel/Platform/FileEvents.h"
 #include "Vorrel/Platform/FolderWatcher.h"
+#include "Vorrel/Platform/IndexPlaces.h"
 #include "Vorrel/Platform/Pasteboard.h"
 #include "Vorrel/Platform/SystemControl.h"
 #include "Vorrel/Platform/UserFolders.h"
@@ -25,6 +28,9 @@ struct Platform {
     SystemControl &system;
     Dialogs &dialogs;
     Pasteboard &pasteboard;
+    const DirectoryWalker *walker = nullptr; ///< Null where files are not indexed.
+    IndexPlaces indexPlaces = {};
+    FileEventWatching *fileEvents = nullptr; ///< Null where the disk is not followed.
 };
 
 } // namespace korvane

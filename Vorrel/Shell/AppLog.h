@@ -6,7 +6,7 @@
 namespace korvane {
 
 /// The program's five loggers, of the subsystem "dev.korvane.vorrel". Any thread. Logs never hold clipboard
-/// text, file paths of the user, queries or secrets.
+/// text, file paths of the user other than those of the indexed roots, queries or secrets.
 class AppLog {
 public:
     enum class Level { info, error };

@@ -1,5 +1,8 @@
 #include "Vorrel/Shell/AppServices.h"
 
+#include "Vorrel/FileIndex/DiskFileAttributes.h"
+#include "Vorrel/FileIndex/DiskFileScanner.h"
+
 #include <filesystem>
 #include <sys/stat.h>
 
@@ -7,7 +10,6 @@ namespace korvane {
 
 namespace {
 
-constexpr const char *storeName = "/korvane.sqlite";
 constexpr const char *presentVersion = "5";
 
 Database::Uptime uptimeOf(const Platform &platform)
@@ -31,6 +33,34 @@ std::shared_ptr<ApplicationService> makeApplications(const Platform &platform)
     });
 }
 
+/// A file index over the store, or one that knows no files where the platform cannot walk folders.
+std::shared_ptr<FileIndexService> makeFileIndex(const Platform &platform, std::shared_ptr<Database> database,
+    std::shared_ptr<Database> searchDatabase, DiagnosticsService *diagnostics, std::optional<std::string> lockPath)
+{
+    if (!platform.walker)
+        return nullptr;
+    auto scanner = std::make_unique<DiskFileScanner>(platform.mainThread, platform.clock, *platform.walker, platform.folders);
+    return std::make_shared<FileIndexService>(FileIndexService::Ports{
+        .mainThread = platform.mainThread,
+        .pool = platform.pool,
+        .clock = platform.clock,
+        .folders = platform.folders,
+        .places = platform.indexPlaces,
+        .database = std::move(database),
+        .searchDatabase = std::move(searchDatabase),
+        .scanner = std::move(scanner),
+        .watcher = platform.fileEvents,
+        .attributes = std::make_shared<DiskFileAttributes>(),
+        .diagnostics = diagnostics,
+        .lockPath = std::move(lockPath),
+    });
+}
+
+std::shared_ptr<FileIndex> orNoFiles(std::shared_ptr<FileIndex> given)
+{
+    return given ? std::move(given) : std::make_shared<FileIndex>();
+}
+
 template <class Service> std::unique_ptr<Service> orDefault(std::unique_ptr<Service> given)
 {
     return given ? std::move(given) : std::make_unique<Service>();
@@ -38,7 +68,7 @@ template <class Service> std::unique_ptr<Service> orDefault(std::unique_ptr<Serv
 
 } // namespace
 
-Task<std::shared_ptr<AppServices>> AppServices::create(Platform platform, std::optional<Milliseconds> patience)
+Task<std::shared_ptr<AppServices>> AppServices::create(Platform platform, std::optional<Milliseconds> patience, bool holdsIndex)
 {
     const auto folder = platform.folders.korvane();
     if (!folder)
@@ -47,17 +77,20 @@ Task<std::shared_ptr<AppServices>> AppServices::create(Platform platform, std::o
     auto makeFolder = [path = *folder](std::stop_token) { createPrivateFolder(path); };
     co_await disk.run(std::move(makeFolder));
 
-    const std::string path = *folder + storeName;
+    const std::string path = storePath(*folder);
     auto database = co_await Database::open(platform.pool, path, Database::Access::readWrite, uptimeOf(platform), patience);
     Injected injected;
     injected.searchDatabase = co_await Database::open(platform.pool, path, Database::Access::readOnly, uptimeOf(platform));
+    // Without diagnostics: what is searched and what fails there never reaches a report.
+    auto lock = holdsIndex ? std::nullopt : indexLock(platform.folders);
+    injected.fileIndex = makeFileIndex(platform, database, injected.searchDatabase, nullptr, std::move(lock));
     co_return std::make_shared<AppServices>(std::move(platform), std::move(database), std::move(injected));
 }
 
 Task<std::shared_ptr<AppServices>> AppServices::createForReading(Platform platform)
 {
     const auto folder = platform.folders.korvane();
-    const std::string path = folder ? *folder + storeName : std::string();
+    const std::string path = folder ? storePath(*folder) : std::string();
     Actor disk(platform.pool);
     auto look = [path](std::stop_token) { return !path.empty() && std::filesystem::exists(path); };
     const bool exists = co_await disk.run(std::move(look));
@@ -71,7 +104,20 @@ Task<std::shared_ptr<AppServices>> AppServices::createForReading(Platform platfo
         co_await store->close();
         co_return co_await create(std::move(platform));
     }
-    co_return std::make_shared<AppServices>(std::move(platform), std::move(store), Injected());
+    Injected injected;
+    if (const auto index = makeFileIndex(platform, store, nullptr, nullptr, {})) {
+        co_await index->readRoots();
+        injected.fileIndex = index;
+    }
+    co_return std::make_shared<AppServices>(std::move(platform), std::move(store), std::move(injected));
+}
+
+std::string AppServices::storePath(const std::string &folder) { return folder + "/korvane.sqlite"; }
+
+std::optional<std::string> AppServices::indexLock(const UserFolders &folders)
+{
+    const auto folder = folders.korvane();
+    return folder ? std::optional(*folder + "/korvane.index.lock") : std::nullopt;
 }
 
 void AppServices::createPrivateFolder(const std::string &path)
@@ -88,7 +134,9 @@ AppServices::AppServices(Platform given, std::shared_ptr<Database> store, Inject
     searchDatabase(injected.searchDatabase ? std::move(injected.searchDatabase) : database),
     applications(makeApplications(platform)), system(platform), files(platform), permissions(platform.dialogs),
     clipboard(orDefault(std::move(injected.clipboard))), usage(database, platform.clock), settings(database),
-    quicklinks(database), appLaunches(database, platform.clock), fileIndex(orDefault(std::move(injected.fileIndex))),
+    quicklinks(database), appLaunches(database, platform.clock),
+    fileIndex(orNoFiles(
+        injected.fileIndex ? std::move(injected.fileIndex) : makeFileIndex(platform, database, nullptr, &diagnostics, {}))),
     shortcuts(orDefault(std::move(injected.shortcuts))), lazyAgents(std::move(injected.agents))
 {
 }

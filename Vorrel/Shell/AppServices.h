@@ -2,6 +2,7 @@
 
 #include "Vorrel/AI/AgentStore.h"
 #include "Vorrel/AI/NativeTools.h"
+#include "Vorrel/FileIndex/FileIndexService.h"
 #include "Vorrel/FileIndex/FileService.h"
 #include "Vorrel/Launch/ApplicationService.h"
 #include "Vorrel/Launch/ClipboardService.h"
@@ -22,17 +23,28 @@ public:
     /// Creates the data folder (owner only), opens the store off the main thread with its migrations, then a
     /// read-only connection for searches, and wires everything. Throws the store's errors, and
     /// `database` "Could not open the local database." when there is no data folder.
-    /// `patience` is how long a write waits for a lock of another process; the store's own time without it.
-    static Task<std::shared_ptr<AppServices>> create(Platform platform, std::optional<Milliseconds> patience = {});
+    /// `patience` is how long a write waits for a lock of another process; the store's own time without it. The file
+    /// index takes its lock when it starts, unless the caller `holdsIndex` already.
+    static Task<std::shared_ptr<AppServices>> create(
+        Platform platform, std::optional<Milliseconds> patience = {}, bool holdsIndex = false);
 
     /// The same services for a process that only reads, beside a running one: over a read-only connection to an
     /// up-to-date store, over an empty one in memory where there is no store yet. A store of an earlier
     /// version is brought up to date first.
     static Task<std::shared_ptr<AppServices>> createForReading(Platform platform);
 
-    /// What a host may replace. The defaults know no files and no shortcuts.
+    /// Creates the program's folder, for the user alone, with the folders above it. Blocks. Throws `database` "Could not
+    /// open the local database."
+    static void createPrivateFolder(const std::string &path);
+    /// The store in the program's folder.
+    static std::string storePath(const std::string &folder);
+    /// The file by which one process at a time works on the file index; nothing without a data folder.
+    static std::optional<std::string> indexLock(const UserFolders &folders);
+
+    /// What a host may replace. Without a file index one over `database` alone is made, where the platform can walk
+    /// folders. The other defaults know no clipboard, shortcuts and agents.
     struct Injected {
-        std::unique_ptr<FileIndexService> fileIndex = {};
+        std::shared_ptr<FileIndex> fileIndex = {};
         std::unique_ptr<ShortcutsService> shortcuts = {};
         std::unique_ptr<ClipboardService> clipboard = {};
         std::unique_ptr<AgentStore> agents = {};
@@ -60,12 +72,10 @@ public:
     SettingsRepository settings;
     QuicklinkRepository quicklinks;
     AppLaunchRepository appLaunches;
-    const std::unique_ptr<FileIndexService> fileIndex;
+    const std::shared_ptr<FileIndex> fileIndex;
     const std::unique_ptr<ShortcutsService> shortcuts;
 
 private:
-    static void createPrivateFolder(const std::string &path);
-
     std::unique_ptr<ToolRegistry> lazyTools;
     std::unique_ptr<MCPManager> lazyMcp;
     std::unique_ptr<SettingsState> lazyPreferences;

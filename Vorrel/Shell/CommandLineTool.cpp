@@ -1,7 +1,14 @@
 #include "Vorrel/Shell/CommandLineTool.h"
 
 #include "CommandCore/Calculator.h"
+#include "CommandCore/FileSearchQuery.h"
 #include "Support/Text.h"
+
+#include "Support/Base64.h"
+#include "Support/FileLock.h"
+#include "Vorrel/Shell/Formats.h"
+#include "Vorrel/Shell/L10n.h"
+#include "Vorrel/Shell/SingleInstanceLock.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -17,6 +24,14 @@ constexpr std::string_view usage = R"(Usage: korvanectl COMMAND [ARGUMENTS] [--j
                             the rows that the palette shows for TEXT
   run ID [ACTION]           runs a row's action, its first one without ACTION
   apps                      installed applications: name, identifier, path
+  query TEXT                the canonical text of a file search
+  files TEXT [--in DIR] [--limit N]
+                            paths of files, best first; at most 100
+  index status              number of files and of roots, and whether Korvane runs
+  index roots               the indexed folders: identifier, path
+  index add DIR             indexes a folder, too
+  index remove ID           forgets one
+  index rebuild             scans them all anew
 
   --json      lists as a JSON array of objects
   --yes       gives the consent that an action asks for
@@ -28,6 +43,8 @@ Exit status: 0 done, 1 no or failed (one sentence on standard error), 2 wrong us
 )";
 
 constexpr Milliseconds writeWait{30'000};
+constexpr long long filesLimit = 100; // what a search gives
+constexpr double secondsBetweenProgress = 0.2;
 
 std::string_view nameOf(ResultKind kind)
 {
@@ -75,6 +92,8 @@ SearchCategory categoryNamed(const std::string &name)
     return SearchCategory::all;
 }
 
+bool takesValue(const std::string &option) { return option == "--category" || option == "--in" || option == "--limit"; }
+
 /// A sentence for standard error and exit status 1; without a sentence nothing is printed.
 struct Refusal {
     std::optional<std::string> sentence;
@@ -107,10 +126,10 @@ CommandLineTool::Line CommandLineTool::parse(std::span<const std::string> argume
             line.help = true;
         } else if (word == "--version") {
             line.version = true;
-        } else if (word == "--category" && i + 1 < arguments.size()) {
-            line.category = arguments[++i];
-        } else if (word.starts_with("--category=")) {
-            line.category = word.substr(std::string_view("--category=").size());
+        } else if (const auto equals = word.find('='); equals != word.npos && takesValue(word.substr(0, equals))) {
+            line.values.insert_or_assign(word.substr(0, equals), word.substr(equals + 1));
+        } else if (takesValue(word) && i + 1 < arguments.size()) {
+            line.values.insert_or_assign(word, arguments[++i]);
         } else {
             throw UsageError("There is no option " + word + " here.");
         }
@@ -150,13 +169,16 @@ int CommandLineTool::dispatch(const Line &line)
     const struct {
         std::string_view name;
         std::size_t fewest, most; // words behind the name
-        bool takesCategory;
+        std::vector<std::string_view> options; // with a value
         int (CommandLineTool::*run)(const Line &);
     } commands[] = {
-        {"calc", 1, 1, false, &CommandLineTool::calculate},
-        {"search", 1, 1, true, &CommandLineTool::searchRows},
-        {"run", 1, 2, false, &CommandLineTool::runRow},
-        {"apps", 0, 0, false, &CommandLineTool::listApplications},
+        {"calc", 1, 1, {}, &CommandLineTool::calculate},
+        {"search", 1, 1, {"--category"}, &CommandLineTool::searchRows},
+        {"run", 1, 2, {}, &CommandLineTool::runRow},
+        {"apps", 0, 0, {}, &CommandLineTool::listApplications},
+        {"query", 1, 1, {}, &CommandLineTool::writeQuery},
+        {"files", 1, 1, {"--in", "--limit"}, &CommandLineTool::findFiles},
+        {"index", 1, 2, {}, &CommandLineTool::index},
     };
     if (line.words.empty())
         throw UsageError("A command is missing.");
@@ -164,7 +186,9 @@ int CommandLineTool::dispatch(const Line &line)
         if (line.words[0] != command.name)
             continue;
         const std::size_t words = line.words.size() - 1;
-        if (words < command.fewest || words > command.most || (line.category && !command.takesCategory))
+        const bool strange = std::ranges::any_of(line.values,
+            [&command](const auto &option) { return std::ranges::find(command.options, option.first) == command.options.end(); });
+        if (words < command.fewest || words > command.most || strange)
             throw UsageError("These are not the arguments of " + line.words[0] + ".");
         return (this->*command.run)(line);
     }
@@ -195,7 +219,8 @@ int CommandLineTool::listApplications(const Line &line)
 
 int CommandLineTool::searchRows(const Line &line)
 {
-    const std::string category = line.category.value_or("all");
+    const auto given = line.values.find("--category");
+    const std::string category = given == line.values.end() ? "all" : given->second;
     if (category != "all" && categoryNamed(category) == SearchCategory::all)
         throw UsageError("The category is one of all, applications, files, shortcuts.");
     const auto services = wait(openServices(Use::Read));
@@ -224,8 +249,7 @@ Row CommandLineTool::rowFor(PaletteState &state, const std::string &id) const
     if (!id.starts_with(files))
         return nullptr;
     const std::string path = id.substr(files.size());
-    const IndexedFile file{.path = path, .name = std::filesystem::path(path).filename().string()};
-    return state.services.files.results({file}).front();
+    return state.services.files.results({FileRecord{.name = lastPathComponent(path), .path = path}}).front();
 }
 
 int CommandLineTool::runRow(const Line &line)
@@ -254,6 +278,173 @@ int CommandLineTool::runRow(const Line &line)
         throw Refusal{*state->error()};
     wait(services->database->close());
     return 0;
+}
+
+// Files
+
+int CommandLineTool::writeQuery(const Line &line)
+{
+    const std::string text = FileSearchQuery(line.words[1]).text();
+    host.out((line.json ? JSONValue(JSONValue::Array{JSONValue::Object{{"query", text}}}).encodedString() : text) + "\n");
+    return 0;
+}
+
+int CommandLineTool::findFiles(const Line &line)
+{
+    std::optional<std::string> directory;
+    if (const auto in = line.values.find("--in"); in != line.values.end())
+        directory = absolute(in->second);
+    std::size_t limit = filesLimit;
+    if (const auto given = line.values.find("--limit"); given != line.values.end()) {
+        const auto number = integerFrom(given->second);
+        if (!number || *number < 1)
+            throw UsageError("The limit is a number from 1 to 100.");
+        limit = std::size_t(std::min<long long>(*number, filesLimit));
+    }
+    const auto services = wait(openServices(Use::Read));
+    auto found = wait(services->fileIndex->search(line.words[1], directory));
+    found.resize(std::min(found.size(), limit));
+    Table table;
+    for (const FileRecord &record : found) {
+        table.plain.push_back({record.path});
+        table.json.push_back(record.json());
+    }
+    print(table, line.json);
+    return 0;
+}
+
+std::string CommandLineTool::absolute(const std::string &path) const
+{
+    const std::string expanded = host.platform.folders.expandingTilde(path);
+    std::string whole = (std::filesystem::path(host.workingDirectory) / expanded).lexically_normal().string();
+    if (whole.size() > 1 && whole.ends_with('/'))
+        whole.pop_back();
+    return whole;
+}
+
+int CommandLineTool::index(const Line &line)
+{
+    const std::string &what = line.words[1];
+    const bool hasArgument = line.words.size() == 3;
+    if (what == "status" && !hasArgument)
+        return showIndexStatus(line);
+    if (what == "roots" && !hasArgument)
+        return showIndexRoots(line);
+    if (what == "add" && hasArgument)
+        return addIndexRoot(absolute(line.words[2]));
+    if (what == "remove" && hasArgument)
+        return removeIndexRoot(line.words[2]);
+    if (what == "rebuild" && !hasArgument)
+        return changeIndex([](FileIndex &index) {
+            if (!index.isScanning()) // an empty index is scanned as soon as it starts
+                index.rebuild();
+        });
+    throw UsageError("These are not the arguments of index.");
+}
+
+int CommandLineTool::showIndexStatus(const Line &line)
+{
+    const auto services = wait(openServices(Use::Read));
+    const FileIndexRepository repository(services->database, host.platform.folders, host.platform.clock);
+    const long long files = wait(repository.count());
+    const auto roots = std::ssize(wait(repository.roots()));
+    const bool running = SingleInstanceLock::isHeld(host.platform.folders);
+    if (line.json) {
+        const JSONValue::Object status{{"files", double(files)}, {"roots", double(roots)}, {"running", running}};
+        host.out(JSONValue(JSONValue::Array{status}).encodedString() + "\n");
+        return 0;
+    }
+    Table table;
+    table.plain = {{"files", std::to_string(files)}, {"roots", std::to_string(roots)}, {"running", running ? "yes" : "no"}};
+    print(table, false);
+    return 0;
+}
+
+int CommandLineTool::showIndexRoots(const Line &line)
+{
+    const auto services = wait(openServices(Use::Read));
+    const FileIndexRepository repository(services->database, host.platform.folders, host.platform.clock);
+    Table table;
+    for (const IndexRoot &root : wait(repository.roots())) {
+        JSONValue::Object object{{"id", root.id}, {"path", displayable(root.path)}};
+        if (!isValidUTF8(root.path))
+            object.emplace("pathBytes", base64(root.path));
+        table.plain.push_back({root.id, root.path});
+        table.json.emplace_back(std::move(object));
+    }
+    print(table, line.json);
+    return 0;
+}
+
+int CommandLineTool::addIndexRoot(const std::string &folder)
+{
+    std::error_code failure;
+    if (!std::filesystem::is_directory(folder, failure))
+        throw Refusal{"There is no folder " + folder + "."};
+    return changeIndex([&folder](FileIndex &index) { index.addRoot(folder); });
+}
+
+int CommandLineTool::removeIndexRoot(const std::string &id)
+{
+    return changeIndex([&id](FileIndex &index) {
+        if (std::ranges::find(index.roots().get(), id, &IndexRoot::id) == index.roots()->end())
+            throw Refusal{"There is no root with the identifier " + id + "."};
+        index.removeRoot(id);
+    });
+}
+
+/// Starts the index, which brings the default roots where there are none, changes it, and waits until it is done. No
+/// other process touches the index meanwhile: a Korvane that starts waits for the lock.
+int CommandLineTool::changeIndex(const std::function<void(FileIndex &)> &change)
+{
+    if (!host.platform.walker)
+        throw Refusal{"Files are not indexed here."};
+    std::optional<FileLock> lock;
+    if (const auto path = AppServices::indexLock(host.platform.folders)) {
+        AppServices::createPrivateFolder(*host.platform.folders.korvane());
+        FileLock::Failure failure{};
+        lock = FileLock::tryTake(*path, &failure);
+        if (SingleInstanceLock::isHeld(host.platform.folders))
+            throw Refusal{"Korvane runs and keeps the index itself. Quit it first."};
+        if (!lock && failure == FileLock::Failure::taken)
+            throw Refusal{"Another program works on the index. Try again when it has ended."};
+    }
+    const auto services = wait(AppServices::create(host.platform, writeWait, true));
+    FileIndex &index = *services->fileIndex;
+    wait(index.start());
+    if (!index.problem())
+        change(index);
+    finishIndex(index);
+    const auto problem = index.problem();
+    wait(index.stop());
+    wait(services->database->close());
+    if (problem)
+        throw Refusal{problem};
+    return 0;
+}
+
+void CommandLineTool::finishIndex(const FileIndex &index)
+{
+    const double began = host.platform.clock.uptime();
+    double shown = began;
+    host.loop.runUntil([&] {
+        if (const double now = host.platform.clock.uptime(); host.progress && now - shown > secondsBetweenProgress) {
+            shown = now;
+            showProgress(index, began);
+        }
+        return !index.busy();
+    });
+    if (host.progress)
+        host.progress("");
+}
+
+void CommandLineTool::showProgress(const FileIndex &index, double began)
+{
+    const std::string language = L10n::languageInUse();
+    const double seconds = host.platform.clock.uptime() - began;
+    const auto rate = (long long)(double(index.scannedCount()) / std::max(seconds, 0.001));
+    host.progress(formattedCount(index.scannedCount(), language) + " · " + formattedCount(rate, language) + "/s · "
+        + displayable(index.scannedRoot()));
 }
 
 void CommandLineTool::print(const Table &table, bool json) const

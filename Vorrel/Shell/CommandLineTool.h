@@ -3,6 +3,7 @@
 #include "Support/MainLoop.h"
 #include "Vorrel/Palette/PaletteState.h"
 
+#include <map>
 #include <span>
 
 namespace korvane {
@@ -20,6 +21,9 @@ public:
         std::function<void(std::string_view)> out, err;
         /// Told before anything runs whether consent was given on the command line.
         std::function<void(bool yes)> consent;
+        std::string workingDirectory = {}; ///< What relative folders on a command line are relative to.
+        /// Shows a line of progress in place of the last one, an empty one when all is done; null without a terminal.
+        std::function<void(std::string_view)> progress = {};
     };
 
     explicit CommandLineTool(Host host) : host(std::move(host)) { }
@@ -31,7 +35,7 @@ private:
     /// A command line taken apart.
     struct Line {
         std::vector<std::string> words;
-        std::optional<std::string> category;
+        std::map<std::string, std::string, std::less<>> values; ///< Options that have a value, by their name.
         bool json = false, yes = false, help = false, version = false;
     };
     /// One list, for both ways of printing.
@@ -48,6 +52,19 @@ private:
     int listApplications(const Line &line);
     int searchRows(const Line &line);
     int runRow(const Line &line);
+    int writeQuery(const Line &line);
+    int findFiles(const Line &line);
+    int index(const Line &line);
+
+    // The index
+    int showIndexStatus(const Line &line);
+    int showIndexRoots(const Line &line);
+    int changeIndex(const std::function<void(FileIndex &)> &change);
+    int addIndexRoot(const std::string &folder);
+    int removeIndexRoot(const std::string &id);
+    void finishIndex(const FileIndex &index);
+    void showProgress(const FileIndex &index, double began);
+    std::string absolute(const std::string &path) const;
 
     void print(const Table &table, bool json) const;
     Task<std::shared_ptr<AppServices>> openServices(Use use);

@@ -3,8 +3,12 @@
 #include "Vorrel/Shell/AppLog.h"
 #include "Vorrel/Shell/CommandLineTool.h"
 
+#include "Support/Text.h"
+
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
+#include <filesystem>
 #include <iostream>
 #include <unistd.h>
 
@@ -38,6 +42,23 @@ void write(std::FILE *stream, std::string_view text)
     std::fflush(stream);
 }
 
+/// One line that is written over and over, cut to what fits.
+void showProgress(std::string_view line)
+{
+    constexpr std::size_t width = 79;
+    const std::vector<std::string_view> shown = characters(line);
+    std::string text = "\r\033[K";
+    for (std::size_t i = 0; i < std::min(shown.size(), width); ++i)
+        text += shown[i];
+    write(stderr, text);
+}
+
+std::string workingDirectory()
+{
+    std::error_code failure;
+    return std::filesystem::current_path(failure).string();
+}
+
 } // namespace
 
 int main(int count, char **words)
@@ -54,7 +75,9 @@ int main(int count, char **words)
             .platform = system.ports(dialogs, pasteboard, false),
             .out = [](std::string_view text) { write(stdout, text); },
             .err = [](std::string_view text) { write(stderr, text); },
-            .consent = [&](bool yes) { dialogs.yes = yes; }});
+            .consent = [&](bool yes) { dialogs.yes = yes; },
+            .workingDirectory = workingDirectory(),
+            .progress = ::isatty(STDERR_FILENO) ? std::function<void(std::string_view)>(showProgress) : nullptr});
         const std::vector<std::string> arguments(words + std::min(count, 1), words + count);
         status = tool.run(arguments);
         loop.shutDown();

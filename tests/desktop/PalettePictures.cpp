@@ -25,13 +25,9 @@ CommandResultFields builtIn(std::string id, std::string title, std::string symbo
         .icon = CommandIcon::symbol(std::move(symbol))};
 }
 
-Row fileRow(const std::string &path)
+FileRecord record(const std::string &path, long long size, double modified, bool isDirectory = false)
 {
-    return makeRow({.id = "file:" + path,
-        .title = path.substr(path.rfind('/') + 1),
-        .subtitle = path.substr(0, path.rfind('/')),
-        .icon = CommandIcon::file(path),
-        .actions = {{.id = "open", .title = "Open"}}});
+    return {.name = lastPathComponent(path), .path = path, .isDirectory = isDirectory, .size = size, .modified = modified};
 }
 
 Rows applications(Scene &scene)
@@ -51,12 +47,18 @@ Rows commands()
         makeRow(builtIn("system:trash", "Empty Trash", "trash")), makeRow(builtIn("system:sleep", "Sleep", "moon"))};
 }
 
-Rows files()
+Rows files(Scene &scene)
 {
-    return {fileRow("/home/ada/Documents/Research/2026/Field notes/Final report of the first expedition.pdf"),
-        fileRow("/home/ada/Pictures/Holidays/A much longer folder name that nobody would type twice/Another level/And one "
-                "more/fjord at dawn.jpg"),
-        fileRow("/home/ada/项目/第四季度财务报告（最终版）.xlsx"), fileRow("/home/ada/Music/Field recordings/First rain.flac")};
+    return scene.services->files.results({
+        record(
+            "/home/ada/Documents/Research/2026/Field notes/Final report of the first expedition.pdf", 2'483'112, 1'771'412'580),
+        record("/home/ada/Pictures/Holidays/A much longer folder name that nobody would type twice/Another level/And one "
+               "more/fjord at dawn.jpg",
+            5'120'400, 1'752'050'040),
+        record("/home/ada/Projects/Field reports", 0, 1'769'990'000, true),
+        record("/home/ada/项目/第四季度财务报告（最终版）.xlsx", 48'230, 1'735'660'800),
+        record("/home/ada/Music/Field recordings/First rain.flac", 31'457'280, 1'690'300'000),
+    });
 }
 
 Rows joined(std::initializer_list<Rows> parts)
@@ -102,7 +104,7 @@ const struct {
     {"query",
         [](Scene &scene) {
             scene.palette()._query = "fi";
-            scene.palette()._results = joined({applications(scene), files()});
+            scene.palette()._results = joined({applications(scene), files(scene)});
         }},
     {"calculator",
         [](Scene &scene) {
@@ -116,8 +118,9 @@ const struct {
     {"files",
         [](Scene &scene) {
             scene.palette()._mode = PaletteState::Mode::files;
+            scene.palette()._category = SearchCategory::files;
             scene.palette()._query = "report";
-            scene.palette()._results = files();
+            scene.palette()._results = files(scene);
             scene.palette()._selection = 1;
             scene.palette()._searchingFiles = true;
         }},
@@ -128,7 +131,7 @@ const struct {
         }},
     {"error",
         [](Scene &scene) {
-            scene.palette()._results = joined({files(), commands()});
+            scene.palette()._results = joined({files(scene), commands()});
             scene.palette()._error =
                 "Korvane cannot read this file. Review Files & Folders access in System Settings, then retry.";
             scene.palette()._errorRecovery = {.rerunAction = true, .openAccessSettings = true};
@@ -162,6 +165,23 @@ const struct {
         [](Scene &scene) {
             scene.palette()._argumentTarget = scene.application("Visual Studio Code", "code", "");
             scene.palette()._results = Rows();
+        }},
+    {"filefilters",
+        [](Scene &scene) {
+            scene.palette()._mode = PaletteState::Mode::files;
+            scene.palette()._category = SearchCategory::files;
+            scene.palette()._query = "field path:/home/ada kind:document sort:modified";
+            Rows rows = files(scene);
+            rows.erase(rows.begin() + 1, rows.begin() + 3);
+            scene.palette()._results = rows;
+        }},
+    {"fileerror",
+        [](Scene &scene) {
+            scene.palette()._mode = PaletteState::Mode::files;
+            scene.palette()._category = SearchCategory::files;
+            scene.palette()._query = "report path:/mnt/archive";
+            scene.palette()._results = Rows();
+            scene.palette()._error = "This folder is not indexed. Add it in Settings → File Index.";
         }},
     {"searching",
         [](Scene &scene) {
@@ -221,6 +241,7 @@ void useLanguage(const QString &language)
 
 int main(int argc, char **argv)
 {
+    qputenv("TZ", "UTC");
     QApplication application(argc, argv);
     if (argc < 2) {
         std::fputs("korvane_pictures FOLDER [PART OF A NAME]\n", stderr);

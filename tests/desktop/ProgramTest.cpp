@@ -303,6 +303,41 @@ TEST(Program, EscapeHidesAndTheNextShowingBeginsEmpty)
     EXPECT_TRUE(disappears(program));
 }
 
+TEST(Program, AFileIsFoundWhetherItCameWhileTheProgramRanOrWhileItWasAway)
+{
+    const fs::path home = ::getenv("HOME");
+    const auto finds = [](const std::string &text, const fs::path &path) {
+        return soon(
+            [&] { return output(std::string(KORVANE_BINARIES) + "/korvanectl files " + text) == path.string() + "\n"; }, 20s);
+    };
+    fs::create_directories(home / "Letters");
+    std::ofstream(home / "Letters/zebraletter one.txt") << "Dear Zebra";
+    {
+        Program program({korvane});
+        ASSERT_TRUE(program.ready());
+        EXPECT_TRUE(finds("'zebraletter one'", home / "Letters/zebraletter one.txt")) << program.said();
+        std::ofstream(home / "Letters/zebraletter two.txt") << "Yours, Giraffe";
+        EXPECT_TRUE(finds("'zebraletter two'", home / "Letters/zebraletter two.txt")) << program.said();
+        program.signal(SIGKILL);
+        ASSERT_TRUE(soon([&] { return program.exitStatus().has_value(); }));
+    }
+    fs::rename(home / "Letters", home / "Old letters");
+    Program program({korvane});
+    ASSERT_TRUE(program.ready());
+    EXPECT_TRUE(finds("'zebraletter one'", home / "Old letters/zebraletter one.txt")) << program.said();
+    EXPECT_TRUE(finds("'zebraletter two'", home / "Old letters/zebraletter two.txt"));
+    EXPECT_FALSE(program.says("File index scan started")) << "no scan was needed";
+    EXPECT_EQ(output("(" + std::string(KORVANE_BINARIES) + "/korvanectl index rebuild 2>&1)"),
+        "Korvane runs and keeps the index itself. Quit it first.\n");
+}
+
+TEST(Program, TheFlagForTheIndexScansEveryRootAnew)
+{
+    Program program({korvane, "--rebuild-index"});
+    ASSERT_TRUE(program.ready());
+    EXPECT_TRUE(soon([&] { return program.says("File index scan completed"); }, 20s));
+}
+
 TEST(Program, ACopyMadeByTheCompanionStaysOfferedAfterItHasEnded)
 {
     // The companion has no command that copies yet; the clipboard's own process is exercised through xclip's eyes.

@@ -6,28 +6,29 @@
 
 namespace korvane::test {
 
-IndexedFile indexedFile(std::string path)
+FileRecord fileRecord(std::string path)
 {
     const auto slash = path.rfind('/');
-    return {.path = path, .name = path.substr(slash + 1)};
+    return {.name = path.substr(slash + 1), .path = path};
 }
 
-Task<std::vector<IndexedFile>> ScriptedIndex::search(std::string query, std::optional<std::string>)
+Task<std::vector<FileRecord>> ScriptedIndex::search(std::string query, std::optional<std::string>)
 {
     queries.push_back(query);
     if (holds) {
-        std::function<void(Continuation<std::vector<IndexedFile>>)> begin =
-            [this](Continuation<std::vector<IndexedFile>> answer) { waiting.push_back(std::move(answer)); };
-        co_return co_await suspend<std::vector<IndexedFile>>(std::move(begin));
+        std::function<void(Continuation<std::vector<FileRecord>>)> begin = [this](Continuation<std::vector<FileRecord>> answer) {
+            waiting.push_back(std::move(answer));
+        };
+        co_return co_await suspend<std::vector<FileRecord>>(std::move(begin));
     }
-    std::vector<IndexedFile> found;
-    for (const IndexedFile &file : files)
+    std::vector<FileRecord> found;
+    for (const FileRecord &file : files)
         if (containsFolded(file.name, query))
             found.push_back(file);
     co_return found;
 }
 
-void ScriptedIndex::answer(std::vector<IndexedFile> files)
+void ScriptedIndex::answer(std::vector<FileRecord> files)
 {
     ASSERT_FALSE(waiting.empty()) << "no file search waits";
     const auto oldest = waiting.front();
@@ -104,7 +105,7 @@ TestPalette &TestPalette::command(std::string title, CommandResultFields fields)
 
 TestPalette &TestPalette::file(std::string path)
 {
-    index->files.push_back(indexedFile(std::move(path)));
+    index->files.push_back(fileRecord(std::move(path)));
     return *this;
 }
 

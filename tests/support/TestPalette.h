@@ -8,16 +8,16 @@
 namespace korvane::test {
 
 /// Answers file searches when and how the test says.
-class ScriptedIndex final : public FileIndexService {
+class ScriptedIndex final : public FileIndex {
 public:
-    Task<std::vector<IndexedFile>> search(std::string query, std::optional<std::string> directory) override;
+    Task<std::vector<FileRecord>> search(std::string query, std::optional<std::string> directory) override;
 
     /// Answers the oldest search that waits.
-    void answer(std::vector<IndexedFile> files);
+    void answer(std::vector<FileRecord> files);
     void fail(std::exception_ptr error);
 
     Strings queries; ///< Every query that arrived.
-    std::vector<IndexedFile> files; ///< What a search finds at once, by a plain containment test of its name.
+    std::vector<FileRecord> files; ///< What a search finds at once, by a plain containment test of its name.
     bool holds = false; ///< Searches wait for `answer` or `fail`.
     bool stopped = false;
     Task<void> stop() override
@@ -27,7 +27,7 @@ public:
     }
 
 private:
-    std::vector<Continuation<std::vector<IndexedFile>>> waiting;
+    std::vector<Continuation<std::vector<FileRecord>>> waiting;
 };
 
 /// Answers clipboard searches with set rows, or fails.
@@ -122,6 +122,6 @@ public:
 };
 
 /// A record as the index gives it.
-IndexedFile indexedFile(std::string path);
+FileRecord fileRecord(std::string path);
 
 } // namespace korvane::test

@@ -114,11 +114,11 @@ TEST(PaletteQuery, AFileAnswerToAnOlderQueryIsDropped)
     palette.type("new");
     palette.wait(80ms);
     EXPECT_EQ(palette.index->queries, (Strings{"old", "new"}));
-    palette.index->answer({indexedFile("/old")});
+    palette.index->answer({fileRecord("/old")});
     palette.settle();
     EXPECT_TRUE(palette.titles().empty());
     EXPECT_TRUE(palette.state->searchingFiles()) << "the new query still runs";
-    palette.index->answer({indexedFile("/new")});
+    palette.index->answer({fileRecord("/new")});
     palette.settle();
     EXPECT_EQ(palette.titles(), Strings{"new"});
 }
@@ -131,11 +131,11 @@ TEST(PaletteQuery, AFileAnswerIsDroppedWhenTheSameTextWasTypedAnewAndIsShownOnce
     palette.wait(80ms);
     palette.type("ab");
     palette.type("a");
-    palette.index->answer({indexedFile("/first")});
+    palette.index->answer({fileRecord("/first")});
     palette.settle();
     EXPECT_TRUE(palette.titles().empty()) << "the cancelled task does not answer for the new one";
     palette.wait(80ms);
-    palette.index->answer({indexedFile("/second")});
+    palette.index->answer({fileRecord("/second")});
     palette.settle();
     EXPECT_EQ(palette.titles(), Strings{"second"});
 }
@@ -179,7 +179,7 @@ TEST(PaletteQuery, AFileAnswerThatArrivesInAChildListIsDropped)
     palette.wait(80ms);
     palette.run();
     EXPECT_EQ(palette.titles(), Strings{"Editor"});
-    palette.index->answer({indexedFile("/notes.txt")});
+    palette.index->answer({fileRecord("/notes.txt")});
     palette.settle();
     EXPECT_EQ(palette.titles(), Strings{"Editor"});
 }
@@ -192,7 +192,7 @@ TEST(PaletteQuery, AFileAnswerThatArrivesInArgumentInputIsDropped)
     palette.type("edit");
     palette.wait(80ms);
     palette.state->beginArguments();
-    palette.index->answer({indexedFile("/edit.txt")});
+    palette.index->answer({fileRecord("/edit.txt")});
     palette.settle();
     EXPECT_TRUE(palette.titles().empty());
 }
@@ -205,7 +205,7 @@ TEST(PaletteQuery, AnAnswerAfterTheSessionHasEndedChangesNothing)
     palette.wait(80ms);
     palette.state->cancelWork();
     EXPECT_FALSE(palette.state->searchingFiles());
-    palette.index->answer({indexedFile("/a")});
+    palette.index->answer({fileRecord("/a")});
     palette.settle();
     EXPECT_TRUE(palette.titles().empty());
 }

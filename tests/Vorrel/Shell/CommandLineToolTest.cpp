@@ -1,85 +1,9 @@
-#include "tests/support/Await.h"
-#include "tests/support/HeadlessDesktop.h"
-
-#include "Vorrel/Shell/CommandLineTool.h"
-
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <fstream>
-#include <unistd.h>
+#include "TestTool.h"
 
 using namespace korvane;
 using namespace korvane::test;
 
-namespace {
-
-/// Dialogs as the terminal's: yes or no, by the command line.
-struct ConsentingDialogs final : Dialogs {
-    Task<bool> confirm(std::string, std::string) override { co_return yes; }
-    Task<void> failure(std::string, std::string) override { co_return; }
-    Task<std::optional<std::vector<std::string>>> choose(Choice) override { co_return std::nullopt; }
-    bool yes = false;
-};
-
-/// Runs command lines over a desktop in memory with two real application folders below a temporary root.
-/// Time is the machine's: the tool waits for its own debounce.
-struct TestTool : testing::Test {
-    TestTool()
-    {
-        std::string pattern = std::filesystem::temp_directory_path() / "korvane-tool-XXXXXX";
-        root = ::mkdtemp(pattern.data());
-        desktop.emplace(Strings{root});
-        application("Editor", "org.example.editor");
-        application("Tab\tName", "org.example.tab");
-        desktop->folders.home = root;
-        desktop->folders.data = root + "/data";
-    }
-    ~TestTool() override
-    {
-        desktop->loop.shutDown();
-        std::filesystem::remove_all(root);
-    }
-
-    void application(const std::string &name, const std::string &identifier)
-    {
-        const std::string path = root + "/" + identifier + ".app";
-        std::filesystem::create_directory(path);
-        desktop->source.describe(path, {{"CFBundleName", name}, {"CFBundleIdentifier", identifier}});
-    }
-
-    int run(Strings arguments)
-    {
-        out.clear(), err.clear();
-        const Platform given = desktop->platform();
-        const Platform ports{.mainThread = given.mainThread,
-            .pool = given.pool,
-            .clock = clock,
-            .folders = given.folders,
-            .applicationSource = given.applicationSource,
-            .launcher = given.launcher,
-            .folderWatcher = nullptr,
-            .workspace = given.workspace,
-            .system = given.system,
-            .dialogs = dialogs,
-            .pasteboard = given.pasteboard};
-        CommandLineTool tool({.loop = desktop->loop,
-            .platform = ports,
-            .out = [this](std::string_view text) { out += text; },
-            .err = [this](std::string_view text) { err += text; },
-            .consent = [this](bool yes) { dialogs.yes = yes; }});
-        return tool.run(arguments);
-    }
-
-    std::string root, out, err;
-    std::optional<HeadlessDesktop> desktop;
-    SystemClock clock;
-    ConsentingDialogs dialogs;
-};
-
 using CommandLine = TestTool;
-
-} // namespace
 
 TEST_F(CommandLine, CalcPrintsTheFormattedValue)
 {
