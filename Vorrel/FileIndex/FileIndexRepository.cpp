@@ -21,6 +21,13 @@ constexpr int mostLooks = 3; ///< At a root whose rows keep changing.
 
 constexpr char nameTableListed[] = "SELECT name FROM sqlite_master WHERE name='file_index_fts'";
 constexpr char nameTableUsable[] = "SELECT rowid FROM file_index_fts WHERE file_index_fts MATCH ? LIMIT 1";
+// Parts of the table of names: 4 is the table's own number. See the table's documentation, "Special INSERT commands".
+constexpr char noMerging[] = "INSERT INTO file_index_fts(file_index_fts,rank) VALUES('automerge',0)";
+constexpr char usualMerging[] = "INSERT INTO file_index_fts(file_index_fts,rank) VALUES('automerge',4)";
+constexpr char beginMerging[] = "INSERT INTO file_index_fts(file_index_fts,rank) VALUES('merge',-200)";
+constexpr char mergeStep[] = "INSERT INTO file_index_fts(file_index_fts,rank) VALUES('merge',200)";
+constexpr int mostMergeSteps = 2000;
+constexpr char countChanges[] = "SELECT total_changes() AS c";
 constexpr char rebuildNames[] = "INSERT INTO file_index_fts(file_index_fts) VALUES('rebuild')";
 
 constexpr char upsertFile[] =
@@ -127,6 +134,18 @@ std::string orderOf(std::string_view sort)
     return "size DESC";
 }
 
+/// The same without the table of names merging its parts in between, which would take most of the transaction. It is
+/// done in `settle`.
+std::vector<SQLBatch> withoutMerging(std::vector<SQLBatch> batches, bool hasNames)
+{
+    const bool changes = std::ranges::any_of(batches, [](const SQLBatch &batch) { return !batch.rows.empty(); });
+    if (!hasNames || !changes)
+        return batches;
+    batches.insert(batches.begin(), {noMerging, {{}}});
+    batches.push_back({usualMerging, {{}}});
+    return batches;
+}
+
 std::uint64_t unsignedFrom(std::string_view text)
 {
     std::uint64_t number = 0;
@@ -150,32 +169,25 @@ Task<std::vector<IndexedFile>> FileIndexRepository::search(std::string text, std
     const FileSearchQuery query(text);
     if (isEmpty(query))
         co_return std::vector<IndexedFile>();
-    bool nameTable = false;
-    if (hasLongTerms(query)) {
-        const auto listed = co_await database->rows(nameTableListed);
-        nameTable = !listed.empty();
-    }
-    if (nameTable) {
+    Database::Question byEachName = question(query, parent, limit, NameLookup::eachName);
+    if (!hasLongTerms(query))
+        co_return filesFrom(co_await database->rows(std::move(byEachName.sql), std::move(byEachName.values), searchBudget));
+    Database::Question byTable = question(query, parent, limit, NameLookup::nameTable);
+    try {
+        co_return filesFrom(co_await database->rowsIf(nameTableListed, std::move(byTable), byEachName, searchBudget));
+    } catch (const AppError &error) {
         // A SQLite without the table's module lists it all the same.
-        auto search = compile(query, parent, limit, NameLookup::nameTable, folders);
-        std::optional<std::vector<IndexedFile>> files;
-        try {
-            files = co_await found(std::move(search));
-        } catch (const AppError &error) {
-            if (error.errorDescription() != cannotBePrepared)
-                throw;
-        }
-        if (files)
-            co_return std::move(*files);
+        if (error.errorDescription() != cannotBePrepared)
+            throw;
     }
-    auto search = compile(query, parent, limit, NameLookup::eachName, folders);
-    co_return co_await found(std::move(search));
+    co_return filesFrom(co_await database->rows(std::move(byEachName.sql), std::move(byEachName.values), searchBudget));
 }
 
-Task<std::vector<IndexedFile>> FileIndexRepository::found(CompiledSearch search) const
+Database::Question FileIndexRepository::question(
+    const FileSearchQuery &query, const std::optional<std::string> &parent, int limit, NameLookup names) const
 {
-    const auto rows = co_await database->rows(std::move(search.sql), std::move(search.values), searchBudget);
-    co_return filesFrom(rows);
+    CompiledSearch search = compile(query, parent, limit, names, folders);
+    return {std::move(search.sql), std::move(search.values)};
 }
 
 Task<std::vector<IndexedFile>> FileIndexRepository::list(std::string parent, std::string sort, long long limit) const
@@ -248,10 +260,11 @@ Task<RootPublication> FileIndexRepository::publish(std::string root, std::functi
         auto difference = co_await publication.difference();
         if (!difference)
             break;
+        const bool names = co_await hasNames();
         if (changes->everything)
             continue;
         requireWanted();
-        auto batches = publication.corrected(std::move(*difference), *changes);
+        auto batches = withoutMerging(publication.corrected(std::move(*difference), *changes), names);
         co_await database->executeBatches(std::move(batches), Database::Effort::large);
         co_return publication;
     }
@@ -405,6 +418,35 @@ Task<void> FileIndexRepository::rebuildFTS() const
         co_await database->execute(rebuildNames);
 }
 
-Task<void> FileIndexRepository::settle() const { co_await database->settle(); }
+Task<void> FileIndexRepository::settle() const
+{
+    try {
+        if (database->path() != ":memory:" && co_await hasNames())
+            co_await mergeNames();
+    } catch (const AppError &) {
+        // What is not merged is slower, and merged by later writes.
+    }
+    co_await database->settle();
+}
+
+/// A publication leaves the table of names in many parts, which each search would have to look through and each write
+/// to merge a little. In steps that let others through.
+Task<void> FileIndexRepository::mergeNames() const
+{
+    co_await database->execute(beginMerging);
+    for (int step = 0; step < mostMergeSteps; ++step) {
+        const long long before = co_await changeCount();
+        co_await database->execute(mergeStep);
+        if (co_await changeCount() - before < 2) // which is how the table says that nothing is left to do
+            break;
+    }
+}
+
+Task<long long> FileIndexRepository::changeCount() const
+{
+    const auto rows = co_await database->rows(countChanges);
+    const auto *count = firstText(rows, "c");
+    co_return count ? integerFrom(*count).value_or(0) : 0;
+}
 
 } // namespace korvane

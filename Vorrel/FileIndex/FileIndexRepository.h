@@ -63,13 +63,17 @@ public:
     Task<void> markFTSBackfillDone() const;
     /// Fills it from the rows; quiet where there is none.
     Task<void> rebuildFTS() const;
-    /// Gives back what a large publication has taken: the write-ahead log is emptied, unused memory returned. Best effort.
+    /// Puts in order what a large publication leaves: the parts of the table of names are merged, the write-ahead log is
+    /// emptied, unused memory returned. In steps that let other work through; best effort.
     Task<void> settle() const;
 
 private:
     void tellRemovedTree(const std::string &path) const;
     Task<RootPublication> publish(std::string root, std::function<bool()> wanted) const;
-    Task<std::vector<IndexedFile>> found(CompiledSearch search) const;
+    Database::Question question(
+        const FileSearchQuery &query, const std::optional<std::string> &parent, int limit, NameLookup names) const;
+    Task<void> mergeNames() const;
+    Task<long long> changeCount() const;
 
     std::shared_ptr<Database> database;
     UserFolders folders;

@@ -2,6 +2,7 @@
 
 #include "CommandCore/Commands.h"
 #include "CommandCore/FileSearchQuery.h"
+#include "Support/Memory.h"
 #include "Support/Text.h"
 #include "Vorrel/Shell/AppLog.h"
 #include "Vorrel/Shell/DiagnosticsService.h"
@@ -332,6 +333,10 @@ Task<void> FileIndexService::rebuildNow(Weak weak, int generation)
         self->_isScanning = false;
     }
     co_await repository.settle();
+    // What waited for the store while the walk was ahead of it came from many threads; the allocator keeps it.
+    Actor pool(alive(weak)->ports.pool);
+    auto trim = [](std::stop_token) { returnFreeMemory(); };
+    co_await pool.run(std::move(trim));
 }
 
 Task<void> FileIndexService::scanRootsConcurrently(Weak weak, int generation)

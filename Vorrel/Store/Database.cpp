@@ -668,6 +668,19 @@ Task<std::vector<SQLRow>> Database::rows(
     co_return co_await connection->actor.run(std::move(work));
 }
 
+Task<std::vector<SQLRow>> Database::rowsIf(
+    std::string probe, Question ifAny, Question ifNone, std::optional<std::chrono::duration<double>> timeout)
+{
+    auto work = [connection = connection, probe = std::move(probe), ifAny = std::move(ifAny), ifNone = std::move(ifNone),
+                    timeout](std::stop_token stop) {
+        const bool any = !connection->rows(probe, {}, {}, stop).empty();
+        const Question &question = any ? ifAny : ifNone;
+        return connection->rows(question.sql, question.values, timeout, stop);
+    };
+    co_await throwIfCancelled();
+    co_return co_await connection->actor.run(std::move(work));
+}
+
 Task<void> Database::execute(std::string sql, std::vector<SQLValue> values)
 {
     auto work = [connection = connection, sql = std::move(sql), values = std::move(values)](

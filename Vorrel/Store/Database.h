@@ -61,6 +61,15 @@ public:
     /// filename or folder filter and try again." Without one only cancellation ends it early.
     Task<std::vector<SQLRow>> rows(
         std::string sql, std::vector<SQLValue> values = {}, std::optional<std::chrono::duration<double>> timeout = {});
+    /// A query with its values.
+    struct Question {
+        std::string sql;
+        std::vector<SQLValue> values = {};
+    };
+    /// Rows of `ifAny` where `probe` has an answer and of `ifNone` where it has none, in one turn of the connection.
+    /// `timeout` bounds the second query.
+    Task<std::vector<SQLRow>> rowsIf(
+        std::string probe, Question ifAny, Question ifNone, std::optional<std::chrono::duration<double>> timeout = {});
     /// One statement, stepped once; anything but its end is "Could not save local data."
     Task<void> execute(std::string sql, std::vector<SQLValue> values = {});
     /// One statement over many rows of values, in one transaction; all or nothing. No rows: no transaction.
