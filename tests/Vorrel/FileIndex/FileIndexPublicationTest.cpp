@@ -511,6 +511,35 @@ TEST_F(FileIndexPublicationFaults, AClosedStoreSaysSo)
     EXPECT_EQ(outcomeOf([&] { await(repository.clearStaging()); }), databaseClosed);
 }
 
+TEST_F(FileIndexPublication, AfterwardsTheTableOfNamesMergesAsBeforeAndSettlingLeavesItInOnePart)
+{
+    Strings paths;
+    for (int i = 0; i < 400; ++i)
+        paths.push_back("/r/report number " + std::to_string(i) + ".txt");
+    stage(paths);
+    commit("/r");
+    for (int round = 0; round < 6; ++round) {
+        paths.push_back("/r/another report " + std::to_string(round) + ".txt");
+        stage(paths);
+        commit("/r");
+    }
+    EXPECT_EQ(value(database, "SELECT v AS value FROM file_index_fts_config WHERE k='automerge'"), "4");
+    const char parts[] = "SELECT count(DISTINCT segid) AS value FROM file_index_fts_idx";
+    EXPECT_NE(value(database, parts), "1") << "there would be nothing to merge";
+    await(repository.settle());
+    EXPECT_EQ(value(database, parts), "1");
+    EXPECT_EQ(namesOutcome(), "done");
+    EXPECT_EQ(search(repository, "another").size(), 6u);
+}
+
+TEST_F(FileIndexPublication, SettlingWithoutATableOfNamesIsNoFailure)
+{
+    removeNameTable();
+    add({"/r/a"});
+    await(repository.settle());
+    EXPECT_EQ(paths(), Strings{"/r/a"});
+}
+
 TEST_F(FileIndexPublication, AfterwardsTheConnectionIsAsItWas)
 {
     stage(numbered(20));

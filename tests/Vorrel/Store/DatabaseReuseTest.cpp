@@ -36,6 +36,24 @@ TEST_F(DatabaseReuse, AQuestionThatIsAskedAgainSeesWhatWasWrittenMeanwhile)
     EXPECT_EQ(value(database, nameOf), "no row") << "nothing is left of the values before";
 }
 
+TEST_F(DatabaseReuse, AProbeDecidesWhichOfTwoQuestionsIsAsked)
+{
+    const auto chosen = [this] {
+        const auto rows = await(database->rowsIf("SELECT 1 FROM items",
+            Database::Question{"SELECT ? AS value", {std::string("some")}}, Database::Question{"SELECT 'none' AS value", {}}));
+        return rows.at(0).at("value");
+    };
+    EXPECT_EQ(chosen(), "none");
+    execute(database, addItem, {1.0, std::string("one")});
+    EXPECT_EQ(chosen(), "some");
+    const Database::Question broken{"SELECT nothing FROM nowhere", {}};
+    EXPECT_EQ(outcomeOf([&] { await(database->rowsIf("SELECT 1 FROM items", broken, broken)); }), couldNotPrepare);
+    uptime = 0;
+    onLook = [this] { uptime += 1; };
+    const Database::Question question{endless, {}};
+    EXPECT_EQ(outcomeOf([&] { await(database->rowsIf("SELECT 1 FROM items", question, broken, 2s)); }), tookTooLong);
+}
+
 TEST_F(DatabaseReuse, AQuestionWhoseTableHasGoneFailsInTheWordsOfANewOne)
 {
     EXPECT_EQ(value(database, nameOf, {1.0}), "no row");
