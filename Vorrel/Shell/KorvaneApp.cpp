@@ -53,7 +53,8 @@ Task<void> AppDelegate::startOrThrow()
     services = co_await host.createServices(host.platform);
     co_await throwIfCancelled(); // nothing starts any more once the user is quitting
     NativeTools::registerTools(services->tools(), *services);
-    co_await services->fileIndex->start();
+    // Behind the rest: counting a million files on a cold disk takes seconds.
+    indexTask = spawn(host.platform.mainThread, startIndex(services->fileIndex));
     services->shortcuts->start();
     SettingsState &preferences = services->preferences();
     co_await preferences.load();
@@ -67,6 +68,8 @@ Task<void> AppDelegate::startOrThrow()
     _phase = Phase::ready;
     runFlags();
 }
+
+Task<void> AppDelegate::startIndex(std::shared_ptr<FileIndex> index) { co_await index->start(); }
 
 void AppDelegate::bindHotkey(const HotkeyConfiguration &wanted)
 {
@@ -143,6 +146,7 @@ void AppDelegate::shouldTerminate(std::function<void()> reply)
         return; // the first reply will do
     _phase = Phase::terminating;
     servicesTask.cancel();
+    indexTask.cancel();
     if (hotkey) {
         hotkey->stop();
         host.stopped("hotkey stop");

@@ -51,6 +51,7 @@ public:
 private:
     Task<void> startServices();
     Task<void> startOrThrow();
+    static Task<void> startIndex(std::shared_ptr<FileIndex> index);
     Task<void> stopServices(std::function<void()> reply);
     void registerHotkey();
     void bindHotkey(const HotkeyConfiguration &wanted);
@@ -63,7 +64,7 @@ private:
     std::unique_ptr<HotkeyService> hotkey;
     std::unique_ptr<PaletteController> paletteController;
     Phase _phase = Phase::launching;
-    TaskHandle servicesTask, stopTask;
+    TaskHandle servicesTask, indexTask, stopTask;
     MainThreadOnly confined;
 };
 

@@ -19,7 +19,15 @@ public:
     Strings queries; ///< Every query that arrived.
     std::vector<FileRecord> files; ///< What a search finds at once, by a plain containment test of its name.
     bool holds = false; ///< Searches wait for `answer` or `fail`.
-    bool stopped = false;
+    Milliseconds startDelay{0};
+    Clock *clock = nullptr; ///< For `startDelay`.
+    bool started = false, stopped = false;
+    Task<void> start() override
+    {
+        if (clock)
+            co_await clock->sleep(startDelay);
+        started = true;
+    }
     Task<void> stop() override
     {
         stopped = true;

@@ -79,6 +79,8 @@ struct TestApp : HeadlessDesktop {
         injected.clipboard = std::make_unique<ScriptedClipboard>();
         injected.shortcuts = std::make_unique<ScriptedShortcuts>();
         index = static_cast<ScriptedIndex *>(injected.fileIndex.get());
+        index->clock = &clock;
+        index->startDelay = indexDelay;
         clipboard = static_cast<ScriptedClipboard *>(injected.clipboard.get());
         shortcuts = static_cast<ScriptedShortcuts *>(injected.shortcuts.get());
         services = std::make_shared<AppServices>(std::move(ports), std::move(database), std::move(injected));
@@ -109,7 +111,7 @@ struct TestApp : HeadlessDesktop {
     ScriptedShortcuts *shortcuts = nullptr;
     std::unique_ptr<AppDelegate> delegate;
     std::exception_ptr createFailure;
-    Milliseconds createDelay{0};
+    Milliseconds createDelay{0}, indexDelay{0};
     Strings log, messages;
     int replies = 0;
 };
@@ -142,6 +144,31 @@ TEST(AppDelegate, TheFlagShowOpensThePaletteOnceReady)
     ASSERT_TRUE(app.delegate->controller());
     EXPECT_TRUE(app.delegate->controller()->presented());
     EXPECT_TRUE(app.window->visible());
+}
+
+TEST(AppDelegate, AnIndexThatTakesLongToStartHoldsUpNothing)
+{
+    TestApp app;
+    app.indexDelay = 20s;
+    app.launch();
+    EXPECT_EQ(app.delegate->phase(), AppDelegate::Phase::ready);
+    app.delegate->toggle();
+    EXPECT_TRUE(app.delegate->controller()->presented());
+    EXPECT_FALSE(app.index->started);
+    app.clock.advance(20s);
+    EXPECT_TRUE(app.index->started);
+}
+
+TEST(AppDelegate, QuittingWhileTheIndexStartsStopsIt)
+{
+    TestApp app;
+    app.indexDelay = 20s;
+    app.launch();
+    app.terminate();
+    EXPECT_EQ(app.replies, 1);
+    EXPECT_TRUE(app.index->stopped);
+    app.clock.advance(30s);
+    EXPECT_FALSE(app.index->started);
 }
 
 TEST(AppDelegate, FlagsCountOnlyAsWholeWords)
