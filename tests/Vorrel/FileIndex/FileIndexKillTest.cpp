@@ -1,10 +1,8 @@
 #include "IndexStore.h"
+#include "tests/Vorrel/Store/ReportingProcess.h"
 
-#include <csignal>
 #include <map>
-#include <poll.h>
 #include <random>
-#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace korvane;
@@ -55,52 +53,6 @@ std::vector<IndexedFile> generation(const std::string &root, int number)
     }
 }
 
-/// A process that publishes until it is killed.
-class Publisher {
-public:
-    Publisher(const std::string &file, int firstNumber)
-    {
-        int ends[2];
-        if (pipe(ends) != 0)
-            throw std::runtime_error("no pipe");
-        child = fork();
-        if (child == 0) {
-            close(ends[0]);
-            try {
-                publishForEver(file, firstNumber, ends[1]);
-            } catch (...) {
-                _exit(1);
-            }
-        }
-        close(ends[1]);
-        reports = ends[0];
-    }
-    ~Publisher() { close(reports); }
-
-    /// The next report; nothing when `patience` has passed or the process has ended.
-    std::optional<int> next(std::chrono::microseconds patience)
-    {
-        pollfd ready{reports, POLLIN, 0};
-        const timespec wait{patience.count() / 1'000'000, patience.count() % 1'000'000 * 1000};
-        int number = 0;
-        if (ppoll(&ready, 1, &wait, nullptr) == 1 && read(reports, &number, sizeof number) == sizeof number)
-            return number;
-        return std::nullopt;
-    }
-    /// False if the process had ended by itself.
-    bool kill()
-    {
-        ::kill(child, SIGKILL);
-        int status = 0;
-        waitpid(child, &status, 0);
-        return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
-    }
-
-private:
-    pid_t child = -1;
-    int reports = -1;
-};
-
 } // namespace
 
 TEST(FileIndexKillSlow, SixtyKillsLeaveEachRootWhollyOldOrWhollyNew)
@@ -119,7 +71,9 @@ TEST(FileIndexKillSlow, SixtyKillsLeaveEachRootWhollyOldOrWhollyNew)
         }
         const std::string file = *folder / "korvane.sqlite";
         {
-            Publisher publisher(file, ++generations);
+            ++generations;
+            const auto work = [&](int reports) { publishForEver(file, generations, reports); };
+            ReportingProcess publisher(work);
             const auto take = [&](std::optional<int> report) {
                 if (!report)
                     return;

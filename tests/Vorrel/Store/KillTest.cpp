@@ -1,10 +1,8 @@
+#include "ReportingProcess.h"
 #include "TestStore.h"
 
-#include <csignal>
 #include <filesystem>
-#include <poll.h>
 #include <random>
-#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace korvane;
@@ -51,52 +49,6 @@ std::vector<std::pair<std::string, Values>> transactionOf(int number)
     }
 }
 
-/// A process that writes to a store until it is killed.
-class Writer {
-public:
-    Writer(const std::string &file, int firstNumber)
-    {
-        int ends[2];
-        if (pipe(ends) != 0)
-            throw std::runtime_error("no pipe");
-        child = fork();
-        if (child == 0) {
-            close(ends[0]);
-            try {
-                writeForEver(file, firstNumber, ends[1]);
-            } catch (...) {
-                _exit(1);
-            }
-        }
-        close(ends[1]);
-        reports = ends[0];
-    }
-    ~Writer() { close(reports); }
-
-    /// The number of the next batch that it reports; nothing when `patience` has passed or the process has ended.
-    std::optional<int> next(std::chrono::microseconds patience)
-    {
-        pollfd ready{reports, POLLIN, 0};
-        const timespec wait{0, patience.count() * 1000};
-        int number = 0;
-        if (ppoll(&ready, 1, &wait, nullptr) == 1 && read(reports, &number, sizeof number) == sizeof number)
-            return number;
-        return std::nullopt;
-    }
-    /// False if the process had ended by itself.
-    bool kill()
-    {
-        ::kill(child, SIGKILL);
-        int status = 0;
-        waitpid(child, &status, 0);
-        return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
-    }
-
-private:
-    pid_t child = -1;
-    int reports = -1;
-};
-
 struct Damage {
     int killed = 0, partial = 0, lost = 0, committed = 0;
 };
@@ -119,7 +71,8 @@ TEST(DatabaseKillSlow, AHundredKillsLoseNothingCommittedAndLeaveNothingHalfWritt
         }
         const std::string file = *folder / "korvane.sqlite";
         {
-            Writer writer(file, last + 1);
+            const auto work = [&](int reports) { writeForEver(file, last + 1, reports); };
+            ReportingProcess writer(work);
             const int first = round % 10 == 0 ? 0 : below(5);
             for (int i = 0; i < first; ++i)
                 last = writer.next(900ms).value_or(last);
