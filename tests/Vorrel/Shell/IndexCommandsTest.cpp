@@ -14,11 +14,11 @@ struct IndexCommands : TestTool {
     IndexCommands()
     {
         std::filesystem::create_directories(home);
-        std::filesystem::create_directories(root + "/work");
+        std::filesystem::create_directories(root + "/projects");
         walker->addFile(home + "/report.pdf", 1200, 1'700'000'000);
         walker->addFile(home + "/Docs/report draft.txt", 10, 1'700'000'000.25);
         walker->addFolder(home + "/Docs/reports");
-        walker->addFile(root + "/work/plan.txt");
+        walker->addFile(root + "/projects/plan.txt");
     }
 
     /// The index by a plain sight: every path in it.
@@ -118,13 +118,13 @@ TEST_F(IndexCommands, AFolderThatIsNotIndexedIsTold)
 
 TEST_F(IndexCommands, AddBringsTheDefaultRootsFirstAndThenTheFolder)
 {
-    EXPECT_EQ(run({"index", "add", "../work/"}), 0) << err;
+    EXPECT_EQ(run({"index", "add", "../projects/"}), 0) << err;
     EXPECT_EQ(run({"index", "roots"}), 0);
     EXPECT_EQ(std::ranges::count(out, '\n'), 2);
-    EXPECT_EQ(idOf(root + "/work").size(), 36u);
+    EXPECT_EQ(idOf(root + "/projects").size(), 36u);
     EXPECT_EQ(idOf(home).size(), 36u);
     EXPECT_EQ(run({"files", "plan"}), 0);
-    EXPECT_EQ(out, root + "/work/plan.txt\n");
+    EXPECT_EQ(out, root + "/projects/plan.txt\n");
 }
 
 TEST_F(IndexCommands, AFolderThatDoesNotExistIsNotAdded)
@@ -136,9 +136,9 @@ TEST_F(IndexCommands, AFolderThatDoesNotExistIsNotAdded)
 
 TEST_F(IndexCommands, RemoveForgetsARootAndItsFiles)
 {
-    ASSERT_EQ(run({"index", "add", root + "/work"}), 0);
+    ASSERT_EQ(run({"index", "add", root + "/projects"}), 0);
     EXPECT_EQ(run({"index", "remove", idOf(home)}), 0);
-    EXPECT_EQ(indexed(), Strings{root + "/work/plan.txt"});
+    EXPECT_EQ(indexed(), Strings{root + "/projects/plan.txt"});
     EXPECT_EQ(run({"index", "remove", "none"}), 1);
     EXPECT_EQ(err, "There is no root with the identifier none.\n");
 }
@@ -157,7 +157,7 @@ TEST_F(IndexCommands, TheyAreRefusedWhileKorvaneRuns)
     std::filesystem::create_directories(root + "/data/Korvane");
     const auto instance = FileLock::tryTake(root + "/data/Korvane/korvane.lock");
     for (const Strings &command :
-        {Strings{"index", "rebuild"}, Strings{"index", "add", root + "/work"}, Strings{"index", "remove", "x"}}) {
+        {Strings{"index", "rebuild"}, Strings{"index", "add", root + "/projects"}, Strings{"index", "remove", "x"}}) {
         EXPECT_EQ(run(command), 1);
         EXPECT_EQ(err, "Korvane runs and keeps the index itself. Quit it first.\n");
     }
