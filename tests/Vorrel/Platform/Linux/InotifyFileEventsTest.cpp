@@ -9,7 +9,6 @@
 #include <sys/inotify.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <thread>
 
 using namespace korvane;
 using namespace korvane::test;
@@ -534,8 +533,7 @@ TEST_F(FileEventsAway, FindsWhatCameWentMovedAndWasRewritten)
     index.scan(disk / "root");
     for (auto &[path, row] : index.rows)
         age(path.substr(disk.path.size() + 1)), row.modified = rowOnDisk(path)->modified;
-    const auto since = identifierOf(now());
-    std::this_thread::sleep_for(20ms);
+    const auto since = afterAllStamps();
 
     remove("root/a/goes");
     disk.file("root/a/rewritten", "new text");
@@ -562,8 +560,7 @@ TEST_F(FileEventsAway, TellsNothingWhenNothingHappened)
     disk.link("root/a/link", disk / "root/a/b");
     disk.link("root/a/file-link", disk / "root/a/b/file");
     index.scan(disk / "root");
-    std::this_thread::sleep_for(20ms);
-    start({"root"}, identifierOf(now()));
+    start({"root"}, afterAllStamps());
     pass(30s);
     EXPECT_THAT(news(), IsEmpty());
 }
@@ -574,8 +571,7 @@ TEST_F(FileEventsAway, AnotherTimeOfAFolderIsReasonEnoughToCompareIt)
     index.scan(disk / "root");
     index.rows.at(disk / "root/a").modified -= 10;
     index.rows.erase(disk / "root/a/file");
-    std::this_thread::sleep_for(20ms);
-    start({"root"}, identifierOf(now()));
+    start({"root"}, afterAllStamps());
     loop.runUntilIdle();
     EXPECT_THAT(news(), UnorderedElementsAre("root/a", "root/a/file"));
 }
@@ -633,8 +629,7 @@ TEST_F(FileEventsAway, FilesThatWereRewrittenInPlaceAreFoundInPortionsWithPauses
     for (int i = 0; i < 1200; ++i)
         disk.file("root/a/" + std::to_string(10000 + i), "x");
     index.scan(disk / "root");
-    std::this_thread::sleep_for(20ms);
-    const auto since = identifierOf(now());
+    const auto since = afterAllStamps();
     for (const char *name : {"root/a/10000", "root/a/10600", "root/a/11199"})
         std::ofstream(disk / name, std::ios::app) << "more";
     start({"root"}, since);
@@ -653,8 +648,7 @@ TEST_F(FileEventsAway, FilesThatHaveGoneFromAFolderThatIsThereAreTold)
     index.scan(disk / "root");
     index.rows[disk / "root/a/ghost"] = {.path = disk / "root/a/ghost", .name = "ghost"};
     index.rows[disk / "root/none/ghost"] = {.path = disk / "root/none/ghost", .name = "ghost"};
-    std::this_thread::sleep_for(20ms);
-    start({"root"}, identifierOf(now()));
+    start({"root"}, afterAllStamps());
     loop.runUntilIdle();
     EXPECT_THAT(news(), UnorderedElementsAre("root/a/ghost"));
 }

@@ -2,7 +2,9 @@
 #include "WatchedDisk.h"
 
 #include <atomic>
+#include <condition_variable>
 #include <mutex>
+#include <semaphore>
 #include <thread>
 
 using namespace korvane;
@@ -18,7 +20,8 @@ struct FileEventsThreads : testing::Test {
     SystemClock clock;
     DiskFolder disk;
     MemoryIndex index; // asked on the worker only
-    std::mutex mutex;
+    std::mutex mutex; // guards `told`
+    std::condition_variable heard;
     std::set<std::string> told;
     std::optional<WorkerThread> worker{std::in_place};
     std::optional<InotifyFileEvents> events;
@@ -36,19 +39,25 @@ struct FileEventsThreads : testing::Test {
         await(loop, events->start({disk / "root"}, 0, [this](Strings paths, std::uint64_t) {
             const std::scoped_lock lock(mutex);
             told.insert(paths.begin(), paths.end());
+            heard.notify_all();
         }));
     }
-    bool isTold(const std::string &name)
-    {
-        const std::scoped_lock lock(mutex);
-        return told.contains(disk / name);
-    }
-    /// Real time passes: these tests are about threads.
     bool comes(const std::string &name)
     {
-        for (int i = 0; i < 2000 && !isTold(name); ++i)
-            std::this_thread::sleep_for(5ms);
-        return isTold(name);
+        std::unique_lock lock(mutex);
+        return heard.wait_for(lock, 10s, [&] { return told.contains(disk / name); });
+    }
+    bool anythingComes()
+    {
+        std::unique_lock lock(mutex);
+        return heard.wait_for(lock, 10s, [&] { return !told.empty(); });
+    }
+    /// Returns when the worker has done what it had to do up to now.
+    void waitForWorker()
+    {
+        Actor actor(worker->executor());
+        for (int turn = 0; turn < 3; ++turn)
+            await(loop, actor.run([](std::stop_token) {}));
     }
 };
 
@@ -96,18 +105,19 @@ TEST_F(FileEventsThreads, NothingIsToldAfterAStopAndANewStartGoesOn)
             disk.file("root/" + std::to_string(i % 50) + "/file");
             if (i % 50 == 49)
                 fs::remove_all(disk / ("root/" + std::to_string(i % 7)));
-            std::this_thread::sleep_for(100us);
+            std::this_thread::yield();
         }
     });
     for (int round = 0; round < 30; ++round) {
         start();
-        std::this_thread::sleep_for(10ms);
+        if (round % 2)
+            EXPECT_TRUE(anythingComes());
         events->stop();
         {
             const std::scoped_lock lock(mutex);
             told.clear();
         }
-        std::this_thread::sleep_for(5ms);
+        waitForWorker();
         const std::scoped_lock lock(mutex);
         EXPECT_TRUE(told.empty());
     }
@@ -120,11 +130,8 @@ TEST_F(FileEventsThreads, NothingIsToldAfterAStopAndANewStartGoesOn)
 
 TEST_F(FileEventsThreads, AWorkerThatHangsHoldsUpNeitherStopNorACancelledStart)
 {
-    std::atomic<bool> hangs = true;
-    runLater(worker->executor(), [&] {
-        while (hangs)
-            std::this_thread::sleep_for(1ms);
-    });
+    std::binary_semaphore released(0);
+    runLater(worker->executor(), [&] { released.acquire(); });
     {
         Begun<void> starting(loop, events->start({disk / "root"}, 0, [](Strings, std::uint64_t) {}));
         loop.runUntilIdle();
@@ -140,7 +147,7 @@ TEST_F(FileEventsThreads, AWorkerThatHangsHoldsUpNeitherStopNorACancelledStart)
         loop.runUntilIdle();
         EXPECT_TRUE(starting.done());
     }
-    hangs = false;
+    released.release();
     start();
     disk.file("root/file");
     EXPECT_TRUE(comes("root/file"));

@@ -1,9 +1,11 @@
 #include "WatchedDisk.h"
 
+#include "Support/Descriptor.h"
+
 #include "CommandCore/Commands.h"
 
+#include <sys/eventfd.h>
 #include <sys/stat.h>
-#include <thread>
 
 namespace korvane::test {
 
@@ -121,17 +123,35 @@ void WatchedDisk::settle()
     while (!isTold()) {
         ASSERT_LT(SystemClock().uptime(), until) << "nothing was told";
         clock.advance(100ms);
-        std::this_thread::sleep_for(1ms);
-        loop.runUntilIdle();
+        hearTheSystem();
     }
+}
+
+void WatchedDisk::hearTheSystem()
+{
+    const Descriptor ready(::eventfd(1, EFD_CLOEXEC | EFD_NONBLOCK));
+    await(loop, waitUntilReadable(ready));
+    loop.runUntilIdle();
+}
+
+std::uint64_t WatchedDisk::afterAllStamps()
+{
+    const auto stamp = [](const std::string &path) {
+        struct stat status { };
+        ::stat(path.c_str(), &status);
+        return std::pair(status.st_ctim.tv_sec, status.st_ctim.tv_nsec / 1'000'000);
+    };
+    const auto last = stamp(disk.file("stamps", "0"));
+    for (int i = 1;; ++i)
+        if (const auto next = stamp(disk.file("stamps", std::to_string(i))); next > last)
+            return std::uint64_t(next.first) * 1'000'000 + std::uint64_t(next.second) * 1000;
 }
 
 void WatchedDisk::pass(Milliseconds time)
 {
     for (Milliseconds passed{0}; passed < time; passed += 1000ms) {
         clock.advance(1000ms);
-        std::this_thread::sleep_for(1ms);
-        loop.runUntilIdle();
+        hearTheSystem();
     }
 }
 

@@ -71,6 +71,10 @@ struct WatchedDisk {
     void settle();
     /// Lets time pass in small steps, with what the system tells meanwhile.
     void pass(Milliseconds time);
+    /// Runs what the kernel has to tell by now, and what that makes ready.
+    void hearTheSystem();
+    /// An identifier that is later than every time stamp on the disk so far, and not later than any from now on.
+    std::uint64_t afterAllStamps();
     /// What was told since the last question, relative to the disk, without repeats.
     std::set<std::string> news();
     std::uint64_t identifier() const { return told.empty() ? 0 : told.back().identifier; }
