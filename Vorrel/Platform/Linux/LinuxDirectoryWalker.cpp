@@ -32,9 +32,6 @@ using namespace std::chrono_literals;
 constexpr int descriptorsOfThread = 2;
 constexpr int descriptorsOfWalk = 1;
 
-/// How long a thread without work stays: one that hangs must not keep the others for good.
-constexpr auto idlePatience = 1s;
-
 /// For descriptors and memory that others may give back.
 constexpr auto betweenAttempts = 20ms;
 constexpr int attempts = 1000;
@@ -107,9 +104,10 @@ class Walk : public std::enable_shared_from_this<Walk> {
 public:
     using Visitor = DirectoryWalker::Visitor;
 
-    Walk(std::string root, std::shared_ptr<const Visitor> visitor, LinuxDirectoryWalker::Entering entering, int threads) :
-        rootPath(withoutSlashesAtEnd(std::move(root))), visitor(std::move(visitor)), entering(std::move(entering)),
-        threads(threadsWithin(threads))
+    Walk(std::string root, std::shared_ptr<const Visitor> visitor, LinuxDirectoryWalker::Entering entering, int threads,
+        std::chrono::milliseconds idlePatience) :
+        rootPath(withoutSlashesAtEnd(std::move(root))),
+        visitor(std::move(visitor)), entering(std::move(entering)), threads(threadsWithin(threads)), idlePatience(idlePatience)
     {
     }
 
@@ -288,6 +286,7 @@ private:
     const std::shared_ptr<const Visitor> visitor;
     const LinuxDirectoryWalker::Entering entering;
     const int threads;
+    const std::chrono::milliseconds idlePatience;
 
     // Set before the second thread starts
     Descriptor root;
@@ -306,7 +305,7 @@ private:
 
 void LinuxDirectoryWalker::walk(std::string root, std::shared_ptr<const Visitor> visitor) const
 {
-    auto walk = std::make_shared<Walk>(std::move(root), visitor, entering, threads);
+    auto walk = std::make_shared<Walk>(std::move(root), visitor, entering, threads, idlePatience);
     try {
         runOnOwnThread([walk] { walk->run(); });
     } catch (const std::system_error &) {

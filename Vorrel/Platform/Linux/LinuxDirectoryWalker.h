@@ -2,6 +2,7 @@
 
 #include "Vorrel/Platform/DirectoryWalker.h"
 
+#include <chrono>
 #include <functional>
 #include <string>
 
@@ -21,11 +22,15 @@ public:
     /// Called with each folder, the root included, just before it is read, from several threads at once.
     using Entering = std::function<void(const std::string &folder)>;
 
-    /// Measured: more threads than processors, since on a cold disk they mostly wait.
+    /// More threads than processors, since on a cold disk they mostly wait.
     static constexpr int usualThreads = 4;
+    /// How long a thread without work stays: one that hangs must not keep the others for good.
+    static constexpr std::chrono::milliseconds usualPatience{1000};
 
-    explicit LinuxDirectoryWalker(Entering entering = {}, int threads = usualThreads) :
-        entering(std::move(entering)), threads(threads)
+    explicit LinuxDirectoryWalker(
+        Entering entering = {}, int threads = usualThreads, std::chrono::milliseconds idlePatience = usualPatience) :
+        entering(std::move(entering)),
+        threads(threads), idlePatience(idlePatience)
     {
     }
 
@@ -34,6 +39,7 @@ public:
 private:
     Entering entering;
     int threads;
+    std::chrono::milliseconds idlePatience;
 };
 
 } // namespace korvane

@@ -917,13 +917,19 @@ TEST(LinuxDirectoryWalkerThreads, GoOnAfterOneHasHungForALongTime)
     disk.file("slow/c/file");
     for (int folder = 0; folder < 10; ++folder)
         disk.file("quick" + std::to_string(folder) + "/file");
+    const auto threads = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}); };
+    const auto before = threads();
     std::atomic<int> readers = 0;
     auto told = std::make_shared<Told>();
-    const LinuxDirectoryWalker walker([&](const std::string &folder) {
-        ++readers;
-        if (folder == disk / "slow")
-            std::this_thread::sleep_for(1500ms); // the others lose their patience
-    });
+    const LinuxDirectoryWalker walker(
+        [&](const std::string &folder) {
+            ++readers;
+            if (folder != disk / "slow")
+                return;
+            while (readers < 12 || threads() > before + 1) // until the others have read the rest and left
+                std::this_thread::yield();
+        },
+        LinuxDirectoryWalker::usualThreads, 0ms);
     EXPECT_EQ(walked(walker, disk.path, told).entries.size(), 27u);
     EXPECT_EQ(readers, 15);
 }
