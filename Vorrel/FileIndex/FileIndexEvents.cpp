@@ -26,14 +26,6 @@ constexpr std::size_t burstThreshold = 20'000;
 constexpr int burstPasses = 5;
 constexpr double secondsBetweenCounts = 60.0;
 
-Service alive(const std::weak_ptr<FileIndexService> &weak)
-{
-    auto service = weak.lock();
-    if (!service)
-        throw Cancelled();
-    return service;
-}
-
 } // namespace
 
 // The watch

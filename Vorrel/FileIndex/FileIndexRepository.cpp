@@ -3,8 +3,10 @@
 #include "CommandCore/Commands.h"
 #include "Support/Text.h"
 #include "Support/UUID.h"
+#include "Vorrel/FileIndex/IndexRows.h"
 #include "Vorrel/FileIndex/IndexWriters.h"
 #include "Vorrel/FileIndex/RootPublication.h"
+#include "Vorrel/Store/SQLCells.h"
 
 #include <algorithm>
 #include <charconv>
@@ -59,38 +61,9 @@ constexpr char markBackfill[] = "INSERT INTO settings(key,value) VALUES('fileInd
 
 constexpr char cannotBePrepared[] = "The database query could not be prepared.";
 
-const std::string *text(const SQLRow &row, std::string_view column)
-{
-    const auto found = row.find(column);
-    return found == row.end() ? nullptr : &found->second;
-}
-
 const std::string *firstText(const std::vector<SQLRow> &rows, std::string_view column)
 {
     return rows.empty() ? nullptr : text(rows.front(), column);
-}
-
-std::optional<IndexedFile> parse(const SQLRow &row)
-{
-    const auto *path = text(row, "path");
-    const auto *name = text(row, "name");
-    if (!path || !name)
-        return std::nullopt;
-    const auto *directory = text(row, "is_directory");
-    const auto *size = text(row, "size");
-    const auto *modified = text(row, "modified");
-    return IndexedFile{*path, *name, directory && *directory == "1", size ? integerFrom(*size).value_or(0) : 0,
-        modified ? realFrom(*modified).value_or(0) : 0};
-}
-
-std::vector<IndexedFile> filesFrom(const std::vector<SQLRow> &rows)
-{
-    std::vector<IndexedFile> files;
-    files.reserve(rows.size());
-    for (const auto &row : rows)
-        if (auto file = parse(row))
-            files.push_back(std::move(*file));
-    return files;
 }
 
 /// The rows' values in the order of their paths, in which neighbours on disk are written together; of equal paths the

@@ -23,15 +23,6 @@ using Service = std::shared_ptr<FileIndexService>;
 constexpr int searchLimit = 100;
 constexpr Milliseconds lockPoll = 500ms;
 
-/// The service behind a weak reference; a task whose service has gone ends like a cancelled one.
-Service alive(const std::weak_ptr<FileIndexService> &weak)
-{
-    auto service = weak.lock();
-    if (!service)
-        throw Cancelled();
-    return service;
-}
-
 /// A text of the tables with a count in it.
 std::string counted(std::string format, long long count)
 {
@@ -81,6 +72,14 @@ FileIndexService::FileIndexService(Ports given) :
 }
 
 // Life
+
+std::shared_ptr<FileIndexService> FileIndexService::alive(const Weak &weak)
+{
+    auto service = weak.lock();
+    if (!service)
+        throw Cancelled();
+    return service;
+}
 
 Task<void> FileIndexService::start()
 {

@@ -82,6 +82,9 @@ private:
         long long withheld = 0;
     };
 
+    /// The service behind a weak reference; a task whose service has gone ends like a cancelled one.
+    static std::shared_ptr<FileIndexService> alive(const Weak &weak);
+
     // Life
     Task<void> startNow();
     Task<void> bootstrap();

@@ -1,6 +1,7 @@
 #include "Vorrel/FileIndex/IndexSnapshot.h"
 
 #include "Support/Text.h"
+#include "Vorrel/FileIndex/IndexRows.h"
 #include "Vorrel/Store/Database.h"
 
 #include <mutex>
@@ -18,32 +19,6 @@ constexpr char foldersSql[] =
 constexpr char filesSql[] =
     "SELECT path,name,is_directory,size,modified FROM file_index WHERE path>? AND is_directory=0 ORDER BY path LIMIT ?";
 constexpr char childrenSql[] = "SELECT path,name,is_directory,size,modified FROM file_index WHERE parent=? ORDER BY path";
-
-const std::string *text(const SQLRow &row, std::string_view column)
-{
-    const auto found = row.find(column);
-    return found == row.end() ? nullptr : &found->second;
-}
-
-IndexedFile fileFrom(const SQLRow &row, const std::string &path, const std::string &name)
-{
-    const auto *isDirectory = text(row, "is_directory"), *size = text(row, "size"), *modified = text(row, "modified");
-    return {.path = path,
-        .name = name,
-        .isDirectory = isDirectory && *isDirectory == "1",
-        .size = size ? integerFrom(*size).value_or(0) : 0,
-        .modified = modified ? realFrom(*modified).value_or(0) : 0};
-}
-
-Files filesFrom(const std::vector<SQLRow> &rows)
-{
-    Files files;
-    files.reserve(rows.size());
-    for (const SQLRow &row : rows)
-        if (const auto *path = text(row, "path"), *name = text(row, "name"); path && name)
-            files.push_back(fileFrom(row, *path, *name));
-    return files;
-}
 
 } // namespace
 

@@ -1,6 +1,7 @@
 #include "Vorrel/Store/Repositories.h"
 
 #include "Support/Text.h"
+#include "Vorrel/Store/SQLCells.h"
 
 namespace korvane {
 
@@ -23,12 +24,6 @@ constexpr char recordLaunchSql[] = "INSERT INTO app_launches(app_path,arguments,
                                    "ON CONFLICT(app_path,arguments) DO UPDATE SET count=count+1,last_used=excluded.last_used";
 constexpr char recentLaunchesSql[] =
     "SELECT app_path,arguments,count,last_used FROM app_launches WHERE app_path=? ORDER BY last_used DESC LIMIT ?";
-
-const std::string *text(const SQLRow &row, std::string_view column)
-{
-    const auto found = row.find(column);
-    return found == row.end() ? nullptr : &found->second;
-}
 
 std::optional<long long> integer(const SQLRow &row, std::string_view column)
 {

@@ -298,26 +298,26 @@ TEST(FileIndexService, ARootIsNotWalkedWhereTheProgramKeepsItsDataNorWhereAnothe
 {
     TestIndex index;
     index.root("/home/ada");
-    index.root("/home/ada/Studio");
+    index.root("/home/ada/studio");
     index.root("/home/adamant");
     index.start();
-    EXPECT_EQ(index.scanner->walk("/home/ada").skips, (Strings{"/home/ada/.local/share/Korvane", "/home/ada/Studio"}));
-    EXPECT_EQ(index.scanner->walk("/home/ada/Studio").skips, Strings{"/home/ada/.local/share/Korvane"});
+    EXPECT_EQ(index.scanner->walk("/home/ada").skips, (Strings{"/home/ada/.local/share/Korvane", "/home/ada/studio"}));
+    EXPECT_EQ(index.scanner->walk("/home/ada/studio").skips, Strings{"/home/ada/.local/share/Korvane"});
 }
 
 TEST(FileIndexService, ANestedRootKeepsItsRowsWhenTheOuterOneIsPublished)
 {
     TestIndex index;
     index.root("/home/ada");
-    index.root("/home/ada/Studio");
+    index.root("/home/ada/studio");
     index.start();
-    index.scanner->walk("/home/ada/Studio").stream.yield({entry("/home/ada/Studio/w")});
-    index.scanner->walk("/home/ada/Studio").stream.finish();
+    index.scanner->walk("/home/ada/studio").stream.yield({entry("/home/ada/studio/w")});
+    index.scanner->walk("/home/ada/studio").stream.finish();
     index.settle();
     index.scanner->walk("/home/ada").stream.yield({entry("/home/ada/a")});
     index.scanner->walk("/home/ada").stream.finish();
     index.settle();
-    EXPECT_EQ(index.paths(), (Strings{"/home/ada/a", "/home/ada/Studio/w"}));
+    EXPECT_EQ(index.paths(), (Strings{"/home/ada/a", "/home/ada/studio/w"}));
 }
 
 TEST(FileIndexService, ARootRemovedDuringItsScanLeavesNoRows)
