@@ -918,15 +918,17 @@ TEST(LinuxDirectoryWalkerThreads, GoOnAfterOneHasHungForALongTime)
     for (int folder = 0; folder < 10; ++folder)
         disk.file("quick" + std::to_string(folder) + "/file");
     const auto threads = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}); };
-    const auto before = threads();
+    std::atomic<std::ptrdiff_t> withOne = 0; // threads of the process while the walk has one
     std::atomic<int> readers = 0;
     auto told = std::make_shared<Told>();
     const LinuxDirectoryWalker walker(
         [&](const std::string &folder) {
             ++readers;
+            if (folder == disk.path)
+                withOne = threads();
             if (folder != disk / "slow")
                 return;
-            while (readers < 12 || threads() > before + 1) // until the others have read the rest and left
+            while (readers < 12 || threads() > withOne) // until the others have read the rest and left
                 std::this_thread::yield();
         },
         LinuxDirectoryWalker::usualThreads, 0ms);
