@@ -16,6 +16,8 @@ public:
     using Approve = std::function<Task<void>(std::string title, std::string detail)>;
     explicit ToolRegistry(Approve approve) : approve(std::move(approve)) { }
 
+    bool confirmWrites = true; ///< Ask before tools that write.
+
 private:
     Approve approve;
 };

@@ -17,6 +17,9 @@ public:
     }
     /// Ends the watcher.
     virtual void stop() { }
+
+    bool enabled = true; ///< Whether what is copied is kept.
+    int maximumItems = 500; ///< How many entries are kept.
 };
 
 } // namespace korvane

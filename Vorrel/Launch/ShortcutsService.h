@@ -1,8 +1,11 @@
 #pragma once
 
 #include "CommandCore/CommandRegistry.h"
+#include "Support/Observed.h"
 
 #include <functional>
+#include <optional>
+#include <string>
 
 namespace korvane {
 
@@ -19,6 +22,9 @@ public:
     virtual void cancelRun() { }
 
     std::function<void()> onUpdate = [] {}; ///< Called after a good refresh.
+
+    Observed<std::string> statusText; ///< One line for the user, localised.
+    Observed<std::optional<double>> startedAt; ///< Seconds since 1970 at the start of the run in flight; nothing without one.
 };
 
 } // namespace korvane

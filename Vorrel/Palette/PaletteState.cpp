@@ -895,7 +895,7 @@ std::string PaletteState::aiIntroduction() const
 void PaletteState::askAI()
 {
     // Requests cannot be switched on in this build, so there is nothing to run behind this gate.
-    if (!blank(query()) && !services.preferences().preferences.aiEnabled)
+    if (!blank(query()) && !services.preferences().preferences->aiEnabled)
         _error = L10n::key("Enable AI Requests and save an API key in Settings → AI.");
 }
 

@@ -14,6 +14,9 @@ enum class SystemOutcome {
 };
 
 /// The machine's session, power and trash. Main thread; nothing blocks it; nothing throws but `Cancelled`.
+/// A page of the system's own settings.
+enum class SettingsPage { keyboard };
+
 class SystemControl {
 public:
     virtual ~SystemControl() = default;
@@ -24,6 +27,8 @@ public:
     virtual Task<SystemOutcome> emptyTrash() = 0;
     /// Opens a folder in the file manager. False when that failed.
     virtual Task<bool> openFolder(std::string path) = 0;
+    /// Opens a page of the system's settings. False where the system has no such page.
+    virtual Task<bool> openSettings(SettingsPage page) = 0;
 };
 
 } // namespace korvane

@@ -164,7 +164,7 @@ SettingsState &AppServices::preferences()
 {
     mcp();
     if (!lazyPreferences)
-        lazyPreferences = std::make_unique<SettingsState>();
+        lazyPreferences = std::make_unique<SettingsState>(*this);
     return *lazyPreferences;
 }
 

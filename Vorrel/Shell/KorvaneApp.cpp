@@ -26,7 +26,8 @@ void AppDelegate::didFinishLaunching()
     host.status.show("square.grid.3x3.fill", "Korvane",
         {{L10n::shown("Open Korvane"), "", [this] { toggle(); }}, {L10n::shown("Settings…"), ",", [this] { showSettings(); }},
             {"", "", nullptr}, {L10n::shown("Quit Korvane"), "q", host.terminate}});
-    hotkey = std::make_unique<HotkeyService>([this] { toggle(); });
+    hotkey = std::make_unique<HotkeyService>(
+        host.hotkeys, [this] { toggle(); }, [this](const HotkeyRegistrationError &why) { hotkeyLost(why); });
 }
 
 Task<void> AppDelegate::startServices()
@@ -60,6 +61,7 @@ Task<void> AppDelegate::startOrThrow()
     co_await preferences.load();
     co_await throwIfCancelled();
     preferences.updateHotkey = [this](HotkeyConfiguration configuration) { bindHotkey(configuration); };
+    settingsWindow = host.makeSettingsWindow(preferences);
     paletteController = std::make_unique<PaletteController>(*services, host.makeWindow);
     preferences.recordingHotkeyChanged = [this](bool recording) { suspendHotkey(recording); };
     registerHotkey();
@@ -76,14 +78,14 @@ void AppDelegate::bindHotkey(const HotkeyConfiguration &wanted)
     hotkey->registerHotkey(wanted);
     SettingsState &preferences = services->preferences();
     preferences.activeHotkey = wanted;
-    preferences.hotkeyIssue.reset();
-    preferences.hotkeyAttempt.reset();
+    preferences.hotkeyIssue = std::nullopt;
+    preferences.hotkeyAttempt = std::nullopt;
 }
 
 void AppDelegate::registerHotkey()
 {
     SettingsState &preferences = services->preferences();
-    const HotkeyConfiguration wanted = preferences.preferences.hotkey;
+    const HotkeyConfiguration wanted = preferences.preferences->hotkey;
     try {
         bindHotkey(wanted);
     } catch (const std::exception &) {
@@ -95,13 +97,28 @@ void AppDelegate::registerHotkey()
 void AppDelegate::suspendHotkey(bool recording)
 {
     SettingsState &preferences = services->preferences();
-    const auto &bound = hotkey->configuration();
+    const auto bound = hotkey->configuration();
     try {
         hotkey->suspend(recording);
         preferences.activeHotkey = bound;
     } catch (const std::exception &) {
-        preferences.reportHotkeyFailure(std::current_exception(), bound.value_or(HotkeyConfiguration()), bound);
+        // Another program was faster while the key was free: now there is none.
+        preferences.reportHotkeyFailure(std::current_exception(), bound.value_or(HotkeyConfiguration()), std::nullopt);
     }
+}
+
+void AppDelegate::hotkeyLost(const HotkeyRegistrationError &why)
+{
+    if (!services || _phase != Phase::ready)
+        return;
+    const auto attempted = hotkey->configuration().value_or(HotkeyConfiguration());
+    services->preferences().reportHotkeyFailure(std::make_exception_ptr(why), attempted, std::nullopt);
+    showSettings();
+}
+
+bool AppDelegate::handleKeyDown(std::uint32_t keyCode, std::uint32_t carbonModifiers, bool isRepeat)
+{
+    return hotkey && hotkey->handleKeyDown(keyCode, carbonModifiers, isRepeat);
 }
 
 bool AppDelegate::hasFlag(std::string_view flag) const
@@ -128,9 +145,10 @@ void AppDelegate::toggle()
 
 void AppDelegate::showSettings()
 {
-    // There is no settings window to show in this build; the state is brought up to date for whoever asks.
-    if (services)
-        services->preferences().refreshLoginStatus();
+    if (!settingsWindow || _phase == Phase::terminating)
+        return;
+    services->preferences().refreshLoginStatus();
+    settingsWindow->showCentred();
 }
 
 void AppDelegate::activateFromSecondLaunch()

@@ -2,7 +2,10 @@
 
 #include "Vorrel/Palette/PaletteController.h"
 #include "Vorrel/Platform/Activation.h"
+#include "Vorrel/Platform/HotkeyRegistering.h"
+#include "Vorrel/Platform/SettingsWindow.h"
 #include "Vorrel/Platform/StatusItem.h"
+#include "Vorrel/Shell/HotkeyService.h"
 #include "Vorrel/Shell/SingleInstanceLock.h"
 
 namespace korvane {
@@ -16,7 +19,10 @@ public:
         Platform platform;
         StatusItem &status;
         ActivationReceiver &activation;
+        HotkeyRegistering &hotkeys;
         PaletteController::MakeWindow makeWindow;
+        /// Makes the settings window for a state that outlives it.
+        std::function<std::unique_ptr<SettingsWindow>(SettingsState &)> makeSettingsWindow;
         std::vector<std::string> arguments; ///< The command line, without the program's name.
         std::function<void()> terminate; ///< Asks the front end to quit, which comes back as `shouldTerminate`.
         /// Builds the services; `AppServices::create` in the program.
@@ -43,6 +49,8 @@ public:
     void showSettings();
     /// Another launch asked this instance to come forward: a toggle, so that it also closes an open palette.
     void activateFromSecondLaunch();
+    /// A key that came to one of the program's windows. True when it was the global shortcut and goes no further.
+    bool handleKeyDown(std::uint32_t keyCode, std::uint32_t carbonModifiers, bool isRepeat);
 
     enum class Phase { launching, failed, ready, terminating };
     Phase phase() const { return _phase; }
@@ -56,12 +64,14 @@ private:
     void registerHotkey();
     void bindHotkey(const HotkeyConfiguration &wanted);
     void suspendHotkey(bool recording);
+    void hotkeyLost(const HotkeyRegistrationError &why);
     void runFlags();
     bool hasFlag(std::string_view flag) const;
 
     Host host;
     std::shared_ptr<AppServices> services;
     std::unique_ptr<HotkeyService> hotkey;
+    std::unique_ptr<SettingsWindow> settingsWindow;
     std::unique_ptr<PaletteController> paletteController;
     Phase _phase = Phase::launching;
     TaskHandle servicesTask, indexTask, stopTask;

@@ -1,4 +1,5 @@
 #include "Support/Descriptor.h"
+#include "Vorrel/Platform/Headless/HeadlessHotkeys.h"
 #include "Vorrel/Platform/Linux/ActivationSignal.h"
 #include "Vorrel/Platform/Linux/LinuxPlatform.h"
 #include "Vorrel/Shell/KorvaneApp.h"
@@ -81,6 +82,7 @@ int main(int count, char **words)
     QtPasteboard pasteboard;
     TrayStatusItem status;
     ActivationListener activation;
+    HeadlessHotkeys hotkeys;
     const Platform ports = system.ports(dialogs, pasteboard, true);
 
     std::unique_ptr<AppDelegate> delegate;
@@ -89,12 +91,14 @@ int main(int count, char **words)
         .platform = ports,
         .status = status,
         .activation = activation,
+        .hotkeys = hotkeys,
         .makeWindow =
             [&](PaletteController &controller) {
                 auto window = std::make_unique<QtPaletteWindow>(controller, ports, appearance);
                 dialogs.palette = [surface = QPointer<QWidget>(window->surface())] { return surface.data(); };
                 return window;
             },
+        .makeSettingsWindow = [](SettingsState &) { return std::unique_ptr<SettingsWindow>(); },
         .arguments = arguments,
         .terminate = quit,
     });

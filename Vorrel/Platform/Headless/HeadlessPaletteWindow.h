@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Vorrel/Platform/PaletteWindow.h"
+#include "Vorrel/Platform/SettingsWindow.h"
 
 #include <string>
 
@@ -63,6 +64,13 @@ public:
 private:
     std::size_t ended = 0;
     std::function<void()> keyboardLost;
+};
+
+/// Counts how often it was shown.
+class HeadlessSettingsWindow final : public SettingsWindow {
+public:
+    void showCentred() override { ++shown; }
+    int shown = 0;
 };
 
 } // namespace korvane

@@ -28,6 +28,12 @@ Task<bool> HeadlessSystemControl::openFolder(std::string path)
     co_return opensFolders;
 }
 
+Task<bool> HeadlessSystemControl::openSettings(SettingsPage)
+{
+    _requests.push_back("settings keyboard");
+    co_return opensSettings;
+}
+
 Task<bool> HeadlessDialogs::confirm(std::string title, std::string detail)
 {
     Question question{Question::Kind::confirm, std::move(title), std::move(detail), {}};

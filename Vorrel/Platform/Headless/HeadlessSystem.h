@@ -22,13 +22,15 @@ public:
     Task<SystemOutcome> sleep() override;
     Task<SystemOutcome> emptyTrash() override;
     Task<bool> openFolder(std::string path) override;
+    Task<bool> openSettings(SettingsPage page) override;
 
     SystemOutcome lockOutcome = SystemOutcome::done;
     SystemOutcome sleepOutcome = SystemOutcome::done;
     SystemOutcome trashOutcome = SystemOutcome::done;
     bool opensFolders = true;
+    bool opensSettings = true;
 
-    /// "lock", "sleep", "trash", "open " and the folder, in their order.
+    /// "lock", "sleep", "trash", "open " and the folder, "settings keyboard", in their order.
     const std::vector<std::string> &requests() const { return _requests; }
 
 private:

@@ -149,4 +149,6 @@ Task<bool> LinuxSystemControl::openFolder(std::string path)
     co_return shown == Shown::Yes;
 }
 
+Task<bool> LinuxSystemControl::openSettings(SettingsPage) { co_return false; }
+
 } // namespace korvane

@@ -32,6 +32,7 @@ public:
     Task<SystemOutcome> sleep() override;
     Task<SystemOutcome> emptyTrash() override;
     Task<bool> openFolder(std::string path) override;
+    Task<bool> openSettings(SettingsPage page) override;
 
 private:
     Workspace &workspace;

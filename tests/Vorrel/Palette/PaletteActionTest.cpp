@@ -505,7 +505,7 @@ TEST(PaletteAction, SettingsForFileAccessOpenAtTheFilesTab)
 {
     TestPalette palette;
     palette.state->openFilePrivacySettings();
-    EXPECT_EQ(palette.services->preferences().selectedTab, SettingsState::Tab::files);
+    EXPECT_EQ(palette.services->preferences().selectedTab.get(), SettingsState::Tab::files);
     EXPECT_EQ(palette.log, Strings{"settings"});
 }
 

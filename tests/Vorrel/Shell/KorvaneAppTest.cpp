@@ -1,5 +1,6 @@
 #include "tests/support/TestPalette.h"
 
+#include "Vorrel/Platform/Headless/HeadlessHotkeys.h"
 #include "Vorrel/Platform/Headless/HeadlessPaletteWindow.h"
 #include "Vorrel/Shell/AppLog.h"
 #include "Vorrel/Shell/KorvaneApp.h"
@@ -38,10 +39,17 @@ struct TestApp : HeadlessDesktop {
             .platform = platform(),
             .status = status,
             .activation = receiver,
+            .hotkeys = hotkeys,
             .makeWindow =
                 [this](PaletteController &) {
                     auto made = std::make_unique<HeadlessPaletteWindow>();
                     window = made.get();
+                    return made;
+                },
+            .makeSettingsWindow =
+                [this](SettingsState &) {
+                    auto made = std::make_unique<HeadlessSettingsWindow>();
+                    settingsWindow = made.get();
                     return made;
                 },
             .arguments = std::move(arguments),
@@ -104,7 +112,9 @@ struct TestApp : HeadlessDesktop {
 
     HeadlessStatusItem status;
     HeadlessActivationReceiver receiver;
+    HeadlessHotkeys hotkeys;
     HeadlessPaletteWindow *window = nullptr;
+    HeadlessSettingsWindow *settingsWindow = nullptr;
     std::shared_ptr<AppServices> services;
     ScriptedIndex *index = nullptr;
     ScriptedClipboard *clipboard = nullptr;
@@ -274,15 +284,15 @@ TEST(AppDelegate, TheSettingsKnowTheKeyThatIsBound)
     TestApp app;
     app.launch();
     SettingsState &settings = app.services->preferences();
-    EXPECT_EQ(settings.activeHotkey, HotkeyConfiguration());
+    EXPECT_EQ(settings.activeHotkey.get(), HotkeyConfiguration());
     const HotkeyConfiguration other{.keyCode = 40, .modifiers = 256};
     settings.hotkeyIssue = "an earlier failure";
     settings.updateHotkey(other);
-    EXPECT_EQ(settings.activeHotkey, other);
-    EXPECT_FALSE(settings.hotkeyIssue);
-    settings.activeHotkey.reset();
+    EXPECT_EQ(settings.activeHotkey.get(), other);
+    EXPECT_FALSE(settings.hotkeyIssue.get());
+    settings.activeHotkey = std::nullopt;
     settings.recordingHotkeyChanged(true);
-    EXPECT_EQ(settings.activeHotkey, other);
+    EXPECT_EQ(settings.activeHotkey.get(), other);
 }
 
 TEST(AppDelegate, NothingOpensOnceItIsQuitting)

@@ -606,14 +606,18 @@ TEST(L10nTables, TheLinuxTableRewordsExactlyWhatWouldMislead)
 {
     const Texts reworded{
         "A previous file access check is still waiting for macOS. Respond to its permission prompt before retrying.",
+        "Choose a shortcut with Command, Option or Control.",
         "Choose an installed application bundle.",
         "Enable Korvane in System Settings → Privacy & Security → Accessibility to lock the screen.",
         "File access timed out. Respond to any macOS permission prompt, check the file is available locally, then retry.",
         "Finder could not empty the Trash. Check Automation permissions and try again.",
         "Finder could not open this folder.",
+        "Global shortcuts are unavailable. Open Korvane from the menu bar and try again.",
         "Korvane cannot read this file. Review Files & Folders access in System Settings, then retry.",
         "Open Finder",
+        "Open System Settings → Keyboard → Keyboard Shortcuts.",
         "Show in Finder",
+        "This shortcut could not be registered. It may be used by macOS or another app. Choose a different shortcut.",
         "macOS did not allow this sleep request.",
     };
     EXPECT_EQ(keysOf(programTable("en", "Platform-linux.strings")), reworded);
