@@ -55,6 +55,7 @@ public:
     enum class Phase { launching, failed, ready, terminating };
     Phase phase() const { return _phase; }
     PaletteController *controller() { return paletteController.get(); } ///< Null until the services are up.
+    SettingsState *preferences() { return services ? &services->preferences() : nullptr; } ///< Null until the store is open.
 
 private:
     Task<void> startServices();

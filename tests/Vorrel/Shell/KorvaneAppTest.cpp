@@ -82,6 +82,8 @@ struct TestApp : HeadlessDesktop {
         if (createFailure)
             std::rethrow_exception(createFailure);
         auto database = co_await Database::open(loop.executor(), ":memory:", Database::Access::readWrite);
+        if (brokenPreferences)
+            co_await SettingsRepository(database).save("preferences", JSONValue::Object());
         AppServices::Injected injected;
         injected.fileIndex = std::make_unique<ScriptedIndex>();
         injected.clipboard = std::make_unique<ScriptedClipboard>();
@@ -122,6 +124,7 @@ struct TestApp : HeadlessDesktop {
     std::unique_ptr<AppDelegate> delegate;
     std::exception_ptr createFailure;
     Milliseconds createDelay{0}, indexDelay{0};
+    bool brokenPreferences = false;
     Strings log, messages;
     int replies = 0;
 };
@@ -293,6 +296,139 @@ TEST(AppDelegate, TheSettingsKnowTheKeyThatIsBound)
     settings.activeHotkey = std::nullopt;
     settings.recordingHotkeyChanged(true);
     EXPECT_EQ(settings.activeHotkey.get(), other);
+}
+
+TEST(AppDelegate, TheGlobalKeyOpensAndClosesThePalette)
+{
+    TestApp app;
+    app.launch();
+    EXPECT_EQ(app.hotkeys.held, std::vector{HotkeyConfiguration()});
+    EXPECT_TRUE(app.hotkeys.press(HotkeyConfiguration()));
+    EXPECT_TRUE(app.delegate->controller()->presented());
+    EXPECT_TRUE(app.logged("app: Global shortcut triggered"));
+    EXPECT_TRUE(app.delegate->handleKeyDown(49, HotkeyConfiguration::option, false)) << "as a key of the palette's own window";
+    EXPECT_FALSE(app.delegate->controller()->presented());
+    EXPECT_EQ(app.settingsWindow->shown, 0);
+}
+
+TEST(AppDelegate, TheKeyOfTheStoredPreferencesIsRegistered)
+{
+    const DataFolder data;
+    const HotkeyConfiguration commandK{.keyCode = 40, .modifiers = HotkeyConfiguration::command};
+    {
+        TestApp app({}, data.path);
+        app.launch();
+        AppPreferences draft = app.delegate->preferences()->preferences;
+        draft.hotkey = commandK;
+        app.delegate->preferences()->preferences = draft;
+        app.delegate->preferences()->save();
+        app.loop.runUntilIdle();
+        EXPECT_EQ(app.hotkeys.held, std::vector{commandK});
+        app.terminate();
+        EXPECT_TRUE(app.hotkeys.held.empty());
+    }
+    TestApp again({}, data.path);
+    again.launch();
+    EXPECT_EQ(again.hotkeys.held, std::vector{commandK});
+    EXPECT_EQ(again.delegate->preferences()->activeHotkey.get(), commandK);
+    again.terminate();
+}
+
+TEST(AppDelegate, AKeyThatIsTakenAtLaunchOpensTheSettingsAndTheLaunchGoesOn)
+{
+    TestApp app({"--show"});
+    app.hotkeys.taken = {HotkeyConfiguration()};
+    app.launch();
+    EXPECT_EQ(app.settingsWindow->shown, 1);
+    EXPECT_EQ(app.delegate->phase(), AppDelegate::Phase::ready);
+    EXPECT_TRUE(app.delegate->controller()->presented());
+    const SettingsState &settings = app.services->preferences();
+    EXPECT_EQ(settings.hotkeyIssue.get(),
+        "This shortcut could not be registered. It may be used by macOS or another app. Choose a different shortcut.");
+    EXPECT_EQ(settings.hotkeyAttempt.get(), HotkeyConfiguration());
+    EXPECT_FALSE(settings.activeHotkey.get());
+    EXPECT_TRUE(app.dialogs.asked().empty());
+}
+
+TEST(AppDelegate, WithoutGlobalShortcutsTheWayRoundIsToldAndTheSecondLaunchWorks)
+{
+    TestApp app;
+    app.hotkeys.unavailable = true;
+    app.launch();
+    EXPECT_EQ(app.settingsWindow->shown, 1);
+    EXPECT_EQ(app.services->preferences().hotkeyIssue.get(),
+        "Global shortcuts are unavailable. Open Korvane from the menu bar and try again.");
+    app.receiver.receive();
+    EXPECT_TRUE(app.delegate->controller()->presented());
+}
+
+TEST(AppDelegate, AKeyThatTheSystemTakesBackIsToldInTheSettings)
+{
+    TestApp app;
+    app.launch();
+    app.hotkeys.handlers.lost(HotkeyRegistrationError(HotkeyRegistrationError::Reason::rejected, 10));
+    EXPECT_EQ(app.settingsWindow->shown, 1);
+    EXPECT_EQ(app.services->preferences().hotkeyAttempt.get(), HotkeyConfiguration());
+    EXPECT_FALSE(app.services->preferences().activeHotkey.get());
+    EXPECT_EQ(app.delegate->phase(), AppDelegate::Phase::ready);
+}
+
+TEST(AppDelegate, WhileTheRecorderListensTheKeyIsFree)
+{
+    TestApp app;
+    app.launch();
+    SettingsState &settings = app.services->preferences();
+    settings.recordingHotkeyChanged(true);
+    EXPECT_TRUE(app.hotkeys.held.empty());
+    EXPECT_FALSE(app.delegate->handleKeyDown(49, HotkeyConfiguration::option, false));
+    settings.recordingHotkeyChanged(false);
+    EXPECT_TRUE(app.hotkeys.press(HotkeyConfiguration()));
+    EXPECT_EQ(settings.activeHotkey.get(), HotkeyConfiguration());
+}
+
+TEST(AppDelegate, AKeyThatIsTakenDuringRecordingLeavesNoneAndSaysSo)
+{
+    TestApp app;
+    app.launch();
+    SettingsState &settings = app.services->preferences();
+    settings.recordingHotkeyChanged(true);
+    app.hotkeys.taken = {HotkeyConfiguration()};
+    settings.recordingHotkeyChanged(false);
+    EXPECT_TRUE(settings.hotkeyIssue.get());
+    EXPECT_EQ(settings.hotkeyAttempt.get(), HotkeyConfiguration());
+    EXPECT_FALSE(settings.activeHotkey.get());
+}
+
+TEST(AppDelegate, SettingsOpenFromTheMenuThePaletteAndTheFlag)
+{
+    TestApp app({"--settings"});
+    app.launch();
+    EXPECT_EQ(app.settingsWindow->shown, 1);
+    app.status.choose("Settings…");
+    EXPECT_EQ(app.settingsWindow->shown, 2);
+    app.delegate->controller()->state().openSettings();
+    EXPECT_EQ(app.settingsWindow->shown, 3);
+    app.terminate();
+    app.status.choose("Settings…");
+    EXPECT_EQ(app.settingsWindow->shown, 3) << "nothing opens once it is quitting";
+}
+
+TEST(AppDelegate, PreferencesThatCannotBeReadAreAFailedStart)
+{
+    TestApp app;
+    app.createDelay = 1s;
+    app.launch();
+    app.brokenPreferences = true;
+    app.clock.advance(1s);
+    ASSERT_EQ(app.dialogs.asked().size(), 1u);
+    EXPECT_EQ(app.dialogs.asked()[0].title, "Korvane could not start");
+    EXPECT_EQ(app.delegate->phase(), AppDelegate::Phase::failed);
+    EXPECT_TRUE(app.status.choose("Settings…"));
+    EXPECT_FALSE(app.settingsWindow);
+    EXPECT_TRUE(app.hotkeys.held.empty());
+    app.dialogs.accept();
+    app.terminate();
+    EXPECT_FALSE(app.index->started && !app.index->stopped);
 }
 
 TEST(AppDelegate, NothingOpensOnceItIsQuitting)
