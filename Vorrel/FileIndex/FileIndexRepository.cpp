@@ -144,7 +144,7 @@ Task<std::vector<IndexedFile>> FileIndexRepository::search(std::string text, std
         co_return std::vector<IndexedFile>();
     Database::Question byEachName = question(query, parent, limit, NameLookup::eachName);
     if (!hasLongTerms(query))
-        co_return filesFrom(co_await database->rows(std::move(byEachName), searchBudget));
+        co_return filesFrom(co_await database->rows(std::move(byEachName.sql), std::move(byEachName.values), searchBudget));
     Database::Question byTable = question(query, parent, limit, NameLookup::nameTable);
     try {
         co_return filesFrom(co_await database->rowsIf(nameTableListed, std::move(byTable), byEachName, searchBudget));
@@ -153,15 +153,14 @@ Task<std::vector<IndexedFile>> FileIndexRepository::search(std::string text, std
         if (error.errorDescription() != cannotBePrepared)
             throw;
     }
-    co_return filesFrom(co_await database->rows(std::move(byEachName), searchBudget));
+    co_return filesFrom(co_await database->rows(std::move(byEachName.sql), std::move(byEachName.values), searchBudget));
 }
 
 Database::Question FileIndexRepository::question(
     const FileSearchQuery &query, const std::optional<std::string> &parent, int limit, NameLookup names) const
 {
     CompiledSearch search = compile(query, parent, limit, names, folders);
-    const auto likes = search.usesNameIndex ? Database::Likes::builtIn : Database::Likes::fast;
-    return {std::move(search.sql), std::move(search.values), likes};
+    return {std::move(search.sql), std::move(search.values)};
 }
 
 Task<std::vector<IndexedFile>> FileIndexRepository::list(std::string parent, std::string sort, long long limit) const

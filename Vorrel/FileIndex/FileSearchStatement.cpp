@@ -83,7 +83,7 @@ public:
         addOrder();
         sql += " LIMIT ?";
         bind(double(std::clamp(limit, 1, mostRows)));
-        return {std::move(sql), std::move(values), isLoneShort()};
+        return {std::move(sql), std::move(values)};
     }
 
 private:
@@ -111,9 +111,8 @@ private:
     {
         for (const auto &term : query.terms)
             if (!isLong(term))
-                addName(isLoneShort() ? escapedLike(term) + "%" : containing(term));
+                addName(query.terms.size() == 1 ? escapedLike(term) + "%" : containing(term));
     }
-    bool isLoneShort() const { return query.terms.size() == 1 && !isLong(query.terms.front()); }
 
     void addName(std::string pattern)
     {

@@ -16,7 +16,6 @@ namespace korvane {
 struct CompiledSearch {
     std::string sql;
     std::vector<SQLValue> values;
-    bool usesNameIndex; ///< Whether a `LIKE` of the statement is answered by an index.
 };
 
 /// How a term of three characters and more is found: in the table of names, which knows every three characters in a row,

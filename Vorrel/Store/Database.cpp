@@ -1,7 +1,6 @@
 #include "Vorrel/Store/Database.h"
 
 #include "CommandCore/Commands.h"
-#include "Vorrel/Store/FastLike.h"
 
 #include <sqlite3.h>
 
@@ -337,8 +336,8 @@ struct Database::Connection {
     ~Connection() { close(); }
 
     void open();
-    std::vector<SQLRow> rows(
-        const Question &question, std::optional<std::chrono::duration<double>> timeout, const std::stop_token &stop);
+    std::vector<SQLRow> rows(const std::string &sql, const std::vector<SQLValue> &values,
+        std::optional<std::chrono::duration<double>> timeout, const std::stop_token &stop);
     void execute(const std::string &sql, const std::vector<SQLValue> &values);
     void executeBatch(const std::string &sql, const std::vector<std::vector<SQLValue>> &rows);
     void executeBatches(const std::vector<SQLBatch> &batches, Effort effort);
@@ -367,13 +366,11 @@ private:
     bool fileHasGone();
     void settleGoneFile();
 
-    void use(Likes wanted);
     Statement begin(const std::string &sql, const std::vector<SQLValue> &values, int &code);
     void runAll(const std::string &sql, const std::vector<std::vector<SQLValue>> &rows);
 
     sqlite3 *handle = nullptr;
     QueryCache queries;
-    Likes likes = Likes::builtIn;
     std::string logPath; ///< The write-ahead log's path, as SQLite names it.
     std::optional<FileIdentity> log; ///< The write-ahead log that this connection writes; nothing if it needs none.
     bool settled = false;
@@ -500,23 +497,22 @@ void Database::Connection::settleGoneFile()
     sqlite3_wal_checkpoint_v2(handle, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
 }
 
-std::vector<SQLRow> Database::Connection::rows(
-    const Question &question, std::optional<std::chrono::duration<double>> timeout, const std::stop_token &stop)
+std::vector<SQLRow> Database::Connection::rows(const std::string &sql, const std::vector<SQLValue> &values,
+    std::optional<std::chrono::duration<double>> timeout, const std::stop_token &stop)
 {
     if (stop.stop_requested())
         throw Cancelled();
     requireOpen();
-    use(question.likes);
     QueryBudget budget{uptime() + (timeout ? timeout->count() : std::numeric_limits<double>::max()), uptime, stop};
     const ProgressHandler handler(handle, budget);
     int code = SQLITE_OK;
-    Statement statement = begin(question.sql, question.values, code);
+    Statement statement = begin(sql, values, code);
     std::vector<SQLRow> rows;
     for (; code == SQLITE_ROW; code = sqlite3_step(statement.get()))
         rows.push_back(rowOf(statement.get()));
     if (code == SQLITE_DONE) {
-        if (QueryCache::keeps(question.sql))
-            queries.keep(question.sql, std::move(statement));
+        if (QueryCache::keeps(sql))
+            queries.keep(sql, std::move(statement));
         return rows;
     }
     if (code != SQLITE_INTERRUPT)
@@ -524,20 +520,6 @@ std::vector<SQLRow> Database::Connection::rows(
     if (stop.stop_requested())
         throw Cancelled();
     throw AppError(AppError::Kind::recoverable, "File search took too long. Add a filename or folder filter and try again.");
-}
-
-/// No statement is kept across the change. It would be prepared anew by itself, but with the dependence on its values that it
-/// had at first: one prepared under the fast `LIKE`, which takes no index, would then keep the range of an index for the
-/// next value too.
-void Database::Connection::use(Likes wanted)
-{
-    const bool foldsCase = access == Access::readOnly || !onDisk();
-    if (wanted == likes || !foldsCase)
-        return;
-    queries.clear();
-    const int code = wanted == Likes::fast ? installFastLike(handle) : removeFastLike(handle);
-    if (code == SQLITE_OK)
-        likes = wanted;
 }
 
 /// A query after its first step, which gives `code`. A kept statement that cannot go on, because what it asks has gone,
@@ -680,14 +662,8 @@ Task<std::shared_ptr<Database>> Database::open(
 Task<std::vector<SQLRow>> Database::rows(
     std::string sql, std::vector<SQLValue> values, std::optional<std::chrono::duration<double>> timeout)
 {
-    Question question{std::move(sql), std::move(values)};
-    co_return co_await rows(std::move(question), timeout);
-}
-
-Task<std::vector<SQLRow>> Database::rows(Question question, std::optional<std::chrono::duration<double>> timeout)
-{
-    auto work = [connection = connection, question = std::move(question), timeout](
-                    std::stop_token stop) { return connection->rows(question, timeout, stop); };
+    auto work = [connection = connection, sql = std::move(sql), values = std::move(values), timeout](
+                    std::stop_token stop) { return connection->rows(sql, values, timeout, stop); };
     co_await throwIfCancelled();
     co_return co_await connection->actor.run(std::move(work));
 }
@@ -695,10 +671,11 @@ Task<std::vector<SQLRow>> Database::rows(Question question, std::optional<std::c
 Task<std::vector<SQLRow>> Database::rowsIf(
     std::string probe, Question ifAny, Question ifNone, std::optional<std::chrono::duration<double>> timeout)
 {
-    auto work = [connection = connection, probe = Question{std::move(probe), {}, ifAny.likes}, ifAny = std::move(ifAny),
-                    ifNone = std::move(ifNone), timeout](std::stop_token stop) {
-        const bool any = !connection->rows(probe, {}, stop).empty();
-        return connection->rows(any ? ifAny : ifNone, timeout, stop);
+    auto work = [connection = connection, probe = std::move(probe), ifAny = std::move(ifAny), ifNone = std::move(ifNone),
+                    timeout](std::stop_token stop) {
+        const bool any = !connection->rows(probe, {}, {}, stop).empty();
+        const Question &question = any ? ifAny : ifNone;
+        return connection->rows(question.sql, question.values, timeout, stop);
     };
     co_await throwIfCancelled();
     co_return co_await connection->actor.run(std::move(work));

@@ -61,17 +61,11 @@ public:
     /// filename or folder filter and try again." Without one only cancellation ends it early.
     Task<std::vector<SQLRow>> rows(
         std::string sql, std::vector<SQLValue> values = {}, std::optional<std::chrono::duration<double>> timeout = {});
-    /// How a query's `LIKE` is computed. `fast` means the same and is several times as fast where many rows are asked, but
-    /// takes no index; a connection that writes a store on disk, which compares by case, does not have it.
-    enum class Likes { builtIn, fast };
     /// A query with its values.
     struct Question {
         std::string sql;
         std::vector<SQLValue> values = {};
-        Likes likes = Likes::builtIn;
     };
-    /// Rows of one query, as above.
-    Task<std::vector<SQLRow>> rows(Question question, std::optional<std::chrono::duration<double>> timeout);
     /// Rows of `ifAny` where `probe` has an answer and of `ifNone` where it has none, in one turn of the connection.
     /// `timeout` bounds the second query.
     Task<std::vector<SQLRow>> rowsIf(

@@ -307,18 +307,3 @@ TEST(FileIndexOracle, ThousandsOfRandomSearchesWithoutTheNameTableFindWhatALoopF
         compareWithOracle(seed, false);
     }
 }
-
-// A lone short term may be prepared from the text of a statement that served a long one before, and its first value must not
-// stay in it.
-TEST(FileIndexOracle, ShortTermsAfterALongOneEachFindTheirOwnNames)
-{
-    IndexStore store;
-    store.removeNameTable();
-    store.add({"/srv/a_b.txt", "/srv/概要.png", "/srv/report.pdf"});
-    const FileIndexRepository reading = store.reader();
-    for (const char *text : {"a_b", "p3", "概", "_b.", "re", "概", "report", "zz", "a_", "re"}) {
-        SCOPED_TRACE(text);
-        const bool known = std::string_view(text) != "p3" && std::string_view(text) != "zz";
-        EXPECT_EQ(store.search(reading, text, std::nullopt, 1000).size(), known ? 1u : 0u);
-    }
-}
