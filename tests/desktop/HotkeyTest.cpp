@@ -383,10 +383,12 @@ TEST_F(Hotkey, AModifierTappedWhileTheKeyIsHeldIsNoSecondPress)
 
 TEST_F(Hotkey, WhileSuspendedTheKeyReachesAWindow)
 {
+    hotkeys.remove();
     HotkeyService service(hotkeys, [this] { ++pressed; });
     service.registerHotkey(optionSpace);
     other.takeKeyboard();
     service.suspend(true);
+    settle(); // the server hears of it
     keys.combine(FakeKeyboard::alt, FakeKeyboard::space);
     settle();
     EXPECT_EQ(pressed, 0);
@@ -401,6 +403,7 @@ TEST_F(Hotkey, OfTwoLeasesOnOneKeyTheLastToGoGivesItBack)
     std::optional<HotkeyLease> second(hotkeys.reserve(optionSpace));
     EXPECT_TRUE(optionSpaceFires());
     first.reset();
+    settle();
     EXPECT_TRUE(optionSpaceFires());
     EXPECT_FALSE(other.grab(altMask, FakeKeyboard::space));
     second.reset();
