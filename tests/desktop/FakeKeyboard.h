@@ -37,4 +37,7 @@ private:
     const std::uint32_t root;
 };
 
+/// Lets a window manager that has the program's own default key for its menu give that up, on a desktop of the test's.
+void freeDefaultKey();
+
 } // namespace korvane::test
