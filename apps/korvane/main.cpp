@@ -70,7 +70,6 @@ int main(int count, char **words)
     if (nonEmpty(environment, "WAYLAND_DISPLAY") && nonEmpty(environment, "DISPLAY") && !nonEmpty(environment, "QT_QPA_PLATFORM"))
         qputenv("QT_QPA_PLATFORM", "xcb");
     QApplication::setDesktopFileName("dev.korvane.vorrel");
-    QApplication::setApplicationDisplayName("Korvane");
     QApplication application(count, words);
     QApplication::setQuitOnLastWindowClosed(false);
 
