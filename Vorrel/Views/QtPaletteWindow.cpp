@@ -339,8 +339,10 @@ PaletteView &QtPaletteWindow::view() const { return _surface->view(); }
 /// A report may be of a moment ago, and the window manager still at work.
 void QtPaletteWindow::noteKeyboard()
 {
-    if (_surface->isVisible() && x11::keyboardOf(*_surface) == x11::Keyboard::Ours)
-        keyboardSettled();
+    if (!_surface->isVisible() || x11::keyboardOf(*_surface) != x11::Keyboard::Ours)
+        return;
+    hadKeyboard = true;
+    keyboardSettled();
 }
 
 static ScreenRect rectFrom(const QRect &rect) { return {rect.x(), rect.y(), rect.width(), rect.height()}; }
@@ -406,8 +408,10 @@ void QtPaletteWindow::bringToFront()
     if (_surface->hasView())
         view().refresh();
     const bool appears = !_surface->isVisible();
-    if (appears)
+    if (appears) {
+        hadKeyboard = false;
         takeShape();
+    }
     const std::uint32_t asked = userTime();
     const std::uint32_t time = asked ? asked : x11::serverTime();
     x11::setUserTime(*_surface, time);
@@ -480,10 +484,11 @@ void QtPaletteWindow::onKeyboardLost(std::function<void()> lost) { keyboardLost 
 
 bool QtPaletteWindow::keyboardIsLost() const
 {
+    const bool fresh = clock.uptime() - shownAt < freshFor;
     switch (x11::keyboardOf(*_surface)) {
     case x11::Keyboard::Ours: return false; // the report is older than the keyboard's return
-    case x11::Keyboard::Nobody: return clock.uptime() - shownAt >= freshFor;
-    case x11::Keyboard::Other: break;
+    case x11::Keyboard::Nobody: return !fresh;
+    case x11::Keyboard::Other: return hadKeyboard || !fresh; // else the report is of the showing before
     }
     return true;
 }

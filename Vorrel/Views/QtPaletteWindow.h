@@ -78,6 +78,7 @@ private:
     std::unique_ptr<Surface> _surface;
     std::unique_ptr<Fade> fade;
     QPoint wanted; // the palette's upper left corner
+    bool hadKeyboard = false; // since it was shown
     double shownAt = 0; // by the clock that never jumps
     std::function<void()> keyboardLost = [] {};
     TaskHandle settling, following;
