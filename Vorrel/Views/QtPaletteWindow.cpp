@@ -93,6 +93,7 @@ public:
 
     int margin = 0;
     std::function<void()> deactivated = [] {};
+    std::function<void()> gainedKeyboard = [] {};
 
 protected:
     bool event(QEvent *event) override
@@ -271,7 +272,10 @@ private:
     QPoint grip;
     QPixmap shadow;
     qreal shadowRatio = 0;
-    x11::FocusWatch focusWatch{*this, [this] { noteKeyboard(); }};
+    x11::FocusWatch focusWatch{*this, [this] {
+                                   noteKeyboard();
+                                   gainedKeyboard();
+                               }};
 };
 
 /// One change of opacity at a time; a new one ends the one before without its completion being lost.
@@ -323,6 +327,7 @@ QtPaletteWindow::QtPaletteWindow(PaletteController &controller, const Platform &
     _surface(std::make_unique<Surface>(controller, appearance, *icons)), fade(std::make_unique<Fade>(*_surface))
 {
     _surface->deactivated = [this] { deactivated(); };
+    _surface->gainedKeyboard = [this] { noteKeyboard(); };
 }
 
 QtPaletteWindow::~QtPaletteWindow() = default;
@@ -330,6 +335,15 @@ QtPaletteWindow::~QtPaletteWindow() = default;
 QWidget *QtPaletteWindow::surface() const { return _surface.get(); }
 
 PaletteView &QtPaletteWindow::view() const { return _surface->view(); }
+
+/// A report may be of a moment ago, and the window manager still at work.
+void QtPaletteWindow::noteKeyboard()
+{
+    if (!_surface->isVisible() || x11::keyboardOf(*_surface) != x11::Keyboard::Ours)
+        return;
+    hadKeyboard = true;
+    keyboardSettled();
+}
 
 static ScreenRect rectFrom(const QRect &rect) { return {rect.x(), rect.y(), rect.width(), rect.height()}; }
 
@@ -394,15 +408,19 @@ void QtPaletteWindow::bringToFront()
     if (_surface->hasView())
         view().refresh();
     const bool appears = !_surface->isVisible();
-    if (appears)
+    if (appears) {
+        hadKeyboard = false;
         takeShape();
-    const std::uint32_t time = userTime ? std::exchange(userTime, 0) : x11::serverTime();
+    }
+    const std::uint32_t asked = userTime();
+    const std::uint32_t time = asked ? asked : x11::serverTime();
     x11::setUserTime(*_surface, time);
     _surface->show();
     _surface->raise();
     _surface->activateWindow();
     x11::activate(*_surface, time);
     shownAt = clock.uptime();
+    noteKeyboard(); // one on its way out still has it, and nothing will be reported
     if (appears) {
         Task<void> task = settle(clock, this);
         settling = spawn(mainThread, std::move(task));
@@ -423,6 +441,7 @@ void QtPaletteWindow::orderOut()
     settling.cancel();
     following.cancel();
     _surface->hide();
+    keyboardSettled();
 }
 
 void QtPaletteWindow::animateOpacity(double opacity, Milliseconds duration, std::function<void()> completed)
@@ -465,10 +484,11 @@ void QtPaletteWindow::onKeyboardLost(std::function<void()> lost) { keyboardLost 
 
 bool QtPaletteWindow::keyboardIsLost() const
 {
+    const bool fresh = clock.uptime() - shownAt < freshFor;
     switch (x11::keyboardOf(*_surface)) {
     case x11::Keyboard::Ours: return false; // the report is older than the keyboard's return
-    case x11::Keyboard::Nobody: return clock.uptime() - shownAt >= freshFor;
-    case x11::Keyboard::Other: break;
+    case x11::Keyboard::Nobody: return !fresh;
+    case x11::Keyboard::Other: return hadKeyboard || !fresh; // else the report is of the showing before
     }
     return true;
 }

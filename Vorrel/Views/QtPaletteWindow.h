@@ -50,8 +50,11 @@ public:
     /// The window that dialogs stand over.
     QWidget *surface() const;
     PaletteView &view() const;
-    /// The server's time of the key or the click that the next `bringToFront` answers.
-    void setUserTime(std::uint32_t time) { userTime = time; }
+
+    /// Asked by `bringToFront` for the server's time of the key that it answers; 0 when it answers none.
+    std::function<std::uint32_t()> userTime = [] { return 0; };
+    /// Told when the window really has the keyboard, and when it will not get it any more.
+    std::function<void()> keyboardSettled = [] {};
 
 private:
     class Surface;
@@ -60,6 +63,7 @@ private:
     QDialog *sheet() const;
     void takeShape();
     void deactivated();
+    void noteKeyboard();
     /// Whether the keyboard is lost for good, not on its way back.
     bool keyboardIsLost() const;
     /// Looks again until it is clear where the keyboard went: the toolkit reports a loss only once.
@@ -74,7 +78,7 @@ private:
     std::unique_ptr<Surface> _surface;
     std::unique_ptr<Fade> fade;
     QPoint wanted; // the palette's upper left corner
-    std::uint32_t userTime = 0;
+    bool hadKeyboard = false; // since it was shown
     double shownAt = 0; // by the clock that never jumps
     std::function<void()> keyboardLost = [] {};
     TaskHandle settling, following;

@@ -1,6 +1,6 @@
 #include "Support/Descriptor.h"
-#include "Vorrel/Platform/Headless/HeadlessHotkeys.h"
 #include "Vorrel/Platform/Linux/ActivationSignal.h"
+#include "Vorrel/Platform/Linux/LinuxHotkeys.h"
 #include "Vorrel/Platform/Linux/LinuxPlatform.h"
 #include "Vorrel/Shell/KorvaneApp.h"
 #include "Vorrel/Views/ActivationListener.h"
@@ -70,7 +70,6 @@ int main(int count, char **words)
     if (nonEmpty(environment, "WAYLAND_DISPLAY") && nonEmpty(environment, "DISPLAY") && !nonEmpty(environment, "QT_QPA_PLATFORM"))
         qputenv("QT_QPA_PLATFORM", "xcb");
     QApplication::setDesktopFileName("dev.korvane.vorrel");
-    QApplication::setApplicationDisplayName("Korvane");
     QApplication application(count, words);
     QApplication::setQuitOnLastWindowClosed(false);
 
@@ -82,7 +81,7 @@ int main(int count, char **words)
     QtPasteboard pasteboard;
     TrayStatusItem status;
     ActivationListener activation;
-    HeadlessHotkeys hotkeys;
+    LinuxHotkeys hotkeys(mainLoop.executor(), system.pool.executor(), system.clock, environment, L10n::shown("Open Korvane"));
     const Platform ports = system.ports(dialogs, pasteboard, true);
 
     std::unique_ptr<AppDelegate> delegate;
@@ -95,6 +94,8 @@ int main(int count, char **words)
         .makeWindow =
             [&](PaletteController &controller) {
                 auto window = std::make_unique<QtPaletteWindow>(controller, ports, appearance);
+                window->userTime = [&hotkeys] { return hotkeys.claimKeys(); };
+                window->keyboardSettled = [&hotkeys] { hotkeys.letKeysThrough(); };
                 dialogs.palette = [surface = QPointer<QWidget>(window->surface())] { return surface.data(); };
                 return window;
             },

@@ -1,8 +1,11 @@
 // The real program on a real desktop: started, typed into, killed. Runs inside with-desktop.sh, which gives it a
 // display, a session bus and a home of its own. Every wait looks again until a deadline.
 
+#include "tests/desktop/FakeKeyboard.h"
+
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <fcntl.h>
@@ -10,6 +13,7 @@
 #include <fstream>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <sys/wait.h>
 #include <thread>
@@ -19,6 +23,8 @@
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using Strings = std::vector<std::string>;
+
+namespace korvane::test {
 
 namespace {
 
@@ -192,6 +198,34 @@ void type(const std::string &text) { output("xdotool type --delay 10 -- '" + tex
 
 void press(const std::string &key) { output("xdotool key " + key); }
 
+/// The global key, as the program has it by default.
+void pressGlobalKey(FakeKeyboard &keyboard) { keyboard.combine(FakeKeyboard::alt, FakeKeyboard::space); }
+
+/// Another program's window, which has the keyboard.
+class OtherWindow {
+public:
+    OtherWindow() : program({"xterm", "-e", "sleep", "100"}) { }
+    bool hasKeyboard()
+    {
+        return soon([this] {
+            if (window.empty())
+                window = output("xdotool search --onlyvisible --class xterm");
+            return !window.empty() && output("xdotool getwindowfocus") == window;
+        });
+    }
+
+private:
+    Program program;
+    std::string window;
+};
+
+/// What is in the palette's field. What is selected there is in the server's primary selection.
+std::string fieldOfPalette(FakeKeyboard &keyboard)
+{
+    keyboard.combine(FakeKeyboard::control, FakeKeyboard::keyFor('a'));
+    return output("timeout 1 xclip -selection primary -o");
+}
+
 } // namespace
 
 TEST(Program, OfTwentySimultaneousStartsExactlyOneStays)
@@ -349,3 +383,60 @@ TEST(Program, ACopyMadeByTheCompanionStaysOfferedAfterItHasEnded)
     output("echo other | xclip -selection clipboard -i >/dev/null");
     EXPECT_EQ(output("timeout 3 xclip -selection clipboard -o"), "other\n");
 }
+
+TEST(Program, TheGlobalKeyShowsThePaletteAndHidesItAndTheKeyboardIsWhereItWas)
+{
+    freeDefaultKey();
+    FakeKeyboard keyboard;
+    OtherWindow other;
+    ASSERT_TRUE(other.hasKeyboard());
+    Program program({korvane});
+    ASSERT_TRUE(program.ready());
+    ASSERT_TRUE(program.says("Global shortcut registered")) << program.said();
+    for (int round = 0; round < 3; ++round) {
+        pressGlobalKey(keyboard);
+        ASSERT_TRUE(appears(program)) << program.said();
+        EXPECT_TRUE(takesKeyboard(program));
+        pressGlobalKey(keyboard);
+        EXPECT_TRUE(disappears(program));
+        EXPECT_TRUE(other.hasKeyboard());
+    }
+}
+
+TEST(Program, TwentyLettersTypedRightAfterTheGlobalKeyAreAllInTheField)
+{
+    freeDefaultKey();
+    FakeKeyboard keyboard;
+    OtherWindow other;
+    ASSERT_TRUE(other.hasKeyboard());
+    Program program({korvane});
+    ASSERT_TRUE(program.ready());
+    std::string letters = "qwertyuiopasdfghjklz";
+    for (int show = 0; show < 20; ++show) {
+        std::rotate(letters.begin(), letters.begin() + 1, letters.end()); // what stood there before is another text
+        pressGlobalKey(keyboard);
+        keyboard.type(letters);
+        ASSERT_TRUE(appears(program));
+        EXPECT_TRUE(soon([&] { return fieldOfPalette(keyboard) == letters; }, 2s)) << "show " << show;
+        pressGlobalKey(keyboard);
+        ASSERT_TRUE(other.hasKeyboard());
+        std::this_thread::sleep_for(100ms); // a person's pause, in which the window manager comes to rest
+    }
+}
+
+TEST(Program, TheGlobalKeyPressedAgainAtOnceHidesThePaletteAndGivesTheKeyboardBack)
+{
+    freeDefaultKey();
+    FakeKeyboard keyboard;
+    OtherWindow other;
+    ASSERT_TRUE(other.hasKeyboard());
+    Program program({korvane});
+    ASSERT_TRUE(program.ready());
+    pressGlobalKey(keyboard);
+    pressGlobalKey(keyboard);
+    EXPECT_TRUE(soon([&] { return program.says("Palette hidden"); }));
+    EXPECT_TRUE(disappears(program));
+    EXPECT_TRUE(other.hasKeyboard());
+}
+
+} // namespace korvane::test

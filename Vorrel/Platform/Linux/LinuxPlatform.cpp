@@ -42,7 +42,7 @@ LinuxPlatform::LinuxPlatform(Executor mainThread, std::vector<std::string> varia
     pool(poolThreads), mainThread(std::move(mainThread)), entries(DesktopEnvironment::from(environment)),
     launcher({.pool = pool.executor(), .environment = std::move(variables), .activationToken = std::move(token)}),
     workspace(pool.executor(), launcher),
-    system(pool.executor(), workspace, LinuxSystemControl::surroundingsOf(environment, folders)),
+    system(pool.executor(), workspace, launcher, LinuxSystemControl::surroundingsOf(environment, folders)),
     following(std::make_shared<Following>()),
     walker([following = following](const std::string &folder) { following->entered(folder); })
 {

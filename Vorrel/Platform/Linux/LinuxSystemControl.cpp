@@ -1,6 +1,7 @@
 #include "Vorrel/Platform/Linux/LinuxSystemControl.h"
 
 #include "Vorrel/Platform/Linux/MessageBus.h"
+#include "Vorrel/Platform/Linux/SettingsPages.h"
 
 #include <gio/gio.h>
 
@@ -110,6 +111,7 @@ LinuxSystemControl::Surroundings LinuxSystemControl::surroundingsOf(const Enviro
     surroundings.session = nonEmpty(environment, "XDG_SESSION_ID").value_or("");
     surroundings.trash.dataHome = folders.data.value_or("");
     surroundings.trash.user = ::getuid();
+    surroundings.desktop = DesktopEnvironment::from(environment);
     return surroundings;
 }
 
@@ -149,6 +151,24 @@ Task<bool> LinuxSystemControl::openFolder(std::string path)
     co_return shown == Shown::Yes;
 }
 
-Task<bool> LinuxSystemControl::openSettings(SettingsPage) { co_return false; }
+Task<bool> LinuxSystemControl::openSettings(SettingsPage page)
+{
+    if (page != SettingsPage::keyboard)
+        co_return false;
+    auto work = [desktop = surroundings.desktop](std::stop_token) { return keyboardSettingsEntry(desktop); };
+    const std::optional<std::string> entry = co_await actor.run(std::move(work));
+    co_await throwIfCancelled();
+    if (!entry)
+        co_return false;
+    try {
+        const std::vector<std::string> none;
+        co_await launcher.launch(*entry, none);
+        co_return true;
+    } catch (const Cancelled &) {
+        throw;
+    } catch (...) {
+        co_return false;
+    }
+}
 
 } // namespace korvane

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Vorrel/Platform/ApplicationLauncher.h"
+#include "Vorrel/Platform/Linux/DesktopEntries.h"
 #include "Vorrel/Platform/Linux/LinuxEnvironment.h"
 #include "Vorrel/Platform/Linux/TrashFolders.h"
 #include "Vorrel/Platform/SystemControl.h"
@@ -18,13 +20,14 @@ public:
         std::string session = {}; ///< The login session's identifier; empty when the environment has none.
         TrashPlaces trash;
         std::string applications = "/usr/share/applications"; ///< What "/Applications" opens.
+        DesktopEnvironment desktop = {}; ///< Where the settings' pages are found.
         Milliseconds limit{5000}; ///< For connecting to a bus, and for each call.
     };
     static Surroundings surroundingsOf(const Environment &environment, const UserFolders &folders);
 
-    /// `workspace` opens folders where no file manager answers on the bus.
-    LinuxSystemControl(Executor pool, Workspace &workspace, Surroundings surroundings) :
-        workspace(workspace), surroundings(std::move(surroundings)), actor(std::move(pool))
+    /// `workspace` opens folders where no file manager answers on the bus; `launcher` starts the desktop's settings.
+    LinuxSystemControl(Executor pool, Workspace &workspace, ApplicationLauncher &launcher, Surroundings surroundings) :
+        workspace(workspace), launcher(launcher), surroundings(std::move(surroundings)), actor(std::move(pool))
     {
     }
 
@@ -36,6 +39,7 @@ public:
 
 private:
     Workspace &workspace;
+    ApplicationLauncher &launcher;
     const Surroundings surroundings;
     Actor actor;
 };

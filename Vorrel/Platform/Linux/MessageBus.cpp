@@ -2,6 +2,8 @@
 
 #include <gio/gio.h>
 
+#include <algorithm>
+
 namespace korvane {
 
 /// A `GCancellable` that follows a stop token.
@@ -98,6 +100,25 @@ BusReply::Outcome outcomeOf(const GError *error)
     return BusReply::Outcome::refused;
 }
 
+const BusObject theBus{"org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus"};
+
+using Listener = std::function<void(BusSignal)>;
+
+std::string textOf(const gchar *text) { return text ? text : ""; }
+
+/// Sees every message before the library looks at it.
+GDBusMessage *passSignal(GDBusConnection *, GDBusMessage *message, gboolean incoming, gpointer listener)
+{
+    GVariant *const body = g_dbus_message_get_body(message);
+    if (incoming && body && g_dbus_message_get_message_type(message) == G_DBUS_MESSAGE_TYPE_SIGNAL)
+        (*static_cast<const Listener *>(listener))(
+            {textOf(g_dbus_message_get_path(message)), textOf(g_dbus_message_get_interface(message)),
+                textOf(g_dbus_message_get_member(message)), std::shared_ptr<GVariant>(g_variant_ref(body), g_variant_unref)});
+    return message;
+}
+
+void forgetListener(gpointer listener) { delete static_cast<Listener *>(listener); }
+
 } // namespace
 
 std::unique_ptr<MessageBus> MessageBus::open(const std::string &address, Milliseconds limit, std::stop_token stop)
@@ -130,8 +151,17 @@ bool MessageBus::emit(const std::string &path, const std::string &interface, con
     if (!g_dbus_connection_emit_signal(connection, nullptr, path.c_str(), interface.c_str(), member.c_str(), nullptr, nullptr))
         return false;
     // The bus takes messages in their order: its answer to this says that it has the signal too.
-    const BusObject bus{"org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus"};
-    return call(bus, "GetId", nullptr).outcome == BusReply::Outcome::done;
+    return call(theBus, "GetId", nullptr).outcome == BusReply::Outcome::done;
 }
+
+bool MessageBus::listen(const std::vector<std::string> &rules, Listener told)
+{
+    g_dbus_connection_add_filter(connection, passSignal, new Listener(std::move(told)), forgetListener);
+    return std::ranges::all_of(rules, [this](const std::string &rule) {
+        return call(theBus, "AddMatch", g_variant_new("(s)", rule.c_str())).outcome == BusReply::Outcome::done;
+    });
+}
+
+std::string MessageBus::name() const { return textOf(g_dbus_connection_get_unique_name(connection)); }
 
 } // namespace korvane

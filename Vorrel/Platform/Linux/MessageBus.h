@@ -2,9 +2,11 @@
 
 #include "Support/Clock.h"
 
+#include <functional>
 #include <memory>
 #include <stop_token>
 #include <string>
+#include <vector>
 
 typedef struct _GDBusConnection GDBusConnection;
 typedef struct _GVariant GVariant;
@@ -30,6 +32,14 @@ struct BusReply {
     std::shared_ptr<GVariant> values = {}; ///< The tuple that the service returned; only when done.
 };
 
+/// What a service tells everybody or, by itself, this connection.
+struct BusSignal {
+    std::string path;
+    std::string interface;
+    std::string member;
+    std::shared_ptr<GVariant> values; ///< A tuple.
+};
+
 /// A private connection to a message bus (D-Bus). Every operation blocks, none longer than the limit given to
 /// `open`, and ends early when the token given there stops. Any thread, one at a time.
 class MessageBus {
@@ -44,6 +54,11 @@ public:
     BusReply call(const BusObject &object, const char *method, GVariant *arguments);
     /// Sends a signal without arguments to whoever listens. True once the bus has it.
     bool emit(const std::string &path, const std::string &interface, const std::string &member);
+    /// Gives `told` the signals that fit one of the bus's match rules, for as long as the connection lives, and does so on a
+    /// thread of the library's. To be called once. True once the bus knows all the rules.
+    bool listen(const std::vector<std::string> &rules, std::function<void(BusSignal)> told);
+    /// The connection's own name on the bus, such as ":1.42".
+    std::string name() const;
 
 private:
     class Stop;

@@ -48,6 +48,21 @@ struct RecordingWorkspace final : Workspace {
     bool opens = true;
 };
 
+/// Remembers what it was asked to start.
+struct RecordingLauncher final : ApplicationLauncher {
+    Task<void> launch(std::string path, std::vector<std::string>) override
+    {
+        if (fails)
+            throw std::runtime_error("does not start");
+        launched.push_back(std::move(path));
+        co_return;
+    }
+    Task<void> launchAction(std::string, std::string) override { co_return; }
+
+    Strings launched;
+    bool fails = false;
+};
+
 /// The adapter on two private buses, with nobody on them yet. It has real threads, but the suite's name does not say
 /// so: ThreadSanitizer reports GLib's own, which are not instrumented.
 class LinuxSystemControlTest : public testing::Test {
@@ -69,7 +84,7 @@ protected:
 
     std::unique_ptr<LinuxSystemControl> control()
     {
-        return std::make_unique<LinuxSystemControl>(pool.executor(), workspace, around);
+        return std::make_unique<LinuxSystemControl>(pool.executor(), workspace, launcher, around);
     }
     SystemOutcome lock()
     {
@@ -85,6 +100,20 @@ protected:
     {
         const auto adapter = control();
         return await(loop, adapter->openFolder(path));
+    }
+
+    bool openKeyboardSettings()
+    {
+        const auto adapter = control();
+        return await(loop, adapter->openSettings(SettingsPage::keyboard));
+    }
+    /// Installs a page of settings and gives the path of its entry.
+    std::string settingsPage(const std::string &folder, const std::string &identifier, const std::string &more = "")
+    {
+        const fs::path path = root / folder / "applications" / (identifier + ".desktop");
+        fs::create_directories(path.parent_path());
+        std::ofstream(path) << "[Desktop Entry]\nType=Application\nName=Keyboard\nExec=settings keyboard\n" << more;
+        return path.string();
     }
 
     MockService screenSaver() const
@@ -105,6 +134,7 @@ protected:
     MainLoop loop;
     ThreadPool pool{2};
     RecordingWorkspace workspace;
+    RecordingLauncher launcher;
     LinuxSystemControl::Surroundings around;
 };
 
@@ -334,4 +364,39 @@ TEST_F(LinuxSystemControlTest, ASignalWithNobodyToCarryItIsSilent)
     LinuxActivationSender("").post();
     LinuxActivationSender("unix:path=/no/such/socket").post();
     EXPECT_EQ(MessageBus::open("unix:path=/no/such/socket", 100ms), nullptr);
+}
+
+TEST_F(LinuxSystemControlTest, TheRunningDesktopsOwnKeyboardSettingsAreOpened)
+{
+    around.desktop = {.dataHome = root / "home", .dataDirs = {root / "machine"}, .currentDesktop = {"Some", "XFCE"}};
+    settingsPage("home", "kcm_keys");
+    const std::string page = settingsPage("machine", "xfce-keyboard-settings", "NoDisplay=true\n");
+    EXPECT_TRUE(openKeyboardSettings());
+    EXPECT_EQ(launcher.launched, Strings{page});
+}
+
+TEST_F(LinuxSystemControlTest, AnotherDesktopsKeyboardSettingsDoIfTheyRunHere)
+{
+    around.desktop = {.dataHome = root / "home", .dataDirs = {root / "machine"}, .currentDesktop = {"XFCE"}};
+    settingsPage("machine", "gnome-keyboard-panel", "OnlyShowIn=GNOME;\n");
+    const std::string page = settingsPage("machine", "mate-keybinding");
+    EXPECT_TRUE(openKeyboardSettings());
+    EXPECT_EQ(launcher.launched, Strings{page});
+}
+
+TEST_F(LinuxSystemControlTest, WithoutKeyboardSettingsThereIsNoPageToOpen)
+{
+    around.desktop = {.dataHome = root / "home", .dataDirs = {root / "machine"}};
+    EXPECT_FALSE(openKeyboardSettings());
+    settingsPage("home", "some-keyboard-program");
+    EXPECT_FALSE(openKeyboardSettings());
+    EXPECT_EQ(launcher.launched, Strings());
+}
+
+TEST_F(LinuxSystemControlTest, KeyboardSettingsThatDoNotStartAreNotOpened)
+{
+    around.desktop = {.dataHome = root / "home", .dataDirs = {root / "machine"}};
+    settingsPage("home", "kcm_keys");
+    launcher.fails = true;
+    EXPECT_FALSE(openKeyboardSettings());
 }
