@@ -1,5 +1,6 @@
 #include "Vorrel/Views/QtPaletteWindow.h"
 
+#include "Vorrel/Platform/VirtualKeys.h"
 #include "Vorrel/Views/Appearance.h"
 #include "Vorrel/Views/IconStore.h"
 #include "Vorrel/Views/Painting.h"
@@ -31,6 +32,23 @@ static constexpr int shadowDrop = 10;
 
 static constexpr double freshFor = 0.5; // seconds
 
+/// What a key is called in the shortcuts: by its letter or digit. A key of another script goes by its place on a US
+/// keyboard, and so does a digit that this layout gives only with Shift.
+static QChar latinName(const QKeyEvent &event)
+{
+    const auto isPlain = [](int name) { return name > 0 && name < 0x80 && QChar(char16_t(name)).isLetterOrNumber(); };
+    const int key = event.key() < 0x1000000 ? event.key() : 0; // beyond are the keys that stand for no character
+    if (isPlain(key))
+        return QChar(char16_t(key)).toLower();
+    constexpr std::uint32_t firstCode = 8; // of the server; the places count from 0
+    const VirtualKey *place = virtualKeyAt(event.nativeScanCode() - firstCode);
+    if (key == 0 || !place || !isPlain(int(place->keysym)))
+        return {};
+    const QChar name(char16_t(place->keysym));
+    const bool shiftedSign = key < 0x80 && (event.modifiers() & Qt::ShiftModifier);
+    return key >= 0x80 || (name.isDigit() && !shiftedSign) ? name : QChar();
+}
+
 // The window itself
 
 /// Draws the ground and the shadow, holds the view, and sees every key and mouse press first.
@@ -48,6 +66,7 @@ public:
             update();
         });
         qApp->installEventFilter(this);
+        followScreens();
         setMargin(0);
     }
 
@@ -117,6 +136,9 @@ protected:
             reportPress(static_cast<QWindow *>(target), *static_cast<QMouseEvent *>(event));
         return false;
     }
+
+    void showEvent(QShowEvent *) override { pressWatch.set(true); }
+    void hideEvent(QHideEvent *) override { pressWatch.set(false); }
 
     void closeEvent(QCloseEvent *event) override
     {
@@ -191,9 +213,9 @@ private:
             press.key = KeyPress::Key::Return;
         else if (event.key() == Qt::Key_Escape)
             press.key = KeyPress::Key::Escape;
-        else if (event.key() > 0x20 && event.key() < 0x1000000) {
+        else if (const QChar name = latinName(event); !name.isNull()) {
             press.key = KeyPress::Key::Character;
-            press.character = QString(QChar(char16_t(event.key()))).toLower().toStdString();
+            press.character = QString(name).toStdString();
         }
         return controller.handleKey(press);
     }
@@ -202,10 +224,35 @@ private:
     {
         if (!isVisible() || !(event.button() == Qt::LeftButton || event.button() == Qt::RightButton))
             return;
-        // A menu of the field is a window of the palette too.
-        const bool popup = target->type() == Qt::Popup;
+        // A menu of the field is a window of the palette too. An open one gets all presses, also those beside it.
         const QPoint place = event.globalPosition().toPoint();
-        controller.mousePressed(place.x(), place.y(), target == windowHandle() || popup);
+        const bool inMenu = target->type() == Qt::Popup && QRect(QPoint(), target->size()).contains(event.position().toPoint());
+        lastPress = event.timestamp();
+        controller.mousePressed(place.x(), place.y(), target == windowHandle() || inMenu);
+    }
+
+    /// A press that the toolkit did not or will not report. Both tell of it, in either order; when the toolkit was first,
+    /// its window, a menu perhaps, may be gone by now.
+    void reportForeignPress(std::uint32_t time, bool ours)
+    {
+        if (ours || lastPress == time)
+            return;
+        const QPoint place = QCursor::pos();
+        controller.mousePressed(place.x(), place.y(), false);
+    }
+
+    /// Screens change in several steps; what they come to is seen at the next turn.
+    void followScreens()
+    {
+        const auto follow = [this](QScreen *screen) {
+            connect(
+                screen, &QScreen::geometryChanged, this, [this] { controller.screensChanged(); }, Qt::QueuedConnection);
+        };
+        for (QScreen *screen : QGuiApplication::screens())
+            follow(screen);
+        connect(qApp, &QGuiApplication::screenAdded, this, follow);
+        connect(
+            qApp, &QGuiApplication::screenRemoved, this, [this] { controller.screensChanged(); }, Qt::QueuedConnection);
     }
 
     QRegion outline() const
@@ -271,6 +318,8 @@ private:
     QPoint grip;
     QPixmap shadow;
     qreal shadowRatio = 0;
+    std::uint64_t lastPress = 0; // the server's time of the last press in a window of this program
+    x11::PressWatch pressWatch{[this](std::uint32_t time, bool ours) { reportForeignPress(time, ours); }};
     x11::FocusWatch focusWatch{*this, [this] { noteKeyboard(); }};
 };
 
