@@ -32,21 +32,22 @@ static constexpr int shadowDrop = 10;
 
 static constexpr double freshFor = 0.5; // seconds
 
-/// What a key is called in the shortcuts: by its letter or digit. A key of another script goes by its place on a US
-/// keyboard, and so does a digit that this layout gives only with Shift.
+/// What a key is called in the shortcuts: by its letter or digit. A key that has neither, as in other scripts, goes by
+/// its place on a US keyboard; but a sign that Shift makes of a digit is a sign.
 static QChar latinName(const QKeyEvent &event)
 {
     const auto isPlain = [](int name) { return name > 0 && name < 0x80 && QChar(char16_t(name)).isLetterOrNumber(); };
-    const int key = event.key() < 0x1000000 ? event.key() : 0; // beyond are the keys that stand for no character
+    const int key = event.key();
     if (isPlain(key))
         return QChar(char16_t(key)).toLower();
+    constexpr int firstNamedKey = 0x1000000; // from here on keys stand for no character
     constexpr std::uint32_t firstCode = 8; // of the server; the places count from 0
     const VirtualKey *place = virtualKeyAt(event.nativeScanCode() - firstCode);
-    if (key == 0 || !place || !isPlain(int(place->keysym)))
+    if (key == 0 || key >= firstNamedKey || !place || !isPlain(int(place->keysym)))
         return {};
     const QChar name(char16_t(place->keysym));
-    const bool shiftedSign = key < 0x80 && (event.modifiers() & Qt::ShiftModifier);
-    return key >= 0x80 || (name.isDigit() && !shiftedSign) ? name : QChar();
+    const bool shiftedSign = name.isDigit() && key < 0x80 && (event.modifiers() & Qt::ShiftModifier);
+    return shiftedSign ? QChar() : name;
 }
 
 // The window itself
