@@ -1,6 +1,6 @@
 // What the cache of icons holds, to the byte.
-#include "Support/MainLoop.h"
 #include "Vorrel/Views/IconStore.h"
+#include "Support/MainLoop.h"
 
 #include <gtest/gtest.h>
 

@@ -99,9 +99,8 @@ TEST_F(Keyboard, ShortcutsWorkUnderEveryLayout)
         person.key(keyReturn, {Person::control});
         EXPECT_TRUE(soon([&] { return scene.ran == Strings{"path", "reveal"}; })) << "Ctrl+Return";
 
-        const std::pair<std::uint8_t, SearchCategory> tabs[] = {
-            {key2, allSearchCategories[1]}, {key3, allSearchCategories[2]}, {key4, allSearchCategories[3]},
-            {key1, allSearchCategories[0]}};
+        const std::pair<std::uint8_t, SearchCategory> tabs[] = {{key2, allSearchCategories[1]}, {key3, allSearchCategories[2]},
+            {key4, allSearchCategories[3]}, {key1, allSearchCategories[0]}};
         for (const auto &[key, category] : tabs) {
             person.key(key, {Person::control});
             EXPECT_TRUE(soon([&, wanted = category] { return scene.palette().category() == wanted; }))

@@ -86,7 +86,8 @@ TEST_F(OutsideClick, OnThePaletteItselfNeverHides)
 TEST_F(OutsideClick, OnTheFieldsMenuNeverHidesEvenWhereItReachesBeyondThePalette)
 {
     click(QPoint(frame.right() - 30, frame.top() + 32), Person::right);
-    ASSERT_TRUE(scene.waitFor([] { return QApplication::activePopupWidget() && QApplication::activePopupWidget()->isVisible(); }));
+    ASSERT_TRUE(
+        scene.waitFor([] { return QApplication::activePopupWidget() && QApplication::activePopupWidget()->isVisible(); }));
     scene.turn();
     const QRect menu = QApplication::activePopupWidget()->frameGeometry();
     const QPoint beyond(menu.right() - 8, menu.top() + 14);

@@ -84,8 +84,7 @@ void Person::paintDesktop(QRgb colour) const
 
 QPoint Person::placeOf(xcb_window_t window) const
 {
-    const auto place
-        = owned(xcb_translate_coordinates_reply(x, xcb_translate_coordinates(x, window, root, 0, 0), nullptr));
+    const auto place = owned(xcb_translate_coordinates_reply(x, xcb_translate_coordinates(x, window, root, 0, 0), nullptr));
     return place ? QPoint(place->dst_x, place->dst_y) : QPoint(-1, -1);
 }
 
