@@ -53,6 +53,10 @@ protected:
             << "wanted " << wanted.x() << "," << wanted.y() << ", stands at " << place().x() << "," << place().y();
         const ScreenRect frame = scene.shownWindow().frame();
         EXPECT_EQ(QPoint(frame.x, frame.y), wanted);
+        // Menus and clicks go by what the toolkit believes.
+        const QWidget &surface = *scene.window->surface();
+        EXPECT_TRUE(scene.waitFor([&] { return surface.mapToGlobal(QPoint()) == person.placeOf(surface.internalWinId()); }))
+            << surface.mapToGlobal(QPoint()).x() << "," << surface.mapToGlobal(QPoint()).y();
     }
 
     static QRect areaOf(const QRect &screen)
