@@ -1,0 +1,64 @@
+#include "Vorrel/Views/TextLine.h"
+
+#include <QCache>
+#include <QFontMetrics>
+#include <QPainter>
+#include <QStaticText>
+#include <QWidget>
+
+namespace korvane::textLine {
+
+namespace {
+
+constexpr int unlimited = QWIDGETSIZE_MAX;
+constexpr qsizetype mostLetters = 64 * 1024; // about two megabytes of laid-out text
+constexpr qsizetype costOfLine = 64; // in letters, beside its own
+
+struct Key {
+    QFont font;
+    QString text;
+    int room;
+    Qt::TextElideMode elide;
+    bool operator==(const Key &) const = default;
+};
+
+size_t qHash(const Key &key, size_t seed) { return qHashMulti(seed, key.font, key.text, key.room, int(key.elide)); }
+
+struct Line {
+    QStaticText letters;
+    int width;
+    int ascent;
+};
+
+QCache<Key, Line> &lines()
+{
+    static QCache<Key, Line> cache(mostLetters);
+    return cache;
+}
+
+const Line &lineFor(const Key &key)
+{
+    if (const Line *known = lines().object(key))
+        return *known;
+    const QFontMetrics metrics(key.font);
+    const QString text = key.room == unlimited ? key.text : metrics.elidedText(key.text, key.elide, key.room);
+    auto *line = new Line{QStaticText(text), metrics.horizontalAdvance(text), metrics.ascent()};
+    line->letters.setTextFormat(Qt::PlainText);
+    line->letters.prepare({}, key.font);
+    lines().insert(key, line, std::min(costOfLine + text.size(), mostLetters));
+    return *line;
+}
+
+} // namespace
+
+int width(const QFont &font, const QString &text) { return lineFor({font, text, unlimited, Qt::ElideRight}).width; }
+
+void draw(QPainter &painter, const QFont &font, const QPoint &baseline, const QString &text, int room, Qt::TextElideMode elide)
+{
+    const bool fits = width(font, text) <= room;
+    const Line &line = lineFor({font, text, fits ? unlimited : room, fits ? Qt::ElideRight : elide});
+    painter.setFont(font);
+    painter.drawStaticText(QPoint(baseline.x(), baseline.y() - line.ascent), line.letters);
+}
+
+} // namespace korvane::textLine
