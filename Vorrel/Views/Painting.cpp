@@ -45,9 +45,8 @@ void drawKeys(QPainter &painter, const Appearance &appearance, const QStringList
         painter.setBrush(theme.keyGround);
         painter.drawRoundedRect(cap.adjusted(0.5, 0.5, -0.5, -0.5), 4.5, 4.5);
         painter.setBrush(Qt::NoBrush);
-        painter.setFont(font);
         painter.setPen(theme.secondary);
-        painter.drawText(cap, Qt::AlignCenter | Qt::TextSingleLine, key);
+        textLine::drawCentred(painter, font, cap, key);
         x += keyWidth(font, key) + keyGap;
     }
 }

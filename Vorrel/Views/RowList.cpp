@@ -368,9 +368,8 @@ int RowList::drawRightSide(QPainter &painter, int row, const RowFace &face, cons
         const int width = textLine::width(font, face.badge) + 12;
         const QRect pill(right - width, place.top() + (rowHeight - badgeHeight) / 2, width, badgeHeight);
         fillRounded(painter, pill, badgeHeight / 2.0, face.grave ? theme.warningGround : theme.keyGround);
-        painter.setFont(font);
         painter.setPen(face.grave ? theme.warning : theme.secondary);
-        painter.drawText(pill, Qt::AlignCenter | Qt::TextSingleLine, face.badge);
+        textLine::drawCentred(painter, font, pill, face.badge);
         right -= width + 8;
     }
     return right;

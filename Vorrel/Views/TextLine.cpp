@@ -26,7 +26,7 @@ size_t qHash(const Key &key, size_t seed) { return qHashMulti(seed, key.font, ke
 
 struct Line {
     QStaticText letters;
-    int width;
+    int width, height;
     int ascent;
 };
 
@@ -42,7 +42,7 @@ const Line &lineFor(const Key &key)
         return *known;
     const QFontMetrics metrics(key.font);
     const QString text = key.room == unlimited ? key.text : metrics.elidedText(key.text, key.elide, key.room);
-    auto *line = new Line{QStaticText(text), metrics.horizontalAdvance(text), metrics.ascent()};
+    auto *line = new Line{QStaticText(text), metrics.horizontalAdvance(text), metrics.height(), metrics.ascent()};
     line->letters.setTextFormat(Qt::PlainText);
     line->letters.prepare({}, key.font);
     lines().insert(key, line, std::min(costOfLine + text.size(), mostLetters));
@@ -59,6 +59,14 @@ void draw(QPainter &painter, const QFont &font, const QPoint &baseline, const QS
     const Line &line = lineFor({font, text, fits ? unlimited : room, fits ? Qt::ElideRight : elide});
     painter.setFont(font);
     painter.drawStaticText(QPoint(baseline.x(), baseline.y() - line.ascent), line.letters);
+}
+
+void drawCentred(QPainter &painter, const QFont &font, const QRectF &place, const QString &text)
+{
+    const Line &line = lineFor({font, text, unlimited, Qt::ElideRight});
+    painter.setFont(font);
+    painter.drawStaticText(
+        QPointF(place.center().x() - line.width / 2.0, qRound(place.center().y() - line.height / 2.0)), line.letters);
 }
 
 } // namespace korvane::textLine

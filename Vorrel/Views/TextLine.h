@@ -5,6 +5,7 @@
 
 class QPainter;
 class QPoint;
+class QRectF;
 
 /// Single lines of plain text, laid out once for as long as they are shown now and then: finding the shapes and places of
 /// letters costs several times what drawing them does, and most lines of one picture stand in the next one too.
@@ -18,5 +19,8 @@ int width(const QFont &font, const QString &text);
 /// says.
 void draw(QPainter &painter, const QFont &font, const QPoint &baseline, const QString &text, int room,
     Qt::TextElideMode elide = Qt::ElideRight);
+
+/// Draws the text in the middle of `place`, whole.
+void drawCentred(QPainter &painter, const QFont &font, const QRectF &place, const QString &text);
 
 } // namespace korvane::textLine
