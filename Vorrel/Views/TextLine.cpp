@@ -4,6 +4,7 @@
 #include <QFontMetrics>
 #include <QPainter>
 #include <QStaticText>
+#include <QTextLayout>
 #include <QWidget>
 
 namespace korvane::textLine {
@@ -27,7 +28,8 @@ size_t qHash(const Key &key, size_t seed) { return qHashMulti(seed, key.font, ke
 struct Line {
     QStaticText letters;
     int width, height;
-    int ascent;
+    int fontAscent;
+    qreal ascent; ///< Of the tallest font in it.
 };
 
 QCache<Key, Line> &lines()
@@ -36,13 +38,24 @@ QCache<Key, Line> &lines()
     return cache;
 }
 
+/// From the top of the laid-out text to its baseline. Letters of another script may bring a taller font along.
+qreal ascentOf(const QFont &font, const QString &text)
+{
+    QTextLayout layout(text, font);
+    layout.beginLayout();
+    const QTextLine line = layout.createLine();
+    layout.endLayout();
+    return line.isValid() ? line.ascent() : 0;
+}
+
 const Line &lineFor(const Key &key)
 {
     if (const Line *known = lines().object(key))
         return *known;
     const QFontMetrics metrics(key.font);
     const QString text = key.room == unlimited ? key.text : metrics.elidedText(key.text, key.elide, key.room);
-    auto *line = new Line{QStaticText(text), metrics.horizontalAdvance(text), metrics.height(), metrics.ascent()};
+    auto *line = new Line{
+        QStaticText(text), metrics.horizontalAdvance(text), metrics.height(), metrics.ascent(), ascentOf(key.font, text)};
     line->letters.setTextFormat(Qt::PlainText);
     line->letters.prepare({}, key.font);
     lines().insert(key, line, std::min(costOfLine + text.size(), mostLetters));
@@ -58,15 +71,15 @@ void draw(QPainter &painter, const QFont &font, const QPoint &baseline, const QS
     const bool fits = width(font, text) <= room;
     const Line &line = lineFor({font, text, fits ? unlimited : room, fits ? Qt::ElideRight : elide});
     painter.setFont(font);
-    painter.drawStaticText(QPoint(baseline.x(), baseline.y() - line.ascent), line.letters);
+    painter.drawStaticText(QPointF(baseline.x(), baseline.y() - line.ascent), line.letters);
 }
 
 void drawCentred(QPainter &painter, const QFont &font, const QRectF &place, const QString &text)
 {
     const Line &line = lineFor({font, text, unlimited, Qt::ElideRight});
     painter.setFont(font);
-    painter.drawStaticText(
-        QPointF(place.center().x() - line.width / 2.0, qRound(place.center().y() - line.height / 2.0)), line.letters);
+    const int top = qRound(place.center().y() - line.height / 2.0);
+    painter.drawStaticText(QPointF(place.center().x() - line.width / 2.0, top + line.fontAscent - line.ascent), line.letters);
 }
 
 } // namespace korvane::textLine

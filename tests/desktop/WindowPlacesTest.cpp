@@ -207,4 +207,29 @@ TEST(PaletteEdges, TheCornersShowTheDesktopAndAShadowLiesAroundOnlyWhereWindowsA
     }
 }
 
+TEST(PaletteEdges, ACompositorThatComesOrGoesBetweenTwoShowsChangesThem)
+{
+    if (x11::compositorRuns())
+        GTEST_SKIP() << "this desktop has one already";
+    Scene scene;
+    QProcess compositor;
+    const auto showsShadow = [&] {
+        scene.show();
+        const QWidget &surface = *scene.shownWindow().surface();
+        const bool wide = surface.width() > QtPaletteWindow::width;
+        EXPECT_EQ(surface.mask().isEmpty(), wide) << "corners are cut off where nothing is composed";
+        scene.controller->toggle();
+        EXPECT_TRUE(scene.waitFor([&] { return !scene.shownWindow().visible(); }));
+        return wide;
+    };
+    EXPECT_FALSE(showsShadow());
+    compositor.start("picom", {"--backend", "xrender"});
+    ASSERT_TRUE(scene.waitFor([] { return x11::compositorRuns(); }));
+    EXPECT_TRUE(showsShadow());
+    compositor.terminate();
+    ASSERT_TRUE(compositor.waitForFinished(5000));
+    ASSERT_TRUE(scene.waitFor([] { return !x11::compositorRuns(); }));
+    EXPECT_FALSE(showsShadow());
+}
+
 } // namespace korvane::test
