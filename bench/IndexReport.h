@@ -59,10 +59,4 @@ private:
     bool exceeded = false, incomplete = false;
 };
 
-inline double percentile95(std::vector<double> values)
-{
-    std::sort(values.begin(), values.end());
-    return values[(values.size() - 1) * 95 / 100];
-}
-
 } // namespace korvane::bench

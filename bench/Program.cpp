@@ -90,6 +90,16 @@ void Program::stop()
     waitpid(std::exchange(process, -1), nullptr, 0);
 }
 
+void Program::signal(int number) const { kill(process, number); }
+
+const std::string &Program::everythingSaid()
+{
+    char piece[4096];
+    for (ssize_t size; (size = read(output, piece, sizeof piece)) > 0;)
+        said.append(piece, std::size_t(size));
+    return said;
+}
+
 Program::Memory Program::memory() const
 {
     const std::filesystem::path folder = "/proc/" + std::to_string(process);

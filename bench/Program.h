@@ -24,6 +24,9 @@ public:
     Milliseconds sinceStart() const { return std::chrono::steady_clock::now() - begin; }
     /// Asks it to end and waits for it.
     void stop();
+    void signal(int number) const;
+    /// All that it said, once it has ended.
+    const std::string &everythingSaid();
 
     struct Memory {
         double resident, proportional; ///< MiB.

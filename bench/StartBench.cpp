@@ -2,17 +2,13 @@
 //   korvane_bench_start KORVANE BARE-WINDOW [RUNS]
 // on a desktop of its own. Ends with 1 when Korvane takes more than twice the time, or 25 MiB more.
 #include "bench/Program.h"
+#include "bench/Screen.h"
 #include "bench/Table.h"
-
-#include <xcb/xcb.h>
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
-#include <functional>
 #include <stdexcept>
 #include <thread>
-#include <unistd.h>
 
 using namespace korvane::bench;
 using namespace std::chrono_literals;
@@ -22,21 +18,12 @@ namespace {
 constexpr double timeLimit = 2;
 constexpr double memoryLimit = 25; // MiB above the bare program
 
-/// The middle of the screen, as a person in front of it sees it. Every window here stands in it.
+/// The middle of the screen. Every window here stands in it.
 class ScreenMiddle {
 public:
-    ScreenMiddle() : connection(xcb_connect(nullptr, nullptr))
-    {
-        if (xcb_connection_has_error(connection))
-            throw std::runtime_error("there is no X server");
-        screen = xcb_setup_roots_iterator(xcb_get_setup(connection)).data;
-        background = pixels(1, 1).front();
-    }
-    ~ScreenMiddle() { xcb_disconnect(connection); }
-
     void awaitPaint() const
     {
-        await([this] { return pixels(1, 1).front() != background; }, "nothing was painted");
+        screen.await([this] { return pixels(1, 1).front() != background; }, "nothing was painted");
     }
     /// Waits until there is something on the window's ground.
     void awaitContent() const
@@ -45,43 +32,21 @@ public:
             const auto strip = pixels(400, 60);
             return std::ranges::any_of(strip, [&](std::uint32_t pixel) { return pixel != strip.front(); });
         };
-        await(uneven, "the window stayed empty");
+        screen.await(uneven, "the window stayed empty");
     }
     void awaitNothing() const
     {
-        await([this] { return pixels(1, 1).front() == background; }, "a window stays");
+        screen.await([this] { return pixels(1, 1).front() == background; }, "a window stays");
     }
 
 private:
-    static void await(const std::function<bool()> &reached, const char *otherwise)
+    std::vector<std::uint32_t> pixels(int width, int height) const
     {
-        const auto deadline = std::chrono::steady_clock::now() + 20s;
-        while (!reached()) {
-            if (std::chrono::steady_clock::now() > deadline)
-                throw std::runtime_error(otherwise);
-            std::this_thread::sleep_for(500us);
-        }
+        return screen.pixels({(screen.width() - width) / 2, (screen.height() - height) / 2, width, height});
     }
 
-    std::vector<std::uint32_t> pixels(std::uint16_t width, std::uint16_t height) const
-    {
-        const auto x = std::int16_t((screen->width_in_pixels - width) / 2),
-                   y = std::int16_t((screen->height_in_pixels - height) / 2);
-        const auto cookie = xcb_get_image(connection, XCB_IMAGE_FORMAT_Z_PIXMAP, screen->root, x, y, width, height, 0xffffff);
-        xcb_get_image_reply_t *const reply = xcb_get_image_reply(connection, cookie, nullptr);
-        std::vector<std::uint32_t> values(std::size_t(width) * height);
-        const bool whole = reply && std::size_t(xcb_get_image_data_length(reply)) == values.size() * sizeof values.front();
-        if (whole)
-            std::memcpy(values.data(), xcb_get_image_data(reply), values.size() * sizeof values.front());
-        std::free(reply);
-        if (!whole)
-            throw std::runtime_error("the screen cannot be read; its colours must have 24 bits");
-        return values;
-    }
-
-    xcb_connection_t *connection;
-    xcb_screen_t *screen = nullptr;
-    std::uint32_t background = 0;
+    Screen screen;
+    const std::uint32_t background = pixels(1, 1).front();
 };
 
 struct Figures {

@@ -15,6 +15,12 @@ template <class T> T median(std::vector<T> values)
     return *middle;
 }
 
+inline double percentile95(std::vector<double> values)
+{
+    std::sort(values.begin(), values.end());
+    return values[(values.size() - 1) * 95 / 100];
+}
+
 inline std::string number(double value, int decimals)
 {
     char text[64];

@@ -2,6 +2,8 @@
 
 #include "Vorrel/Shell/AppLog.h"
 
+#include <algorithm>
+
 namespace korvane {
 
 using namespace std::chrono_literals;
@@ -18,7 +20,7 @@ PaletteController::PaletteController(AppServices &services, const MakeWindow &ma
     _state(std::make_shared<PaletteState>(services, actionCoordinator)), window(makeWindow(*this))
 {
     _state->hide = [this] { hide(); };
-    _state->focusInput = [this] { spawnDetached(this->services.platform.mainThread, focusSoon(_state, this)); };
+    _state->focusInput = [this] { spawnDetached(this->services.platform.mainThread, focusSoon(itself)); };
     window->onKeyboardLost([this] {
         if (window && window->visible() && mayHide())
             hide();
@@ -28,15 +30,16 @@ PaletteController::PaletteController(AppServices &services, const MakeWindow &ma
 
 PaletteController::~PaletteController()
 {
+    itself.reset();
     stop();
     _state->hide = [] {};
     _state->focusInput = [] {};
 }
 
-Task<void> PaletteController::focusSoon(std::weak_ptr<PaletteState> alive, PaletteController *self)
+Task<void> PaletteController::focusSoon(std::weak_ptr<PaletteController> weak)
 {
     co_await yieldOnce(); // the views settle after a change of the state
-    if (const auto state = alive.lock(); state && self->window && self->window->hasKeyboard())
+    if (const auto self = weak.lock(); self && self->window && self->window->hasKeyboard())
         self->window->focusInput();
 }
 
@@ -86,6 +89,18 @@ void PaletteController::placeWindow()
     window->moveTo(area.x + (area.width - frame.width) / 2, area.y + (area.height - frame.height) / 2 - area.height * 8 / 100);
 }
 
+void PaletteController::screensChanged()
+{
+    if (!window || !_presented)
+        return;
+    const ScreenRect at = window->frame();
+    const auto holdsMiddle = [&](const PaletteWindow::Screen &screen) {
+        return screen.frame.contains(at.x + at.width / 2, at.y + at.height / 2);
+    };
+    if (std::ranges::none_of(window->screens(), holdsMiddle))
+        placeWindow();
+}
+
 void PaletteController::hide()
 {
     if (!_presented || !window)
@@ -94,9 +109,10 @@ void PaletteController::hide()
     const int generation = ++presentationGeneration;
     _state->cancelWork();
     // A palette that was shown again meanwhile stays.
-    const auto completed = [this, generation, alive = std::weak_ptr(_state)] {
-        if (alive.lock() && window && presentationGeneration == generation && !_presented)
-            window->orderOut();
+    const auto completed = [weak = std::weak_ptr(itself), generation] {
+        const auto self = weak.lock();
+        if (self && self->window && self->presentationGeneration == generation && !self->_presented)
+            self->window->orderOut();
     };
     window->animateOpacity(0, window->reducedMotion() ? 0ms : hideTime, completed);
     AppLog::app.info("Palette hidden");
@@ -122,6 +138,11 @@ void PaletteController::mousePressed(int x, int y, bool inside)
         hide();
 }
 
+static bool isLetter(const KeyPress &key, char letter)
+{
+    return key.character.size() == 1 && (key.character[0] | 0x20) == letter;
+}
+
 bool PaletteController::handleKey(const KeyPress &key)
 {
     if (!window || window->hasSheet())
@@ -136,22 +157,30 @@ bool PaletteController::handleKey(const KeyPress &key)
         _state->performKey(ActionKey::reveal);
         return true;
     }
-    if (key.key != KeyPress::Key::Character || key.character.size() != 1)
-        return false;
-    switch (const char c = key.character[0]; c) {
-    case '1':
-    case '2':
-    case '3':
-    case '4': _state->setCategory(allSearchCategories[std::size_t(c - '1')]); return true;
-    case 'c':
-        if (!key.shift)
-            return false; // copies what is selected in the field
+    return key.key == KeyPress::Key::Character && handleCommand(key);
+}
+
+bool PaletteController::handleCommand(const KeyPress &key)
+{
+    if (key.character.size() == 1 && key.character[0] >= '1' && key.character[0] <= '4') {
+        _state->setCategory(allSearchCategories[std::size_t(key.character[0] - '1')]);
+        return true;
+    }
+    if (key.shift) {
+        if (!isLetter(key, 'c'))
+            return false;
         _state->performKey(ActionKey::copyPath);
         return true;
-    case 'k': _state->toggleActions(); return true;
-    case 'y': _state->togglePreview(); return true;
-    default: return false;
     }
+    if (isLetter(key, 'k')) {
+        _state->toggleActions();
+        return true;
+    }
+    if (isLetter(key, 'y')) {
+        _state->togglePreview();
+        return true;
+    }
+    return false; // the rest is the field's: what is selected in it is copied, cut, pasted
 }
 
 } // namespace korvane

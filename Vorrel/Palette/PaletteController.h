@@ -9,7 +9,7 @@ namespace korvane {
 struct KeyPress {
     enum class Key { Character, Return, Escape, Other };
     Key key = Key::Other;
-    std::string character = {}; ///< Lower-cased, without modifiers; for `Character`.
+    std::string character = {}; ///< What the key is called, letters of either case; for `Character`.
     bool command = false; ///< The platform's command key: Ctrl on Linux.
     bool shift = false;
 };
@@ -32,15 +32,18 @@ public:
     bool handleKey(const KeyPress &key);
     /// The user pressed a mouse button at this place; `inside` when it was in one of the palette's own windows.
     void mousePressed(int x, int y, bool inside);
+    /// Screens came, went or changed. A shown palette that no screen shows any more moves to one that exists.
+    void screensChanged();
 
     bool presented() const { return _presented; }
     PaletteState &state() { return *_state; }
     ActionCoordinator &coordinator() { return actionCoordinator; }
 
 private:
+    bool handleCommand(const KeyPress &key);
     void placeWindow();
     bool mayHide() const;
-    static Task<void> focusSoon(std::weak_ptr<PaletteState> alive, PaletteController *self);
+    static Task<void> focusSoon(std::weak_ptr<PaletteController> weak);
     static Task<void> refreshApplications(std::shared_ptr<PaletteState> state);
 
     AppServices &services;
@@ -50,6 +53,8 @@ private:
     bool _presented = false;
     int presentationGeneration = 0;
     TaskHandle startTask;
+    // Owns nothing; what waits holds it weakly. The state would not do: a task may keep that beyond the controller.
+    std::shared_ptr<PaletteController> itself{this, [](PaletteController *) {}};
 };
 
 } // namespace korvane

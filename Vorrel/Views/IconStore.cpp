@@ -14,12 +14,12 @@ static void useIconResources() { Q_INIT_RESOURCE(korvane_icons); }
 
 namespace korvane {
 
-static constexpr int cacheBytes = 4 * 1024 * 1024;
+static constexpr qsizetype leastCost = 64; // also of the knowledge that there is no picture
 static constexpr std::size_t mostWishes = 64; // older ones have long scrolled away and are asked for again
 
-IconStore::IconStore(Executor mainThread, Executor pool) :
+IconStore::IconStore(Executor mainThread, Executor pool, qsizetype limit) :
     mainThread(std::move(mainThread)), reader(std::make_shared<Actor>(std::move(pool))), finder(std::make_shared<IconFinder>()),
-    cache(cacheBytes)
+    cache(limit)
 {
     useIconResources();
 }
@@ -50,9 +50,10 @@ static QPixmap drawn(const QByteArray &svg, int size, qreal ratio)
     return QPixmap::fromImage(std::move(image));
 }
 
-void IconStore::keep(const QString &key, const QImage &image)
+void IconStore::keep(const QString &key, const QPixmap &picture)
 {
-    cache.insert(key, new QPixmap(QPixmap::fromImage(image)), std::max<qsizetype>(64, image.sizeInBytes()));
+    constexpr qsizetype bytesOfPixel = 4;
+    cache.insert(key, new QPixmap(picture), std::max(leastCost, bytesOfPixel * picture.width() * picture.height()));
 }
 
 QPixmap IconStore::drawSymbol(std::string_view name, int size, qreal ratio, const QColor &color)
@@ -71,7 +72,7 @@ QPixmap IconStore::symbol(std::string_view name, int size, qreal ratio, const QC
     if (const QPixmap *known = cache.object(key))
         return *known;
     const QPixmap picture = drawSymbol(name, size, ratio, color);
-    cache.insert(key, new QPixmap(picture), qsizetype(picture.width()) * picture.height() * 4);
+    keep(key, picture);
     return picture;
 }
 
@@ -148,7 +149,7 @@ Task<void> IconStore::loadAll(std::weak_ptr<IconStore> store, std::shared_ptr<Ac
             co_return;
         alive->wished.remove(wish->key);
         if (names == alive->themes) // else it is asked for again, from the new theme
-            alive->keep(wish->key, image);
+            alive->keep(wish->key, QPixmap::fromImage(image));
         alive->arrived();
     }
 }

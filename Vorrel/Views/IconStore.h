@@ -23,7 +23,10 @@ class IconFinder;
 /// a reading in progress may outlive the views.
 class IconStore : public std::enable_shared_from_this<IconStore> {
 public:
-    IconStore(Executor mainThread, Executor pool);
+    static constexpr qsizetype defaultLimit = 4 * 1024 * 1024;
+
+    /// Keeps up to `limit` bytes of pictures; what was not shown for the longest time goes first.
+    IconStore(Executor mainThread, Executor pool, qsizetype limit = defaultLimit);
     ~IconStore();
 
     /// A symbol in one colour; an unknown name gives a neutral one.
@@ -41,6 +44,7 @@ public:
     /// Themes to search, the first one first. Forgets icons that came from others.
     void setThemes(const QStringList &names);
     bool loading() const { return reading; }
+    qsizetype bytes() const { return cache.totalCost(); } ///< Of the pictures that are kept.
 
     std::function<void()> arrived = [] {}; ///< Called when an icon that was asked for can be shown.
 
@@ -54,7 +58,7 @@ private:
     void load();
     static Task<void> loadAll(std::weak_ptr<IconStore> store, std::shared_ptr<Actor> reader, std::shared_ptr<IconFinder> finder);
     std::optional<Wish> nextWish();
-    void keep(const QString &key, const QImage &image);
+    void keep(const QString &key, const QPixmap &picture);
 
     Executor mainThread;
     std::shared_ptr<Actor> reader;

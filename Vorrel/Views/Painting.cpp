@@ -1,8 +1,8 @@
 #include "Vorrel/Views/Painting.h"
 
 #include "Vorrel/Views/Appearance.h"
+#include "Vorrel/Views/TextLine.h"
 
-#include <QFontMetrics>
 #include <QPainter>
 #include <QScrollBar>
 
@@ -20,17 +20,17 @@ void fillRounded(QPainter &painter, const QRectF &place, qreal radius, const QCo
     painter.setBrush(Qt::NoBrush);
 }
 
-static int keyWidth(const QFontMetrics &metrics, const QString &key)
+static int keyWidth(const QFont &font, const QString &key)
 {
-    return std::max(keyHeight, metrics.horizontalAdvance(key) + 2 * keyPadding);
+    return std::max(keyHeight, textLine::width(font, key) + 2 * keyPadding);
 }
 
 int keysWidth(const Appearance &appearance, const QStringList &keys)
 {
-    const QFontMetrics metrics(appearance.font(TypeSize::Caption));
+    const QFont font = appearance.font(TypeSize::Caption);
     int width = keys.isEmpty() ? 0 : -keyGap;
     for (const QString &key : keys)
-        width += keyWidth(metrics, key) + keyGap;
+        width += keyWidth(font, key) + keyGap;
     return width;
 }
 
@@ -38,18 +38,16 @@ void drawKeys(QPainter &painter, const Appearance &appearance, const QStringList
 {
     const Theme &theme = appearance.theme();
     const QFont font = appearance.font(TypeSize::Caption);
-    const QFontMetrics metrics(font);
     int x = start.x();
     for (const QString &key : keys) {
-        const QRectF cap(x, start.y() - keyHeight / 2, keyWidth(metrics, key), keyHeight);
+        const QRectF cap(x, start.y() - keyHeight / 2, keyWidth(font, key), keyHeight);
         painter.setPen(QPen(theme.keyBorder, 1));
         painter.setBrush(theme.keyGround);
         painter.drawRoundedRect(cap.adjusted(0.5, 0.5, -0.5, -0.5), 4.5, 4.5);
         painter.setBrush(Qt::NoBrush);
-        painter.setFont(font);
         painter.setPen(theme.secondary);
-        painter.drawText(cap, Qt::AlignCenter | Qt::TextSingleLine, key);
-        x += keyWidth(metrics, key) + keyGap;
+        textLine::drawCentred(painter, font, cap, key);
+        x += keyWidth(font, key) + keyGap;
     }
 }
 

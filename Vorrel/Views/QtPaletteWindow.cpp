@@ -1,5 +1,6 @@
 #include "Vorrel/Views/QtPaletteWindow.h"
 
+#include "Vorrel/Platform/VirtualKeys.h"
 #include "Vorrel/Views/Appearance.h"
 #include "Vorrel/Views/IconStore.h"
 #include "Vorrel/Views/Painting.h"
@@ -31,6 +32,24 @@ static constexpr int shadowDrop = 10;
 
 static constexpr double freshFor = 0.5; // seconds
 
+/// What a key is called in the shortcuts: by its letter or digit. A key that has neither, as in other scripts, goes by
+/// its place on a US keyboard; but a sign that Shift makes of a digit is a sign.
+static QChar latinName(const QKeyEvent &event)
+{
+    const auto isPlain = [](int name) { return name > 0 && name < 0x80 && QChar(char16_t(name)).isLetterOrNumber(); };
+    const int key = event.key();
+    if (isPlain(key))
+        return QChar(char16_t(key)).toLower();
+    constexpr int firstNamedKey = 0x1000000; // from here on keys stand for no character
+    constexpr std::uint32_t firstCode = 8; // of the server; the places count from 0
+    const VirtualKey *place = virtualKeyAt(event.nativeScanCode() - firstCode);
+    if (key == 0 || key >= firstNamedKey || !place || !isPlain(int(place->keysym)))
+        return {};
+    const QChar name(char16_t(place->keysym));
+    const bool shiftedSign = name.isDigit() && key < 0x80 && (event.modifiers() & Qt::ShiftModifier);
+    return shiftedSign ? QChar() : name;
+}
+
 // The window itself
 
 /// Draws the ground and the shadow, holds the view, and sees every key and mouse press first.
@@ -44,11 +63,12 @@ public:
         setAttribute(Qt::WA_QuitOnClose, false);
         setWindowTitle(QStringLiteral("Korvane Vorrel"));
         connect(&appearance, &Appearance::changed, this, [this] {
-            shadow = {};
+            partsRatio = 0;
             update();
         });
         qApp->installEventFilter(this);
-        setMargin(0);
+        followScreens();
+        setMargin(0, true);
     }
 
     ~Surface() override { qApp->removeEventFilter(this); }
@@ -71,16 +91,18 @@ public:
     /// The palette's part of the window.
     QRect palette() const { return {margin, margin, QtPaletteWindow::width, QtPaletteWindow::height}; }
 
-    /// Makes room for the shadow, or none.
-    void setMargin(int units)
+    /// Makes room for the shadow, or none. What is not `composed` has its corners cut off.
+    void setMargin(int units, bool composed)
     {
+        if (margin != units)
+            partsRatio = 0; // without a margin there is no shadow
         margin = units;
         setFixedSize(QtPaletteWindow::width + 2 * margin, QtPaletteWindow::height + 2 * margin);
         if (_view)
             _view->setGeometry(palette());
-        if (margin > 0)
+        if (composed)
             clearMask();
-        else if (!x11::compositorRuns())
+        else
             setMask(outline());
     }
 
@@ -119,6 +141,9 @@ protected:
         return false;
     }
 
+    void showEvent(QShowEvent *) override { pressWatch.set(true); }
+    void hideEvent(QHideEvent *) override { pressWatch.set(false); }
+
     void closeEvent(QCloseEvent *event) override
     {
         event->ignore(); // whoever asks a palette to close wants it out of the way
@@ -143,19 +168,16 @@ protected:
         if (!_view)
             QMetaObject::invokeMethod(
                 this, [this] { view(); }, Qt::QueuedConnection);
-        const Theme &theme = appearance.theme();
         QPainter painter(this);
-        painter.setRenderHint(QPainter::Antialiasing);
+        if (partsRatio != devicePixelRatioF())
+            makeParts();
+        // Drawn lower than the palette, and cut off at the window's lower edge where it is almost nothing.
         if (margin > 0)
-            drawShadow(painter);
-        const qreal line = 1.0;
-        const QRectF frame = QRectF(palette()).adjusted(line / 2, line / 2, -line / 2, -line / 2);
-        painter.setPen(Qt::NoPen);
-        painter.setBrush(theme.ground);
-        painter.drawRoundedRect(palette(), Metrics::radius, Metrics::radius);
-        painter.setBrush(Qt::NoBrush);
-        painter.setPen(QPen(theme.border, line));
-        painter.drawRoundedRect(frame, Metrics::radius - line / 2, Metrics::radius - line / 2);
+            shadow.drawAround(
+                painter, palette().adjusted(-shadowReach, -shadowReach + shadowDrop, shadowReach, shadowReach + shadowDrop));
+        ground.drawAround(painter, palette());
+        const int corner = ground.corner;
+        painter.fillRect(palette().adjusted(corner, corner, -corner, -corner), appearance.theme().ground);
     }
 
 private:
@@ -192,9 +214,9 @@ private:
             press.key = KeyPress::Key::Return;
         else if (event.key() == Qt::Key_Escape)
             press.key = KeyPress::Key::Escape;
-        else if (event.key() > 0x20 && event.key() < 0x1000000) {
+        else if (const QChar name = latinName(event); !name.isNull()) {
             press.key = KeyPress::Key::Character;
-            press.character = QString(QChar(char16_t(event.key()))).toLower().toStdString();
+            press.character = QString(name).toStdString();
         }
         return controller.handleKey(press);
     }
@@ -203,10 +225,35 @@ private:
     {
         if (!isVisible() || !(event.button() == Qt::LeftButton || event.button() == Qt::RightButton))
             return;
-        // A menu of the field is a window of the palette too.
-        const bool popup = target->type() == Qt::Popup;
+        // A menu of the field is a window of the palette too. An open one gets all presses, also those beside it.
         const QPoint place = event.globalPosition().toPoint();
-        controller.mousePressed(place.x(), place.y(), target == windowHandle() || popup);
+        const bool inMenu = target->type() == Qt::Popup && QRect(QPoint(), target->size()).contains(event.position().toPoint());
+        lastPress = event.timestamp();
+        controller.mousePressed(place.x(), place.y(), target == windowHandle() || inMenu);
+    }
+
+    /// A press that the toolkit did not or will not report. Both tell of it, in either order; when the toolkit was first,
+    /// its window, a menu perhaps, may be gone by now.
+    void reportForeignPress(std::uint32_t time, bool ours)
+    {
+        if (ours || lastPress == time)
+            return;
+        const QPoint place = QCursor::pos();
+        controller.mousePressed(place.x(), place.y(), false);
+    }
+
+    /// Screens change in several steps; what they come to is seen at the next turn.
+    void followScreens()
+    {
+        const auto follow = [this](QScreen *screen) {
+            connect(
+                screen, &QScreen::geometryChanged, this, [this] { controller.screensChanged(); }, Qt::QueuedConnection);
+        };
+        for (QScreen *screen : QGuiApplication::screens())
+            follow(screen);
+        connect(qApp, &QGuiApplication::screenAdded, this, follow);
+        connect(
+            qApp, &QGuiApplication::screenRemoved, this, [this] { controller.screensChanged(); }, Qt::QueuedConnection);
     }
 
     QRegion outline() const
@@ -224,13 +271,46 @@ private:
         return (1 - t) * (1 - t) * (1 - t);
     }
 
-    /// One corner of the shadow and the strips next to it, to be stretched along the edges.
-    void makeShadow()
+    /// The four corners of something round, to be stretched along the edges between them. Only so is a repaint of a few
+    /// rows cheap: a rounded outline costs as much for a part of it as for all.
+    struct RoundPart {
+        QPixmap picture; ///< One unit lies between the corners.
+        int corner = 0; ///< Side of a corner, in units.
+        qreal ratio = 1; ///< Pixels of the picture for a unit.
+
+        /// All but the middle.
+        void drawAround(QPainter &painter, const QRect &whole) const
+        {
+            const qreal c = corner * ratio, s = picture.width();
+            const int xs[4] = {whole.left(), whole.left() + corner, whole.right() + 1 - corner, whole.right() + 1};
+            const int ys[4] = {whole.top(), whole.top() + corner, whole.bottom() + 1 - corner, whole.bottom() + 1};
+            const qreal from[4] = {0, c, s - c, s};
+            for (int row = 0; row < 3; row++)
+                for (int column = 0; column < 3; column++)
+                    if (row != 1 || column != 1)
+                        painter.drawPixmap(QRectF(xs[column], ys[row], xs[column + 1] - xs[column], ys[row + 1] - ys[row]),
+                            picture, QRectF(from[column], from[row], from[column + 1] - from[column], from[row + 1] - from[row]));
+        }
+    };
+
+    static QImage emptyPart(int corner, qreal ratio)
     {
-        const qreal ratio = devicePixelRatioF();
-        const int corner = shadowReach + 2 * Metrics::radius;
         const int side = int(std::ceil((2 * corner + 1) * ratio));
         QImage image(side, side, QImage::Format_ARGB32_Premultiplied);
+        image.fill(Qt::transparent);
+        return image;
+    }
+
+    static RoundPart partOf(QImage &&image, int corner, qreal ratio)
+    {
+        return {QPixmap::fromImage(std::move(image)), corner, ratio};
+    }
+
+    RoundPart makeShadow(qreal ratio) const
+    {
+        const int corner = shadowReach + 2 * Metrics::radius;
+        QImage image = emptyPart(corner, ratio);
+        const int side = image.width();
         const qreal inner = shadowReach + Metrics::radius; // where the centres of the corners' circles lie
         for (int y = 0; y < side; y++) {
             auto *line = reinterpret_cast<QRgb *>(image.scanLine(y));
@@ -242,26 +322,32 @@ private:
                 line[x] = qRgba(0, 0, 0, qRound(appearance.theme().shadow * shadeAt(distance)));
             }
         }
-        shadow = QPixmap::fromImage(std::move(image));
-        shadowRatio = ratio;
+        return partOf(std::move(image), corner, ratio);
     }
 
-    void drawShadow(QPainter &painter)
+    RoundPart makeGround(qreal ratio) const
     {
-        if (shadow.isNull() || shadowRatio != devicePixelRatioF())
-            makeShadow();
-        const int corner = shadowReach + 2 * Metrics::radius;
-        // Drawn lower than the palette, and cut off at the window's lower edge where it is almost nothing.
-        const QRect whole = palette().adjusted(-shadowReach, -shadowReach + shadowDrop, shadowReach, shadowReach + shadowDrop);
-        const qreal c = corner * shadowRatio, s = shadow.width();
-        const int xs[4] = {whole.left(), whole.left() + corner, whole.right() + 1 - corner, whole.right() + 1};
-        const int ys[4] = {whole.top(), whole.top() + corner, whole.bottom() + 1 - corner, whole.bottom() + 1};
-        const qreal from[4] = {0, c, s - c, s};
-        for (int row = 0; row < 3; row++)
-            for (int column = 0; column < 3; column++)
-                if (row != 1 || column != 1)
-                    painter.drawPixmap(QRectF(xs[column], ys[row], xs[column + 1] - xs[column], ys[row + 1] - ys[row]), shadow,
-                        QRectF(from[column], from[row], from[column + 1] - from[column], from[row + 1] - from[row]));
+        constexpr int corner = Metrics::radius;
+        constexpr qreal line = 1;
+        const Theme &theme = appearance.theme();
+        QImage image = emptyPart(corner, ratio);
+        const QRectF whole(0, 0, image.width() / ratio, image.height() / ratio);
+        QPainter painter(&image);
+        painter.scale(ratio, ratio);
+        painter.setRenderHint(QPainter::Antialiasing);
+        fillRounded(painter, whole, corner, theme.ground);
+        painter.setPen(QPen(theme.border, line));
+        painter.drawRoundedRect(whole.adjusted(line / 2, line / 2, -line / 2, -line / 2), corner - line / 2, corner - line / 2);
+        painter.end();
+        return partOf(std::move(image), corner, ratio);
+    }
+
+    void makeParts()
+    {
+        partsRatio = devicePixelRatioF();
+        ground = makeGround(partsRatio);
+        if (margin > 0)
+            shadow = makeShadow(partsRatio);
     }
 
     PaletteController &controller;
@@ -270,8 +356,10 @@ private:
     PaletteView *_view = nullptr;
     std::unique_ptr<Veil> veil;
     QPoint grip;
-    QPixmap shadow;
-    qreal shadowRatio = 0;
+    RoundPart ground, shadow;
+    qreal partsRatio = 0; // they were made for; 0 when they are to be made anew
+    std::uint64_t lastPress = 0; // the server's time of the last press in a window of this program
+    x11::PressWatch pressWatch{[this](std::uint32_t time, bool ours) { reportForeignPress(time, ours); }};
     x11::FocusWatch focusWatch{*this, [this] {
                                    noteKeyboard();
                                    gainedKeyboard();
@@ -396,11 +484,14 @@ void QtPaletteWindow::setOpacity(double opacity)
 
 void QtPaletteWindow::takeShape()
 {
-    const bool composed = x11::compositorRuns();
-    _surface->setMargin(composed ? shadowReach : 0);
+    const Shape now{x11::compositorRuns(), _surface->devicePixelRatioF()};
+    if (now != shape) { // window managers do a lot about a new shape, also when it is the old one
+        shape = now;
+        _surface->setMargin(now.composed ? shadowReach : 0, now.composed);
+        _surface->winId();
+        x11::setSolidPart(*_surface, now.composed ? _surface->palette() : QRect());
+    }
     _surface->move(wanted - QPoint(_surface->margin, _surface->margin));
-    _surface->winId();
-    x11::setSolidPart(*_surface, composed ? _surface->palette() : QRect());
 }
 
 void QtPaletteWindow::bringToFront()

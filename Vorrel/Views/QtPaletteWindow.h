@@ -71,12 +71,20 @@ private:
     /// Some window managers report a wrong place right after a window appears, and a later move would then go wrong.
     static Task<void> settle(Clock &clock, QtPaletteWindow *window);
 
+    /// What the window's outline depends on.
+    struct Shape {
+        bool composed;
+        double ratio; ///< Pixels of a unit.
+        bool operator==(const Shape &) const = default;
+    };
+
     Executor mainThread;
     Clock &clock;
     Appearance &appearance;
     std::shared_ptr<IconStore> icons;
     std::unique_ptr<Surface> _surface;
     std::unique_ptr<Fade> fade;
+    std::optional<Shape> shape; // as it has it now
     QPoint wanted; // the palette's upper left corner
     bool hadKeyboard = false; // since it was shown
     double shownAt = 0; // by the clock that never jumps

@@ -3,6 +3,7 @@
 #include "Vorrel/Views/Appearance.h"
 #include "Vorrel/Views/IconStore.h"
 #include "Vorrel/Views/Painting.h"
+#include "Vorrel/Views/TextLine.h"
 
 #include <QAccessible>
 #include <QAccessibleWidget>
@@ -364,12 +365,11 @@ int RowList::drawRightSide(QPainter &painter, int row, const RowFace &face, cons
     }
     if (!face.badge.isEmpty()) {
         const QFont font = appearance.font(TypeSize::Caption);
-        const int width = QFontMetrics(font).horizontalAdvance(face.badge) + 12;
+        const int width = textLine::width(font, face.badge) + 12;
         const QRect pill(right - width, place.top() + (rowHeight - badgeHeight) / 2, width, badgeHeight);
         fillRounded(painter, pill, badgeHeight / 2.0, face.grave ? theme.warningGround : theme.keyGround);
-        painter.setFont(font);
         painter.setPen(face.grave ? theme.warning : theme.secondary);
-        painter.drawText(pill, Qt::AlignCenter | Qt::TextSingleLine, face.badge);
+        textLine::drawCentred(painter, font, pill, face.badge);
         right -= width + 8;
     }
     return right;
@@ -393,25 +393,19 @@ void RowList::drawRow(QPainter &painter, int row, const QRect &place) const
     const int right = drawRightSide(painter, row, face, place);
 
     const QFont titleFont = appearance.font(TypeSize::Title, row == selected ? QFont::Medium : QFont::Normal);
-    const QFontMetrics titleMetrics(titleFont);
-    const int baseline = place.top() + (rowHeight + titleMetrics.capHeight()) / 2;
+    const int baseline = place.top() + (rowHeight + QFontMetrics(titleFont).capHeight()) / 2;
     const int available = right - textLeft;
     // The title gives way only when the subtitle would not get a third.
-    const int titleWidth = titleMetrics.horizontalAdvance(face.title);
     const int titleRoom = face.subtitle.isEmpty() ? available : std::max(available - 160, available * 2 / 3);
-    painter.setFont(titleFont);
     painter.setPen(theme.text);
-    const QString title = titleWidth <= titleRoom ? face.title : titleMetrics.elidedText(face.title, Qt::ElideRight, titleRoom);
-    painter.drawText(QPoint(textLeft, baseline), title);
+    textLine::draw(painter, titleFont, QPoint(textLeft, baseline), face.title, titleRoom);
     if (face.subtitle.isEmpty())
         return;
 
-    const QFont subtitleFont = appearance.font(TypeSize::Small);
-    const int subtitleLeft = textLeft + std::min(titleWidth, titleRoom) + 12;
-    painter.setFont(subtitleFont);
+    const int subtitleLeft = textLeft + std::min(textLine::width(titleFont, face.title), titleRoom) + 12;
     painter.setPen(theme.secondary);
-    painter.drawText(QPoint(subtitleLeft, baseline),
-        QFontMetrics(subtitleFont).elidedText(face.subtitle, elision(face.subtitle), right - subtitleLeft));
+    textLine::draw(painter, appearance.font(TypeSize::Small), QPoint(subtitleLeft, baseline), face.subtitle, right - subtitleLeft,
+        elision(face.subtitle));
 }
 
 } // namespace korvane

@@ -9,7 +9,9 @@
 #include <xcb/shape.h>
 #include <xcb/xcb.h>
 #include <xcb/xfixes.h>
+#include <xcb/xinput.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <memory>
@@ -236,44 +238,67 @@ bool FocusWatch::nativeEventFilter(const QByteArray &type, void *message, qintpt
     return false;
 }
 
-// SelectionWatch
+// OwnConnection
 
-struct SelectionWatch::Connection {
-    Connection() : x(xcb_connect(nullptr, nullptr)) { }
-    ~Connection() { xcb_disconnect(x); }
-    Connection(const Connection &) = delete;
-    Connection &operator=(const Connection &) = delete;
+class OwnConnection {
+public:
+    using Handle = std::function<void(const xcb_generic_event_t &)>;
 
-    xcb_connection_t *x;
-    xcb_atom_t name = XCB_ATOM_NONE;
+    /// Nothing where there is no X server. `handle` gets every event.
+    static std::unique_ptr<OwnConnection> open(Handle handle)
+    {
+        if (!connection())
+            return nullptr;
+        auto made = std::make_unique<OwnConnection>(std::move(handle));
+        return xcb_connection_has_error(made->x) ? nullptr : std::move(made);
+    }
+
+    explicit OwnConnection(Handle handle) : x(xcb_connect(nullptr, nullptr)), handle(std::move(handle))
+    {
+        if (xcb_connection_has_error(x))
+            return;
+        notifier = std::make_unique<QSocketNotifier>(xcb_get_file_descriptor(x), QSocketNotifier::Read);
+        QObject::connect(notifier.get(), &QSocketNotifier::activated, [this] { readEvents(); });
+    }
+    ~OwnConnection() { xcb_disconnect(x); }
+    OwnConnection(const OwnConnection &) = delete;
+    OwnConnection &operator=(const OwnConnection &) = delete;
+
+    xcb_connection_t *const x;
+
+private:
+    // Until there is none left: a reply that `handle` waits for brings further events along, and no more wake-up for them.
+    void readEvents()
+    {
+        while (const Reply<xcb_generic_event_t> event{xcb_poll_for_event(x)})
+            handle(*event);
+        if (xcb_connection_has_error(x))
+            notifier->setEnabled(false);
+    }
+
+    Handle handle;
+    std::unique_ptr<QSocketNotifier> notifier;
 };
+
+// SelectionWatch
 
 SelectionWatch::SelectionWatch(const char *selection, std::function<void()> taken)
 {
-    if (!x11::connection())
+    auto made = OwnConnection::open([this, taken = std::move(taken)](const xcb_generic_event_t &) {
+        if (hasOwner())
+            taken();
+    });
+    if (!made)
         return;
-    auto made = std::make_unique<Connection>();
-    if (xcb_connection_has_error(made->x))
-        return;
+    xcb_connection_t *x = made->x;
     const Reply<xcb_xfixes_query_version_reply_t> version(
-        xcb_xfixes_query_version_reply(made->x, xcb_xfixes_query_version(made->x, 5, 0), nullptr));
+        xcb_xfixes_query_version_reply(x, xcb_xfixes_query_version(x, 5, 0), nullptr));
     if (!version)
         return;
     connection = std::move(made);
-    xcb_connection_t *x = connection->x;
-    connection->name = atom(x, selection);
-    xcb_xfixes_select_selection_input(x, root(x), connection->name, XCB_XFIXES_SELECTION_EVENT_MASK_SET_SELECTION_OWNER);
+    name = atom(x, selection);
+    xcb_xfixes_select_selection_input(x, root(x), name, XCB_XFIXES_SELECTION_EVENT_MASK_SET_SELECTION_OWNER);
     xcb_flush(x);
-    notifier = std::make_unique<QSocketNotifier>(xcb_get_file_descriptor(x), QSocketNotifier::Read);
-    QObject::connect(notifier.get(), &QSocketNotifier::activated, [this, taken = std::move(taken)] {
-        bool changed = false;
-        while (const Reply<xcb_generic_event_t> event{xcb_poll_for_event(connection->x)})
-            changed = true;
-        if (xcb_connection_has_error(connection->x))
-            notifier->setEnabled(false);
-        else if (changed && hasOwner())
-            taken();
-    });
 }
 
 SelectionWatch::~SelectionWatch() = default;
@@ -283,8 +308,81 @@ bool SelectionWatch::hasOwner() const
     if (!connection)
         return false;
     const Reply<xcb_get_selection_owner_reply_t> reply(
-        xcb_get_selection_owner_reply(connection->x, xcb_get_selection_owner(connection->x, connection->name), nullptr));
+        xcb_get_selection_owner_reply(connection->x, xcb_get_selection_owner(connection->x, name), nullptr));
     return reply && reply->owner != XCB_WINDOW_NONE;
+}
+
+// PressWatch
+
+static bool isOurs(xcb_window_t window)
+{
+    return std::ranges::any_of(
+        QGuiApplication::allWindows(), [window](const QWindow *own) { return own->handle() && own->winId() == window; });
+}
+
+/// Whether the mouse is over a window of this program: window managers put windows into others.
+static bool mouseIsOverOurs(xcb_connection_t *x)
+{
+    constexpr int deepest = 8;
+    xcb_window_t window = root(x);
+    for (int level = 0; level < deepest; level++) {
+        const Reply<xcb_query_pointer_reply_t> mouse(xcb_query_pointer_reply(x, xcb_query_pointer(x, window), nullptr));
+        if (!mouse || mouse->child == XCB_WINDOW_NONE)
+            return false;
+        if (isOurs(mouse->child))
+            return true;
+        window = mouse->child;
+    }
+    return false;
+}
+
+/// The extension's number; nothing when the server does not know the version that reports presses during grabs too.
+static std::optional<std::uint8_t> inputExtension(xcb_connection_t *x)
+{
+    const xcb_query_extension_reply_t *extension = xcb_get_extension_data(x, &xcb_input_id);
+    if (!extension || !extension->present)
+        return std::nullopt;
+    const Reply<xcb_input_xi_query_version_reply_t> version(
+        xcb_input_xi_query_version_reply(x, xcb_input_xi_query_version(x, 2, 2), nullptr));
+    const bool enough = version && (version->major_version > 2 || (version->major_version == 2 && version->minor_version >= 1));
+    return enough ? std::optional(extension->major_opcode) : std::nullopt;
+}
+
+/// The raw button event in `event`, if it is a press of the left or the right button.
+static const xcb_input_raw_button_press_event_t *clickIn(const xcb_generic_event_t &event, std::uint8_t extension)
+{
+    const auto &generic = reinterpret_cast<const xcb_ge_generic_event_t &>(event);
+    if ((event.response_type & 0x7f) != XCB_GE_GENERIC || generic.extension != extension
+        || generic.event_type != XCB_INPUT_RAW_BUTTON_PRESS)
+        return nullptr;
+    const auto *press = reinterpret_cast<const xcb_input_raw_button_press_event_t *>(&event);
+    constexpr std::uint32_t left = 1, right = 3;
+    return press->detail == left || press->detail == right ? press : nullptr;
+}
+
+PressWatch::PressWatch(std::function<void(std::uint32_t, bool)> pressed) : pressed(std::move(pressed)) { }
+
+PressWatch::~PressWatch() = default;
+
+void PressWatch::set(bool on)
+{
+    if (on && !connection) {
+        connection = OwnConnection::open([this](const xcb_generic_event_t &event) {
+            if (const auto *press = watching ? clickIn(event, *extension) : nullptr)
+                pressed(press->time, mouseIsOverOurs(connection->x));
+        });
+        if (connection)
+            extension = inputExtension(connection->x);
+    }
+    if (!extension || on == watching)
+        return;
+    watching = on;
+    struct {
+        xcb_input_event_mask_t head;
+        std::uint32_t events;
+    } const mask{{XCB_INPUT_DEVICE_ALL_MASTER, 1}, on ? XCB_INPUT_XI_EVENT_MASK_RAW_BUTTON_PRESS : 0u};
+    xcb_input_xi_select_events(connection->x, root(connection->x), 1, &mask.head);
+    xcb_flush(connection->x);
 }
 
 } // namespace korvane::x11

@@ -9,7 +9,6 @@
 #include <memory>
 #include <optional>
 
-class QSocketNotifier;
 class QWidget;
 
 /// What the toolkit does not tell or does about a window under X11. Everything is harmless on other platforms.
@@ -54,6 +53,9 @@ private:
     std::function<void()> gained;
 };
 
+/// A connection to the server beside the toolkit's, which takes all events of its own.
+class OwnConnection;
+
 /// Tells when another client takes a selection that stands for a service, such as the tray's.
 class SelectionWatch {
 public:
@@ -62,9 +64,25 @@ public:
     bool hasOwner() const;
 
 private:
-    struct Connection;
-    std::unique_ptr<Connection> connection;
-    std::unique_ptr<QSocketNotifier> notifier;
+    std::unique_ptr<OwnConnection> connection;
+    std::uint32_t name = 0;
+};
+
+/// Tells of presses of the left and the right mouse button anywhere on the desktop, also where no window hears of
+/// them, and takes them from nobody. Nothing is asked of the server while it is off.
+class PressWatch {
+public:
+    /// `pressed` gets the server's time of the press, which is also that of the toolkit's event, and whether a
+    /// window of this program is under the mouse.
+    explicit PressWatch(std::function<void(std::uint32_t time, bool ours)> pressed);
+    ~PressWatch();
+    void set(bool on);
+
+private:
+    std::function<void(std::uint32_t, bool)> pressed;
+    std::unique_ptr<OwnConnection> connection;
+    std::optional<std::uint8_t> extension; // its number in this server
+    bool watching = false;
 };
 
 } // namespace korvane::x11

@@ -917,12 +917,4 @@ TEST(TrayStatusItem, AppearsInATrayThatStartsLaterAndAClickDoesTheFirstEntry)
 
 } // namespace korvane::test
 
-int main(int argc, char **argv)
-{
-    QApplication application(argc, argv);
-    QApplication::setQuitOnLastWindowClosed(false);
-    testing::InitGoogleMock(&argc, argv);
-    return RUN_ALL_TESTS();
-}
-
 #include "WindowTest.moc"

@@ -1,7 +1,7 @@
 #!/bin/bash
 # Runs a command on a desktop of its own: private X server, window manager, D-Bus session, home and XDG folders.
 #
-#   with-desktop.sh [--wm openbox|xfwm4|metacity|none] [--compositor picom|none] [--size WxH]
+#   with-desktop.sh [--wm openbox|xfwm4|metacity|none] [--compositor own|picom|none] [--size WxH]
 #                   [--accessibility] [--timeout SECONDS] COMMAND...
 #
 # The exit status is the command's; 124 when the time limit ended it; 125 when the desktop did not come up. What the
@@ -66,15 +66,20 @@ number=$(cat "$KORVANE_DESKTOP_FOLDER/display" 2>/dev/null)
 export DISPLAY=:$number
 
 if [ "$wm" != none ]; then
-    "$wm" >>"$log" 2>&1 &
+    # Two of them compose windows themselves unless told not to.
+    case $wm in
+        xfwm4) [ "$compositor" = own ] && compose=on || compose=off; xfwm4 --compositor=$compose >>"$log" 2>&1 & ;;
+        metacity) [ "$compositor" = own ] && compose=xrender || compose=none; META_COMPOSITOR=$compose metacity >>"$log" 2>&1 & ;;
+        *) "$wm" >>"$log" 2>&1 & ;;
+    esac
     for _ in $(seq 200); do
         xprop -root _NET_SUPPORTING_WM_CHECK 2>/dev/null | grep -q 'window id' && break
         sleep 0.05
     done
     xprop -root _NET_SUPPORTING_WM_CHECK 2>/dev/null | grep -q 'window id' || { echo "The window manager did not start." >>"$log"; exit 125; }
 fi
+[ "$compositor" = none ] || hsetroot -solid '#3b6ea5' >>"$log" 2>&1
 if [ "$compositor" = picom ]; then
-    hsetroot -solid '#3b6ea5' >>"$log" 2>&1
     picom --backend xrender >>"$log" 2>&1 &
     sleep 0.5
 fi

@@ -18,21 +18,42 @@ public:
     }
     Point mouse() const override { return mouseAt; }
     ScreenRect frame() const override { return at; }
-    void moveTo(int x, int y) override { at.x = x, at.y = y; }
+    void moveTo(int x, int y) override
+    {
+        at.x = x, at.y = y;
+        log.push_back("move");
+    }
     bool visible() const override { return isVisible; }
-    void setOpacity(double value) override { opacity = value; }
-    void bringToFront() override { isVisible = keyboard = true; }
-    void orderOut() override { isVisible = keyboard = false; }
+    void setOpacity(double value) override
+    {
+        opacity = value;
+        log.push_back(value == 0 ? "transparent" : "opaque");
+    }
+    void bringToFront() override
+    {
+        isVisible = keyboard = true;
+        log.push_back("front");
+    }
+    void orderOut() override
+    {
+        isVisible = keyboard = false;
+        log.push_back("out");
+    }
     void animateOpacity(double target, Milliseconds duration, std::function<void()> completed) override
     {
         opacity = target;
+        log.push_back(target == 0 ? "fade out" : "fade in");
         fades.push_back({target, duration, std::move(completed)});
     }
     bool reducedMotion() const override { return reduced; }
     bool hasSheet() const override { return sheet; }
     void bringSheetToFront() override { ++sheetRaised; }
     bool hasKeyboard() const override { return keyboard; }
-    void focusInput() override { ++focused; }
+    void focusInput() override
+    {
+        ++focused;
+        log.push_back("focus");
+    }
     void onKeyboardLost(std::function<void()> lost) override { keyboardLost = std::move(lost); }
 
     struct Fade {
@@ -60,6 +81,7 @@ public:
     double opacity = 1;
     bool isVisible = false, keyboard = false, reduced = false, sheet = false;
     int focused = 0, sheetRaised = 0;
+    std::vector<std::string> log; ///< What was done to the window, in order.
 
 private:
     std::size_t ended = 0;

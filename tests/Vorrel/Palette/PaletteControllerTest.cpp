@@ -3,11 +3,13 @@
 #include "Vorrel/Palette/PaletteController.h"
 #include "Vorrel/Platform/Headless/HeadlessPaletteWindow.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 using namespace korvane;
 using namespace korvane::test;
 using namespace std::chrono_literals;
+using testing::ElementsAre;
 using Mode = PaletteState::Mode;
 
 namespace {
@@ -92,6 +94,70 @@ TEST(PaletteController, WithReducedMotionShowAndHideTakeNoTimeAndStillOrderOut)
     EXPECT_FALSE(test.window->visible());
 }
 
+TEST(PaletteController, ShowingPlacesTheTransparentWindowThenRaisesItThenFocusesAndFades)
+{
+    TestController test;
+    test.controller->toggle();
+    EXPECT_THAT(test.window->log, ElementsAre("move", "transparent", "front", "focus", "fade in"));
+    test.window->log.clear();
+    test.controller->toggle();
+    EXPECT_THAT(test.window->log, ElementsAre("fade out"));
+    test.window->endFade();
+    test.window->endFade();
+    EXPECT_THAT(test.window->log, ElementsAre("fade out", "out"));
+}
+
+TEST(PaletteController, AWindowThatIsStillVisibleIsNotMadeTransparentAtTheNextShow)
+{
+    TestController test;
+    test.controller->toggle();
+    test.controller->toggle();
+    test.window->log.clear();
+    test.controller->toggle();
+    EXPECT_THAT(test.window->log, ElementsAre("move", "front", "focus", "fade in"));
+}
+
+TEST(PaletteController, ACompletionThatComesAfterTheControllerHasGoneIsHarmless)
+{
+    TestController test;
+    auto kept = test.controller->state().shared_from_this(); // as a task that still runs keeps it
+    test.controller->toggle();
+    test.controller->toggle();
+    const auto completed = test.window->fades.back().completed;
+    kept->focusInput();
+    test.controller.reset();
+    completed();
+    test.settle();
+    EXPECT_EQ(kept.use_count(), 1);
+}
+
+TEST(PaletteController, HidingEndsTheSessionsWorkAndHidingTwiceDoesNothingMore)
+{
+    TestController test;
+    test.controller->toggle();
+    const int session = test.palette().sessionGeneration();
+    test.controller->hide();
+    EXPECT_EQ(test.palette().sessionGeneration(), session + 1);
+    test.controller->hide();
+    EXPECT_EQ(test.palette().sessionGeneration(), session + 1);
+    EXPECT_EQ(test.window->fades.size(), 2u);
+}
+
+TEST(PaletteController, TheFieldGetsTheFocusAfterAChangeOnlyWhileTheWindowHasTheKeyboard)
+{
+    TestController test;
+    test.controller->toggle();
+    const int before = test.window->focused;
+    test.palette().focusInput();
+    EXPECT_EQ(test.window->focused, before) << "not before the views have settled";
+    test.settle();
+    EXPECT_EQ(test.window->focused, before + 1);
+    test.window->keyboard = false;
+    test.palette().focusInput();
+    test.settle();
+    EXPECT_EQ(test.window->focused, before + 1);
+}
+
 TEST(PaletteController, UnderADialogTogglingOnlyBringsItForward)
 {
     TestController test;
@@ -113,6 +179,50 @@ TEST(PaletteController, ThePaletteStandsOnTheScreenWithTheMouseEightPercentAbove
     test.window->mouseAt = {-5, -5};
     test.controller->toggle();
     EXPECT_EQ(test.window->at.x, 450) << "the main screen, when the mouse is on none";
+}
+
+TEST(PaletteController, WithoutAnyScreenTheWindowStaysWhereItIs)
+{
+    TestController test;
+    test.window->allScreens.clear();
+    test.window->at = {11, 22, 700, 510};
+    test.controller->toggle();
+    EXPECT_EQ(test.window->at, (ScreenRect{11, 22, 700, 510}));
+    EXPECT_TRUE(test.controller->presented());
+}
+
+TEST(PaletteController, AShownPaletteWhoseScreenGoesMovesToOneThatIsLeft)
+{
+    TestController test;
+    const PaletteWindow::Screen left{{0, 0, 1600, 1000}, {0, 0, 1600, 1000}}, right{{1600, 0, 1600, 1000}, {1600, 0, 1600, 1000}};
+    test.window->allScreens = {left, right};
+    test.window->mouseAt = {2000, 500};
+    test.controller->toggle();
+    test.window->moveTo(1700, 100); // by the user
+    test.controller->screensChanged();
+    EXPECT_EQ(test.window->at.x, 1700) << "a screen still shows it";
+    test.window->allScreens = {left};
+    test.controller->screensChanged();
+    EXPECT_EQ(test.window->at, (ScreenRect{450, 245 - 80, 700, 510}));
+}
+
+TEST(PaletteController, AHiddenPaletteLeavesChangesOfTheScreensToTheNextShow)
+{
+    TestController test;
+    test.window->allScreens = {{{5000, 0, 1600, 1000}, {5000, 0, 1600, 1000}}};
+    test.controller->screensChanged();
+    EXPECT_THAT(test.window->log, ElementsAre());
+    test.controller->toggle();
+    EXPECT_EQ(test.window->at.x, 5450);
+}
+
+TEST(PaletteController, AWindowThatIsNotVisibleHasNoKeyboardToLose)
+{
+    TestController test;
+    test.controller->toggle();
+    test.window->isVisible = false;
+    test.window->loseKeyboard();
+    EXPECT_TRUE(test.controller->presented());
 }
 
 TEST(PaletteController, LosingTheKeyboardHidesItUnlessAWindowOfAFlowStands)
@@ -144,6 +254,24 @@ TEST(PaletteController, OnlyAClickOutsideHides)
     EXPECT_FALSE(test.controller->presented());
 }
 
+TEST(PaletteController, AClickOutsideLeavesItWhileADialogOrAWindowOfAFlowStands)
+{
+    TestController test;
+    test.controller->toggle();
+    test.window->sheet = true;
+    test.controller->mousePressed(0, 0, false);
+    EXPECT_TRUE(test.controller->presented());
+    test.window->sheet = false;
+    test.controller->coordinator()._isPresenting = true;
+    test.controller->mousePressed(0, 0, false);
+    EXPECT_TRUE(test.controller->presented());
+    test.controller->coordinator()._isPresenting = false;
+    test.controller->mousePressed(0, 0, false);
+    EXPECT_FALSE(test.controller->presented());
+    test.controller->mousePressed(0, 0, false);
+    EXPECT_EQ(test.window->fades.size(), 2u) << "a hidden palette has nothing to hide";
+}
+
 TEST(PaletteController, TheDigitsOneToFourSelectATabAndFiveGoesToTheField)
 {
     TestController test;
@@ -172,7 +300,11 @@ TEST(PaletteController, KeysReachTheirOperations)
     EXPECT_TRUE(test.press("y"));
     EXPECT_TRUE(test.palette().showsPreview());
     EXPECT_TRUE(test.press("c", true));
+    EXPECT_TRUE(test.press("C", true)) << "as a keyboard with Shift gives it";
     EXPECT_FALSE(test.press("c")) << "the field copies";
+    EXPECT_FALSE(test.press("k", true)) << "the letters without Shift alone";
+    EXPECT_FALSE(test.press("y", true));
+    EXPECT_FALSE(test.palette().showsActions());
     EXPECT_FALSE(test.press("v"));
     EXPECT_TRUE(test.controller->handleKey({.key = KeyPress::Key::Return, .command = true}));
     EXPECT_FALSE(test.controller->handleKey({.key = KeyPress::Key::Return}));
