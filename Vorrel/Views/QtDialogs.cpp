@@ -113,7 +113,7 @@ protected:
         const Theme &theme = appearance.theme();
         QPainter painter(this);
         painter.setRenderHint(QPainter::Antialiasing);
-        painter.setBrush(theme.dark ? theme.ground.lighter(125) : theme.ground);
+        painter.setBrush(theme.raised);
         painter.setPen(QPen(theme.border, 1));
         painter.drawRoundedRect(QRectF(rect()).adjusted(0.5, 0.5, -0.5, -0.5), alertRadius, alertRadius);
         const QRect sign(24, 24, signSize, signSize);
