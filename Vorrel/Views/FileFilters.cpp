@@ -10,7 +10,7 @@
 
 namespace korvane {
 
-static constexpr int widestFolder = 120; // of a folder's name
+static constexpr int widestFolder = 72; // of a folder's name
 
 FileFilters::FileFilters(Appearance &appearance, IconStore &icons, PaletteState &state, QWidget *parent) :
     QWidget(parent), state(state), appearance(appearance),
@@ -31,10 +31,11 @@ FileFilters::FileFilters(Appearance &appearance, IconStore &icons, PaletteState 
 
     auto *line = new QHBoxLayout(this);
     line->setContentsMargins(Metrics::margin - 8, 4, Metrics::margin - 8, 4);
-    line->setSpacing(8);
-    for (QWidget *one : std::initializer_list<QWidget *>{_type, _sort, _folder, choose, hint})
+    line->setSpacing(4);
+    for (QWidget *one : std::initializer_list<QWidget *>{_type, _sort, _folder, choose})
         line->addWidget(one);
     line->addStretch();
+    line->addWidget(hint); // below one another with that of the footer
     refresh();
 }
 

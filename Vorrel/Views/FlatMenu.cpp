@@ -61,7 +61,8 @@ void FlatMenu::keyPressEvent(QKeyEvent *event)
     if (!letter || event->modifiers() & (Qt::ControlModifier | Qt::AltModifier | Qt::MetaModifier))
         return QMenu::keyPressEvent(event);
     close();
-    QCoreApplication::sendEvent(owner, event);
+    QWidget *const behind = owner->window()->focusWidget();
+    QCoreApplication::sendEvent(behind ? behind : owner, event);
 }
 
 void FlatMenu::resizeEvent(QResizeEvent *event)

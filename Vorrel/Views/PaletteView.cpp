@@ -31,6 +31,7 @@ public:
         line->addWidget(label);
         line->addStretch();
         line->addWidget(status);
+        line->addSpacing(8);
         auto *column = new QVBoxLayout(this);
         column->setContentsMargins(Metrics::margin, 12, Metrics::margin - 8, 12);
         column->setSpacing(8);
@@ -68,7 +69,7 @@ PaletteView::PaletteView(PaletteState &state, Appearance &appearance, IconStore 
     results(new ResultList(appearance, icons, state)), footer(new PaletteFooter(appearance, icons, state, this))
 {
     checking->setText(fromUtf8(L10n::shown("Checking file access…")));
-    checking->setContentsMargins(Metrics::margin, 4, Metrics::margin, 4);
+    checking->setContentsMargins(Metrics::margin, 8, Metrics::margin, 4);
 
     auto *column = new QVBoxLayout(this);
     column->setContentsMargins(0, 0, 0, 0);

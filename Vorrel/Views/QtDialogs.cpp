@@ -180,7 +180,7 @@ private:
 QWidget *QtDialogs::owner() const
 {
     QWidget *window = palette();
-    return window && window->isVisible() ? window : nullptr;
+    return window && window->isVisible() ? window : QApplication::activeWindow();
 }
 
 namespace {
@@ -241,26 +241,39 @@ Task<void> QtDialogs::failure(std::string title, std::string detail)
     co_await ask(alert);
 }
 
+/// A panel that shows all of its words, which those of desktops do not.
+QFileDialog *QtDialogs::panelFor(const Choice &choice) const
+{
+    auto *panel = new QFileDialog(owner(), fromUtf8(choice.title));
+    panel->setOption(QFileDialog::DontUseNativeDialog);
+    panel->setFont(appearance.font(TypeSize::Body));
+    panel->setFileMode(choice.folders ? QFileDialog::Directory
+            : choice.multiple         ? QFileDialog::ExistingFiles
+                                      : QFileDialog::ExistingFile);
+    panel->setOption(QFileDialog::ShowDirsOnly, choice.folders);
+    if (!choice.message.empty()) {
+        auto *message = new QLabel(fromUtf8(choice.message), panel);
+        message->setTextFormat(Qt::PlainText);
+        message->setWordWrap(true);
+        message->setContentsMargins(12, 12, 12, 4);
+        panel->layout()->setMenuBar(message); // the one place above what the panel lays out itself
+    }
+    if (!choice.prompt.empty())
+        panel->setLabelText(QFileDialog::Accept, fromUtf8(choice.prompt));
+    if (!choice.directory.empty())
+        panel->setDirectory(QFile::decodeName(QByteArray::fromStdString(choice.directory)));
+    return panel;
+}
+
 Task<std::optional<std::vector<std::string>>> QtDialogs::choose(Choice choice)
 {
-    auto *dialog = new QFileDialog(owner(), fromUtf8(choice.title));
-    const Closing closing(dialog);
-    dialog->setFileMode(choice.folders ? QFileDialog::Directory
-            : choice.multiple          ? QFileDialog::ExistingFiles
-                                       : QFileDialog::ExistingFile);
-    dialog->setOption(QFileDialog::ShowDirsOnly, choice.folders);
-    if (!choice.message.empty())
-        dialog->setLabelText(QFileDialog::LookIn, fromUtf8(choice.message));
-    if (!choice.prompt.empty())
-        dialog->setLabelText(QFileDialog::Accept, fromUtf8(choice.prompt));
-    if (!choice.directory.empty())
-        dialog->setDirectory(QFile::decodeName(QByteArray::fromStdString(choice.directory)));
-
-    const bool accepted = co_await ask(dialog);
+    QFileDialog *panel = panelFor(choice);
+    const Closing closing(panel);
+    const bool accepted = co_await ask(panel);
     if (!accepted || !closing.dialog)
         co_return std::nullopt;
     std::vector<std::string> paths;
-    for (const QString &path : dialog->selectedFiles())
+    for (const QString &path : panel->selectedFiles())
         paths.push_back(QFile::encodeName(path).toStdString());
     co_return paths;
 }

@@ -42,7 +42,8 @@ public:
 
     void refresh()
     {
-        line->setText(state.message->has_value() ? shownText(state.message->value()) : fromUtf8(L10n::shown("Changes are saved locally.")));
+        line->setText(
+            state.message->has_value() ? shownText(state.message->value()) : fromUtf8(L10n::shown("Changes are saved locally.")));
         save->setEnabled(!state.saving);
     }
     void applyAppearance() { line->applyAppearance(); }
@@ -189,6 +190,7 @@ void QtSettingsWindow::showCentred()
     x11::setUserTime(*_surface, time);
     _surface->setWindowState(_surface->windowState() & ~Qt::WindowMinimized);
     _surface->show();
+    _surface->setFocus(Qt::OtherFocusReason); // no control is marked before the user asks for one
     _surface->raise();
     _surface->activateWindow();
     x11::activate(*_surface, time);

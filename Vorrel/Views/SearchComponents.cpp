@@ -83,6 +83,7 @@ constexpr int buttonHeight = 28;
 constexpr int buttonPadding = 8;
 constexpr int symbolSide = 16;
 constexpr int buttonGap = 6;
+constexpr int captionGap = 4;
 constexpr int menuMarkSide = 12;
 
 /// A tab to screen readers: toolkits have no widget for a tab that stands alone.
@@ -187,13 +188,13 @@ QSize FlatButton::sizeHint() const
     if (!symbol.empty())
         width += symbolSide;
     if (!caption.isEmpty())
-        width += QFontMetrics(captionFont()).horizontalAdvance(caption) + buttonGap;
+        width += QFontMetrics(captionFont()).horizontalAdvance(caption) + captionGap;
     if (!keys.isEmpty())
         width += keysWidth(appearance, keys) + buttonGap;
     if (!text().isEmpty())
         width += QFontMetrics(textFont()).horizontalAdvance(text()) + (symbol.empty() ? 0 : 4);
     if (opensMenu)
-        width += buttonGap + menuMarkSide;
+        width += captionGap + menuMarkSide;
     return {width, _style == Style::Primary ? buttonHeight + 4 : buttonHeight};
 }
 
@@ -255,7 +256,7 @@ void FlatButton::paintEvent(QPaintEvent *)
     }
     if (!caption.isEmpty()) {
         drawText(caption, captionFont(), appearance.theme().secondary);
-        x += buttonGap;
+        x += captionGap;
     }
     if (!keys.isEmpty() && _style != Style::Tab) {
         drawKeyCaps();
@@ -267,7 +268,7 @@ void FlatButton::paintEvent(QPaintEvent *)
         drawKeyCaps();
     }
     if (opensMenu)
-        painter.drawPixmap(x + buttonGap, (height() - menuMarkSide) / 2,
+        painter.drawPixmap(x + captionGap, (height() - menuMarkSide) / 2,
             icons.symbol("chevron.down", menuMarkSide, ratio, appearance.theme().secondary));
 }
 
@@ -582,7 +583,7 @@ void EmptyState::show(const std::string &name, const QString &heading, const QSt
     title->setText(heading);
     line->setText(text);
     line->setVisible(!text.isEmpty());
-    line->setFixedHeight(line->heightForWidth(line->width()));
+    line->setFixedHeight(text.isEmpty() ? 0 : line->heightForWidth(line->width()));
 }
 
 void EmptyState::applyAppearance()

@@ -157,6 +157,8 @@ private:
 
 /// A failure's sentence with its ways out.
 class ErrorArea : public QWidget {
+    Q_OBJECT
+
 public:
     ErrorArea(Appearance &appearance, IconStore &icons, PaletteState &state, QWidget *parent = nullptr);
     /// Hides itself without a failure.
@@ -230,6 +232,8 @@ private:
 
 /// A shortcut's run: how long it has taken, and the way to end it. Counts on once a second while it is seen.
 class RunMark : public QWidget {
+    Q_OBJECT
+
 public:
     RunMark(Appearance &appearance, IconStore &icons, AppServices &services, QWidget *parent = nullptr);
     /// Hides itself without a run.
