@@ -15,7 +15,8 @@ static constexpr int widestFolder = 72; // of a folder's name
 FileFilters::FileFilters(Appearance &appearance, IconStore &icons, PaletteState &state, QWidget *parent) :
     QWidget(parent), state(state), appearance(appearance),
     _type(new Picker(appearance, icons, fromUtf8(L10n::shown("Type")), this)),
-    _sort(new Picker(appearance, icons, fromUtf8(L10n::shown("Sort")), this)), _folder(new Picker(appearance, icons, {}, this))
+    _sort(new Picker(appearance, icons, fromUtf8(L10n::shown("Sort")), this)), _folder(new Picker(appearance, icons, {}, this)),
+    hint(new HintLine(appearance, this))
 {
     for (const FileKind kind : allFileKinds)
         _type->addEntry(shownText(rawValue(kind)), [&state, kind] { state.setFileKind(kind); });
@@ -26,7 +27,7 @@ FileFilters::FileFilters(Appearance &appearance, IconStore &icons, PaletteState 
     auto *choose = new FlatButton(appearance, icons, FlatButton::Style::Filled, this);
     choose->setText(fromUtf8(L10n::shown("Choose Folder…")));
     connect(choose, &QAbstractButton::clicked, this, [&state] { state.chooseFileDirectory(); });
-    auto *hint = new HintLine(appearance, this);
+    hint->setObjectName(QStringLiteral("hint"));
     hint->setLine(fromUtf8(L10n::shown("↵ Open · esc Back")));
 
     auto *line = new QHBoxLayout(this);
@@ -51,6 +52,12 @@ void FileFilters::refresh()
     }
     _type->show(int(std::ranges::find(allFileKinds, shown.kind) - allFileKinds.begin()));
     _sort->show(int(std::ranges::find(fileSorts, shown.sort) - fileSorts.begin()));
+    showFolder();
+    fitHint();
+}
+
+void FileFilters::showFolder()
+{
     if (shown.pathTerms.empty()) {
         _folder->setToolTip({});
         return _folder->show(0);
@@ -61,5 +68,13 @@ void FileFilters::refresh()
     _folder->setToolTip(path);
     _folder->show(-1, metrics.elidedText(name.isEmpty() ? path : name, Qt::ElideMiddle, widestFolder));
 }
+
+void FileFilters::fitHint()
+{
+    const int hidden = hint->isHidden() ? hint->sizeHint().width() + layout()->spacing() : 0;
+    hint->setVisible(layout()->sizeHint().width() + hidden <= width());
+}
+
+void FileFilters::resizeEvent(QResizeEvent *) { fitHint(); }
 
 } // namespace korvane

@@ -18,12 +18,19 @@ public:
     Picker &sort() { return *_sort; }
     Picker &folder() { return *_folder; }
 
+protected:
+    void resizeEvent(QResizeEvent *event) override;
+
 private:
+    void showFolder();
+    void fitHint(); ///< Gives way to the controls where letters are large.
+
     PaletteState &state;
     Appearance &appearance;
     FileSearchQuery shown; ///< The last one that could be read.
     std::optional<std::string> readText; ///< What it was read from.
     Picker *_type, *_sort, *_folder;
+    HintLine *hint;
 };
 
 } // namespace korvane

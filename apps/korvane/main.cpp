@@ -99,8 +99,7 @@ int main(int count, char **words)
                 dialogs.palette = [surface = QPointer<QWidget>(window->surface())] { return surface.data(); };
                 return window;
             },
-        .makeSettingsWindow =
-            [&](SettingsState &state) { return std::make_unique<QtSettingsWindow>(state, ports, appearance); },
+        .makeSettingsWindow = [&](SettingsState &state) { return std::make_unique<QtSettingsWindow>(state, ports, appearance); },
         .arguments = arguments,
         .terminate = quit,
     });

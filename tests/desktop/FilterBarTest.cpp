@@ -185,9 +185,11 @@ TEST_F(Filters, AChosenFolderIsShownAndAllFoldersTakesItAway)
 
 TEST_F(Filters, ALongFolderNameLeavesTheRowItsPlace)
 {
-    scene.palette().setQuery("kind:media \"path:/srv/A name of a folder that would fill the row by itself, and then some\"");
+    scene.palette().setQuery(
+        "kind:media sort:modified \"path:/srv/A name of a folder that would fill the row by itself, and then some\"");
     scene.turn();
     EXPECT_LE(filters().minimumSizeHint().width(), QtPaletteWindow::width);
+    EXPECT_TRUE(filters().findChild<QWidget *>("hint")->isVisible()) << "with the longest kind there is room for the hint";
     EXPECT_THAT(filters().folder().text().toStdString(), testing::HasSubstr("…"));
 }
 

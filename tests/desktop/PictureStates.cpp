@@ -254,6 +254,7 @@ constexpr PictureState states[] = {
     {"searching",
         [](Stage &scene) {
             scene.palette()._mode = PaletteState::Mode::files;
+            scene.palette()._category = SearchCategory::files;
             scene.palette()._query = "expedition";
             scene.palette()._results = Rows();
             scene.palette()._searchingFiles = true;
