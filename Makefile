@@ -5,7 +5,7 @@ ROOT := $(dir $(abspath $(lastword $(MAKEFILE_LIST))))
 JOBS ?= $(shell nproc)
 export CTEST_PARALLEL_LEVEL ?= $(JOBS)
 
-.PHONY: build run test unit desktop asan tsan fuzz bench lint format bootstrap clean
+.PHONY: build run test unit desktop pictures asan tsan fuzz bench lint format bootstrap clean
 
 ## The two programs, optimised: build/bin/korvane and build/bin/korvanectl
 build:
@@ -34,6 +34,11 @@ unit:
 desktop:
 	@$(ROOT)scripts/bootstrap test
 	@cd $(ROOT) && cmake --preset release >/dev/null && cmake --build --preset release -j $(JOBS) && ctest --preset release -L desktop
+
+## Every state of the windows in both languages, light and dark, at two scales: build/pictures
+pictures:
+	@$(ROOT)scripts/bootstrap test
+	@cd $(ROOT) && scripts/pictures
 
 ## All tests without a screen under AddressSanitizer and UndefinedBehaviorSanitizer
 asan:

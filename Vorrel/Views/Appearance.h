@@ -13,6 +13,7 @@ namespace korvane {
 struct Theme {
     bool dark;
     QColor ground, border, separator;
+    QColor raised; ///< The ground of menus and alerts.
     QColor text, secondary, faint; ///< `faint` is for marks that repeat what a text says.
     QColor accent, selection, hover;
     QColor keyGround, keyBorder;

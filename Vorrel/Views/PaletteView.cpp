@@ -31,6 +31,7 @@ public:
         line->addWidget(label);
         line->addStretch();
         line->addWidget(status);
+        line->addSpacing(8);
         auto *column = new QVBoxLayout(this);
         column->setContentsMargins(Metrics::margin, 12, Metrics::margin - 8, 12);
         column->setSpacing(8);
@@ -62,25 +63,21 @@ private:
 PaletteView::PaletteView(PaletteState &state, Appearance &appearance, IconStore &icons, QWidget *parent) :
     QWidget(parent), state(state), appearance(appearance), icons(icons), input(new PaletteInput(appearance, this)),
     header(new NestedHeader(appearance, icons, state, this)), filters(new SearchFilterBar(appearance, icons, state, this)),
-    refreshList(new FlatButton(appearance, icons, FlatButton::Style::Filled, this)),
+    shortcuts(new ShortcutsBar(appearance, icons, *state.services.shortcuts, this)),
     checking(new Text(appearance, TypeSize::Small, Text::Tone::Secondary, QFont::Normal, this)),
     errors(new ErrorArea(appearance, icons, state, this)), middle(new QStackedLayout),
     results(new ResultList(appearance, icons, state)), footer(new PaletteFooter(appearance, icons, state, this))
 {
-    refreshList->setText(fromUtf8(L10n::shown("Refresh List")));
     checking->setText(fromUtf8(L10n::shown("Checking file access…")));
-    checking->setContentsMargins(Metrics::margin, 4, Metrics::margin, 4);
+    checking->setContentsMargins(Metrics::margin, 8, Metrics::margin, 4);
 
     auto *column = new QVBoxLayout(this);
     column->setContentsMargins(0, 0, 0, 0);
     column->setSpacing(0);
     column->addWidget(input);
     column->addWidget(header);
-    auto *bar = new QHBoxLayout;
-    bar->addWidget(filters, 1);
-    bar->addWidget(refreshList, 0, Qt::AlignVCenter);
-    bar->addSpacing(Metrics::margin - 8);
-    column->addLayout(bar);
+    column->addWidget(filters);
+    column->addWidget(shortcuts);
     column->addWidget(checking);
     column->addWidget(errors);
     column->addLayout(middle, 1);
@@ -93,11 +90,13 @@ PaletteView::PaletteView(PaletteState &state, Appearance &appearance, IconStore 
     field.escape = [&state] { state.escape(); };
     field.tab = [&state] { state.beginArguments(); };
     input->edited = [&state](const QString &text) { state.setInputText(text.toStdString()); };
-    connect(refreshList, &QAbstractButton::clicked, this, [&state] { state.services.shortcuts->refresh(true); });
 
     icons.setThemes(appearance.iconThemes());
     icons.arrived = [this] { results->viewport()->update(); };
     subscriptions = state.observe([this] { refreshSoon(); });
+    ShortcutsService &service = *state.services.shortcuts;
+    subscriptions.push_back(service.statusText.observe([this] { refreshSoon(); }));
+    subscriptions.push_back(service.startedAt.observe([this] { refreshSoon(); }));
     connect(&appearance, &Appearance::changed, this, [this] {
         this->icons.setThemes(this->appearance.iconThemes());
         applyAppearance();
@@ -118,6 +117,7 @@ void PaletteView::applyAppearance()
     input->applyAppearance();
     input->setSymbol(icons.symbol("command", 22, devicePixelRatioF(), appearance.theme().secondary));
     header->applyAppearance();
+    shortcuts->applyAppearance();
     checking->applyAppearance();
     errors->applyAppearance();
     results->applyAppearance();
@@ -176,7 +176,8 @@ void PaletteView::refresh()
     const bool filtered = state.mode() == Mode::commands || state.mode() == Mode::files;
     filters->setVisible(filtered);
     filters->refresh();
-    refreshList->setVisible(filtered && state.category() == SearchCategory::shortcuts);
+    shortcuts->setVisible(state.category() == SearchCategory::shortcuts);
+    shortcuts->refresh();
     checking->setVisible(state.coordinator.checkingAccess());
     errors->refresh();
     refreshMiddle();

@@ -50,7 +50,7 @@ private:
     PaletteInput *input;
     NestedHeader *header;
     SearchFilterBar *filters;
-    FlatButton *refreshList;
+    ShortcutsBar *shortcuts;
     Text *checking;
     ErrorArea *errors;
     QStackedLayout *middle;

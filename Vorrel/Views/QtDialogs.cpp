@@ -7,10 +7,13 @@
 #include "Vorrel/Views/ViewText.h"
 #include "Vorrel/Views/X11Window.h"
 
+#include <QAbstractItemView>
 #include <QApplication>
 #include <QBoxLayout>
+#include <QDialogButtonBox>
 #include <QFile>
 #include <QFileDialog>
+#include <QFileInfo>
 #include <QLabel>
 #include <QMouseEvent>
 #include <QPainter>
@@ -19,6 +22,10 @@
 #include <QPushButton>
 #include <QScrollArea>
 #include <QScrollBar>
+#include <QSplitter>
+#include <QStandardPaths>
+#include <QToolButton>
+#include <QUrl>
 
 namespace korvane {
 
@@ -113,7 +120,7 @@ protected:
         const Theme &theme = appearance.theme();
         QPainter painter(this);
         painter.setRenderHint(QPainter::Antialiasing);
-        painter.setBrush(theme.dark ? theme.ground.lighter(125) : theme.ground);
+        painter.setBrush(theme.raised);
         painter.setPen(QPen(theme.border, 1));
         painter.drawRoundedRect(QRectF(rect()).adjusted(0.5, 0.5, -0.5, -0.5), alertRadius, alertRadius);
         const QRect sign(24, 24, signSize, signSize);
@@ -180,7 +187,7 @@ private:
 QWidget *QtDialogs::owner() const
 {
     QWidget *window = palette();
-    return window && window->isVisible() ? window : nullptr;
+    return window && window->isVisible() ? window : QApplication::activeWindow();
 }
 
 namespace {
@@ -241,26 +248,82 @@ Task<void> QtDialogs::failure(std::string title, std::string detail)
     co_await ask(alert);
 }
 
+/// Leaves of the toolkit's panel what is needed to find a folder or a file. Its other parts speak the toolkit's own
+/// language, and change files.
+static void simplify(QFileDialog &panel, const Theme &theme)
+{
+    for (const char *name : {"lookInLabel", "fileNameLabel", "fileTypeLabel", "fileTypeCombo", "backButton", "forwardButton",
+             "newFolderButton", "listModeButton", "detailModeButton"})
+        if (auto *part = panel.findChild<QWidget *>(QLatin1String(name)))
+            part->hide();
+    for (auto *view : panel.findChildren<QAbstractItemView *>())
+        view->setContextMenuPolicy(Qt::NoContextMenu);
+    if (auto *halves = panel.findChild<QSplitter *>())
+        halves->setSizes({160, 440});
+    if (auto *up = panel.findChild<QToolButton *>(QStringLiteral("toParentButton"))) {
+        const QString name = fromUtf8(L10n::shown("Parent Folder"));
+        up->setIcon(IconStore::drawSymbol("arrow.up", 16, panel.devicePixelRatioF(), theme.text));
+        up->setToolTip(name);
+        up->setAccessibleName(name);
+    }
+    if (auto *box = panel.findChild<QDialogButtonBox *>())
+        for (auto *button : box->buttons())
+            button->setIcon({});
+}
+
+/// The user's folders that there are.
+static QList<QUrl> usualPlaces()
+{
+    QList<QUrl> places;
+    for (const auto place : {QStandardPaths::HomeLocation, QStandardPaths::DesktopLocation, QStandardPaths::DocumentsLocation,
+             QStandardPaths::DownloadLocation, QStandardPaths::PicturesLocation}) {
+        const QString path = QStandardPaths::writableLocation(place);
+        const QUrl url = QUrl::fromLocalFile(path);
+        if (QFileInfo::exists(path) && !places.contains(url))
+            places += url;
+    }
+    return places;
+}
+
+/// A panel that shows all of its words, which those of desktops do not.
+QFileDialog *QtDialogs::panelFor(const Choice &choice) const
+{
+    auto *panel = new QFileDialog(owner(), fromUtf8(choice.title));
+    panel->setOption(QFileDialog::DontUseNativeDialog);
+    panel->setOption(QFileDialog::ReadOnly);
+    panel->setFont(appearance.font(TypeSize::Body));
+    panel->setFileMode(choice.folders ? QFileDialog::Directory
+            : choice.multiple         ? QFileDialog::ExistingFiles
+                                      : QFileDialog::ExistingFile);
+    panel->setOption(QFileDialog::ShowDirsOnly, choice.folders);
+    panel->setViewMode(QFileDialog::List);
+    panel->setSidebarUrls(usualPlaces());
+    panel->setLabelText(QFileDialog::Reject, fromUtf8(L10n::shown("Cancel")));
+    panel->setLabelText(QFileDialog::Accept, fromUtf8(choice.prompt.empty() ? L10n::shown("Open") : choice.prompt));
+    if (!choice.message.empty()) {
+        auto *message = new QLabel(fromUtf8(choice.message), panel);
+        message->setTextFormat(Qt::PlainText);
+        message->setWordWrap(true);
+        message->setContentsMargins(16, 16, 16, 8);
+        panel->layout()->setMenuBar(message); // the one place above what the panel lays out itself
+    }
+    panel->layout()->setContentsMargins(16, 8, 16, 16);
+    if (!choice.directory.empty())
+        panel->setDirectory(QFile::decodeName(QByteArray::fromStdString(choice.directory)));
+    panel->resize(640, 440);
+    simplify(*panel, appearance.theme());
+    return panel;
+}
+
 Task<std::optional<std::vector<std::string>>> QtDialogs::choose(Choice choice)
 {
-    auto *dialog = new QFileDialog(owner(), fromUtf8(choice.title));
-    const Closing closing(dialog);
-    dialog->setFileMode(choice.folders ? QFileDialog::Directory
-            : choice.multiple          ? QFileDialog::ExistingFiles
-                                       : QFileDialog::ExistingFile);
-    dialog->setOption(QFileDialog::ShowDirsOnly, choice.folders);
-    if (!choice.message.empty())
-        dialog->setLabelText(QFileDialog::LookIn, fromUtf8(choice.message));
-    if (!choice.prompt.empty())
-        dialog->setLabelText(QFileDialog::Accept, fromUtf8(choice.prompt));
-    if (!choice.directory.empty())
-        dialog->setDirectory(QFile::decodeName(QByteArray::fromStdString(choice.directory)));
-
-    const bool accepted = co_await ask(dialog);
+    QFileDialog *panel = panelFor(choice);
+    const Closing closing(panel);
+    const bool accepted = co_await ask(panel);
     if (!accepted || !closing.dialog)
         co_return std::nullopt;
     std::vector<std::string> paths;
-    for (const QString &path : dialog->selectedFiles())
+    for (const QString &path : panel->selectedFiles())
         paths.push_back(QFile::encodeName(path).toStdString());
     co_return paths;
 }

@@ -5,13 +5,15 @@
 #include <functional>
 
 class QDialog;
+class QFileDialog;
 class QWidget;
 
 namespace korvane {
 
 class Appearance;
 
-/// Questions in dialogs of their own: a sheet over the palette while that is up, otherwise a window alone.
+/// Questions in dialogs of their own: a sheet over the palette while that is up or over the window that has
+/// the keyboard, otherwise a window alone.
 /// The dialog goes when the task that asked is cancelled. Main thread only.
 class QtDialogs : public Dialogs {
 public:
@@ -27,7 +29,9 @@ public:
 private:
     class Alert;
 
+    /// The palette where it is up, else another window of the program that has the keyboard, else none.
     QWidget *owner() const;
+    QFileDialog *panelFor(const Choice &choice) const;
     Task<bool> ask(QDialog *dialog);
 
     Appearance &appearance;

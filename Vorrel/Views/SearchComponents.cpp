@@ -2,6 +2,7 @@
 
 #include "Vorrel/Shell/L10n.h"
 #include "Vorrel/Views/Appearance.h"
+#include "Vorrel/Views/FileFilters.h"
 #include "Vorrel/Views/IconStore.h"
 
 #include <QAccessible>
@@ -10,6 +11,8 @@
 #include <QKeyEvent>
 #include <QPainter>
 #include <QVBoxLayout>
+
+#include <cmath>
 
 namespace korvane {
 
@@ -63,6 +66,7 @@ void Text::applyAppearance()
     QPalette colours = palette();
     colours.setColor(QPalette::WindowText,
         tone == Tone::Main          ? theme.text
+            : tone == Tone::Accent  ? theme.accent
             : tone == Tone::Warning ? theme.warning
                                     : theme.secondary);
     setPalette(colours);
@@ -79,6 +83,8 @@ constexpr int buttonHeight = 28;
 constexpr int buttonPadding = 8;
 constexpr int symbolSide = 16;
 constexpr int buttonGap = 6;
+constexpr int captionGap = 4;
+constexpr int menuMarkSide = 12;
 
 /// A tab to screen readers: toolkits have no widget for a tab that stands alone.
 class TabAccessible : public QAccessibleWidget {
@@ -144,63 +150,134 @@ void FlatButton::setKeys(const QStringList &names)
     update();
 }
 
+void FlatButton::setCaption(const QString &text)
+{
+    caption = text;
+    updateGeometry();
+    update();
+}
+
+void FlatButton::setOpensMenu(bool opens)
+{
+    opensMenu = opens;
+    updateGeometry();
+    update();
+}
+
 QFont FlatButton::textFont() const
 {
     return appearance.font(TypeSize::Small, _style == Style::Quiet ? QFont::Normal : QFont::Medium);
 }
 
+QFont FlatButton::captionFont() const { return appearance.font(TypeSize::Small); }
+
+static int sidePadding(FlatButton::Style style)
+{
+    switch (style) {
+    case FlatButton::Style::Quiet: return buttonPadding;
+    case FlatButton::Style::Primary: return buttonPadding + 8;
+    case FlatButton::Style::Filled:
+    case FlatButton::Style::Tab: break;
+    }
+    return buttonPadding + 2;
+}
+
 QSize FlatButton::sizeHint() const
 {
-    int width = 2 * buttonPadding + (_style == Style::Quiet ? 0 : 4);
+    int width = 2 * sidePadding(_style);
     if (!symbol.empty())
         width += symbolSide;
+    if (!caption.isEmpty())
+        width += QFontMetrics(captionFont()).horizontalAdvance(caption) + captionGap;
     if (!keys.isEmpty())
         width += keysWidth(appearance, keys) + buttonGap;
     if (!text().isEmpty())
         width += QFontMetrics(textFont()).horizontalAdvance(text()) + (symbol.empty() ? 0 : 4);
-    return {width, buttonHeight};
+    if (opensMenu)
+        width += captionGap + menuMarkSide;
+    return {width, _style == Style::Primary ? buttonHeight + 4 : buttonHeight};
+}
+
+QColor FlatButton::ink() const
+{
+    const Theme &theme = appearance.theme();
+    if (!isEnabled())
+        return theme.faint;
+    switch (_style) {
+    case Style::Primary: return theme.ground;
+    case Style::Filled: return theme.text;
+    case Style::Tab: return isChecked() ? theme.accent : theme.secondary;
+    case Style::Quiet: break;
+    }
+    return theme.secondary;
+}
+
+void FlatButton::drawGround(QPainter &painter) const
+{
+    const Theme &theme = appearance.theme();
+    const bool marked = isChecked() && _style == Style::Tab;
+    if (marked)
+        fillRounded(painter, rect(), 7, theme.selection);
+    else if (_style == Style::Primary && isEnabled())
+        fillRounded(painter, rect(), 7, theme.accent);
+    else if (_style == Style::Filled || _style == Style::Primary)
+        fillRounded(painter, rect(), 7, theme.keyGround);
+    if (underMouse() && isEnabled() && !marked)
+        fillRounded(painter, rect(), 7, theme.hover);
+    if (hasFocus()) {
+        // Around a filled button a line of its own colour would not be seen.
+        const bool outside = _style != Style::Primary;
+        painter.setPen(QPen(outside ? theme.accent : theme.text, 1.5));
+        painter.drawRoundedRect(QRectF(rect()).adjusted(0.75, 0.75, -0.75, -0.75), 6.5, 6.5);
+    }
 }
 
 void FlatButton::paintEvent(QPaintEvent *)
 {
-    const Theme &theme = appearance.theme();
     QPainter painter(this);
     painter.setRenderHint(QPainter::Antialiasing);
-    const bool marked = isChecked() && _style == Style::Tab;
-    if (marked)
-        fillRounded(painter, rect(), 7, theme.selection);
-    else if (_style == Style::Filled)
-        fillRounded(painter, rect(), 7, theme.keyGround);
-    if (underMouse() && !marked)
-        fillRounded(painter, rect(), 7, theme.hover);
-    if (hasFocus()) {
-        painter.setPen(QPen(theme.accent, 1.5));
-        painter.drawRoundedRect(QRectF(rect()).adjusted(0.75, 0.75, -0.75, -0.75), 6.5, 6.5);
-    }
+    drawGround(painter);
 
-    const QFont font = textFont();
-    const QFontMetrics metrics(font);
-    const QColor ink = marked ? theme.accent : _style == Style::Filled ? theme.text : theme.secondary;
-    int x = buttonPadding + (_style == Style::Quiet ? 0 : 2);
+    const qreal ratio = devicePixelRatioF();
+    int x = sidePadding(_style);
+    const auto drawText = [&](const QString &text, const QFont &font, const QColor &color) {
+        painter.setFont(font);
+        painter.setPen(color);
+        painter.drawText(QRect(x, 0, width() - x, height()), Qt::AlignVCenter | Qt::TextSingleLine, text);
+        x += QFontMetrics(font).horizontalAdvance(text);
+    };
+    const auto drawKeyCaps = [&] {
+        drawKeys(painter, appearance, keys, QPoint(x, height() / 2));
+        x += keysWidth(appearance, keys);
+    };
     if (!symbol.empty()) {
-        painter.drawPixmap(x, (height() - symbolSide) / 2, icons.symbol(symbol, symbolSide, devicePixelRatioF(), ink));
+        painter.drawPixmap(x, (height() - symbolSide) / 2, icons.symbol(symbol, symbolSide, ratio, ink()));
         x += symbolSide + 4;
     }
-    if (!keys.isEmpty() && _style != Style::Tab) {
-        drawKeys(painter, appearance, keys, QPoint(x, height() / 2));
-        x += keysWidth(appearance, keys) + buttonGap;
+    if (!caption.isEmpty()) {
+        drawText(caption, captionFont(), appearance.theme().secondary);
+        x += captionGap;
     }
-    painter.setFont(font);
-    painter.setPen(ink);
-    painter.drawText(QRect(x, 0, width() - x, height()), Qt::AlignVCenter | Qt::TextSingleLine, text());
-    if (!keys.isEmpty() && _style == Style::Tab)
-        drawKeys(painter, appearance, keys, QPoint(x + metrics.horizontalAdvance(text()) + buttonGap, height() / 2));
+    if (!keys.isEmpty() && _style != Style::Tab) {
+        drawKeyCaps();
+        x += buttonGap;
+    }
+    drawText(text(), textFont(), ink());
+    if (!keys.isEmpty() && _style == Style::Tab) {
+        x += buttonGap;
+        drawKeyCaps();
+    }
+    if (opensMenu)
+        painter.drawPixmap(x + captionGap, (height() - menuMarkSide) / 2,
+            icons.symbol("chevron.down", menuMarkSide, ratio, appearance.theme().secondary));
 }
 
 void FlatButton::keyPressEvent(QKeyEvent *event)
 {
     if (event->key() == Qt::Key_Return || event->key() == Qt::Key_Enter)
         click();
+    else if (event->key() == Qt::Key_Up || event->key() == Qt::Key_Down)
+        event->ignore(); // they walk through the rows, wherever the keyboard is
     else
         QAbstractButton::keyPressEvent(event);
 }
@@ -293,9 +370,9 @@ void Spinner::paintEvent(QPaintEvent *)
 // SearchFilterBar
 
 SearchFilterBar::SearchFilterBar(Appearance &appearance, IconStore &icons, PaletteState &state, QWidget *parent) :
-    QWidget(parent), state(state)
+    QWidget(parent), state(state), fileFilters(new FileFilters(appearance, icons, state, this))
 {
-    auto *line = new QHBoxLayout(this);
+    auto *line = new QHBoxLayout;
     line->setContentsMargins(Metrics::margin - 8, 8, Metrics::margin, 4);
     line->setSpacing(4);
     for (const SearchCategory category : allSearchCategories) {
@@ -313,13 +390,39 @@ SearchFilterBar::SearchFilterBar(Appearance &appearance, IconStore &icons, Palet
         tabs.push_back(tab);
     }
     line->addStretch();
+    auto *rows = new QVBoxLayout(this);
+    rows->setContentsMargins(0, 0, 0, 0);
+    rows->setSpacing(0);
+    rows->addLayout(line);
+    rows->addWidget(fileFilters);
 }
 
 void SearchFilterBar::refresh()
 {
     for (std::size_t i = 0; i < tabs.size(); i++)
         tabs[i]->setChecked(allSearchCategories[i] == state.category());
+    const bool forFiles = state.category() == SearchCategory::files;
+    fileFilters->setVisible(forFiles);
+    if (forFiles)
+        fileFilters->refresh();
 }
+
+// ShortcutsBar
+
+ShortcutsBar::ShortcutsBar(Appearance &appearance, IconStore &icons, ShortcutsService &service, QWidget *parent) :
+    QWidget(parent), service(service), status(new Text(appearance, TypeSize::Small, Text::Tone::Secondary, QFont::Normal, this))
+{
+    auto *button = new FlatButton(appearance, icons, FlatButton::Style::Filled, this);
+    button->setText(fromUtf8(L10n::shown("Refresh List")));
+    connect(button, &QAbstractButton::clicked, this, [this] { this->service.refresh(true); });
+    auto *line = new QHBoxLayout(this);
+    line->setContentsMargins(Metrics::margin, 4, Metrics::margin, 4);
+    line->setSpacing(12);
+    line->addWidget(status, 1);
+    line->addWidget(button);
+}
+
+void ShortcutsBar::refresh() { status->setText(shownText(service.statusText.get())); }
 
 // NestedHeader
 
@@ -480,7 +583,7 @@ void EmptyState::show(const std::string &name, const QString &heading, const QSt
     title->setText(heading);
     line->setText(text);
     line->setVisible(!text.isEmpty());
-    line->setFixedHeight(line->heightForWidth(line->width()));
+    line->setFixedHeight(text.isEmpty() ? 0 : line->heightForWidth(line->width()));
 }
 
 void EmptyState::applyAppearance()
@@ -578,6 +681,56 @@ void ActionsList::refresh()
         showRows(int(shown.size()), {}, state.actionSelection());
 }
 
+// RunMark
+
+RunMark::RunMark(Appearance &appearance, IconStore &icons, AppServices &services, QWidget *parent) :
+    QWidget(parent), services(services),
+    elapsed(new Text(appearance, TypeSize::Small, Text::Tone::Secondary, QFont::Normal, this))
+{
+    auto *stop = new FlatButton(appearance, icons, FlatButton::Style::Filled, this);
+    stop->setText(fromUtf8(L10n::shown("Stop Execution")));
+    connect(stop, &QAbstractButton::clicked, this, [this] { this->services.shortcuts->cancelRun(); });
+    auto *line = new QHBoxLayout(this);
+    line->setContentsMargins(0, 0, 0, 0);
+    line->setSpacing(8);
+    line->addWidget(new Spinner(appearance, 16, this));
+    line->addWidget(elapsed);
+    line->addWidget(stop);
+    applyAppearance();
+}
+
+void RunMark::applyAppearance()
+{
+    elapsed->applyAppearance();
+    // Wide enough for what is to come, so that nothing moves with every second.
+    elapsed->setMinimumWidth(QFontMetrics(elapsed->font()).horizontalAdvance(QStringLiteral("00:00")));
+}
+
+void RunMark::refresh()
+{
+    showTime();
+    setVisible(services.shortcuts->startedAt->has_value());
+}
+
+Milliseconds RunMark::showTime()
+{
+    const double start = services.shortcuts->startedAt->value_or(0);
+    const double passed = std::max(0.0, services.platform.clock.now() - start);
+    const int seconds = int(passed);
+    elapsed->setText(QStringLiteral("%1:%2").arg(seconds / 60).arg(seconds % 60, 2, 10, QLatin1Char('0')));
+    return Milliseconds(std::int64_t(std::ceil((seconds + 1 - passed) * 1000)));
+}
+
+Task<void> RunMark::count(Clock &clock, RunMark *mark)
+{
+    for (;;)
+        co_await clock.sleep(mark->showTime());
+}
+
+void RunMark::showEvent(QShowEvent *) { counting = spawn(services.platform.mainThread, count(services.platform.clock, this)); }
+
+void RunMark::hideEvent(QHideEvent *) { counting.cancel(); }
+
 // PaletteFooter
 
 PaletteFooter::PaletteFooter(Appearance &appearance, IconStore &icons, PaletteState &state, QWidget *parent) :
@@ -585,6 +738,7 @@ PaletteFooter::PaletteFooter(Appearance &appearance, IconStore &icons, PaletteSt
     name(new Text(appearance, TypeSize::Caption, Text::Tone::Secondary, QFont::DemiBold, this)),
     filesText(new Text(appearance, TypeSize::Small, Text::Tone::Secondary, QFont::Normal, this)),
     filesMark(new Spinner(appearance, 12, this)), busyMark(new Spinner(appearance, 16, this)),
+    run(new RunMark(appearance, icons, state.services, this)),
     preview(new FlatButton(appearance, icons, FlatButton::Style::Quiet, this)),
     actions(new FlatButton(appearance, icons, FlatButton::Style::Quiet, this)), arguments(new HintLine(appearance, this)),
     hint(new HintLine(appearance, this))
@@ -612,7 +766,7 @@ PaletteFooter::PaletteFooter(Appearance &appearance, IconStore &icons, PaletteSt
     auto *marks = new QHBoxLayout;
     marks->setContentsMargins(16, 0, 0, 0);
     marks->setSpacing(8);
-    for (QWidget *one : std::initializer_list<QWidget *>{filesMark, filesText, busyMark})
+    for (QWidget *one : std::initializer_list<QWidget *>{filesMark, filesText, busyMark, run})
         marks->addWidget(one);
     line->addLayout(marks);
     line->addStretch();
@@ -625,7 +779,8 @@ void PaletteFooter::refresh()
     const Row selected = state.selectedResult();
     filesMark->setVisible(state.searchingFiles());
     filesText->setVisible(state.searchingFiles());
-    busyMark->setVisible(state.busy());
+    run->refresh();
+    busyMark->setVisible(state.busy() && run->isHidden());
     preview->setVisible(selected && (selected->preview || selected->previewText));
     arguments->setVisible(selected && selected->kind == ResultKind::application && !state.childTitle() && !state.showsActions());
     actions->setVisible(selected != nullptr);
@@ -635,6 +790,7 @@ void PaletteFooter::applyAppearance()
 {
     name->applyAppearance();
     filesText->applyAppearance();
+    run->applyAppearance();
     update();
 }
 

@@ -30,7 +30,7 @@ private:
 /// A line of text in the palette's fonts and colours; plain text always.
 class Text : public QLabel {
 public:
-    enum class Tone { Main, Secondary, Warning };
+    enum class Tone { Main, Secondary, Accent, Warning };
     Text(Appearance &appearance, TypeSize size, Tone tone, QFont::Weight weight = QFont::Normal, QWidget *parent = nullptr);
     void applyAppearance();
 
@@ -41,7 +41,7 @@ private:
     const QFont::Weight weight;
 };
 
-/// A flat button: symbol, keys and text side by side, all optional. Return and Space press it.
+/// A flat button: symbol, caption, keys and text side by side, all optional. Return and Space press it.
 class FlatButton : public QAbstractButton {
     Q_OBJECT
 
@@ -49,12 +49,15 @@ public:
     enum class Style {
         Quiet, ///< Text alone until the mouse is over it.
         Filled,
+        Primary, ///< The one that a window is about.
         Tab ///< Filled when checked; its keys stand behind the text.
     };
     FlatButton(Appearance &appearance, IconStore &icons, Style style, QWidget *parent = nullptr);
 
     void setSymbol(const std::string &name);
     void setKeys(const QStringList &keys);
+    void setCaption(const QString &text); ///< A quiet word before the text.
+    void setOpensMenu(bool opens); ///< Shows a mark at the right that says so.
     Style style() const { return _style; }
     QSize sizeHint() const override;
 
@@ -66,12 +69,17 @@ protected:
 
 private:
     QFont textFont() const;
+    QFont captionFont() const;
+    QColor ink() const;
+    void drawGround(QPainter &painter) const;
 
     Appearance &appearance;
     IconStore &icons;
     const Style _style;
     std::string symbol;
     QStringList keys;
+    QString caption;
+    bool opensMenu = false;
 };
 
 /// Hints such as "↵ Open · esc Back", with the keys in frames. Its accessible name is the line itself.
@@ -104,7 +112,9 @@ private:
     QVariantAnimation turn;
 };
 
-/// The tabs of the search categories.
+class FileFilters;
+
+/// The tabs of the search categories, and below them what narrows a search for files.
 class SearchFilterBar : public QWidget {
     Q_OBJECT
 
@@ -115,6 +125,19 @@ public:
 private:
     PaletteState &state;
     std::vector<FlatButton *> tabs; // in the order of the categories
+    FileFilters *fileFilters;
+};
+
+/// What the user's shortcuts are up to, with a way to look for them anew.
+class ShortcutsBar : public QWidget {
+public:
+    ShortcutsBar(Appearance &appearance, IconStore &icons, ShortcutsService &service, QWidget *parent = nullptr);
+    void refresh();
+    void applyAppearance() { status->applyAppearance(); }
+
+private:
+    ShortcutsService &service;
+    Text *status;
 };
 
 /// Where one is, below the field, with the way back.
@@ -134,6 +157,8 @@ private:
 
 /// A failure's sentence with its ways out.
 class ErrorArea : public QWidget {
+    Q_OBJECT
+
 public:
     ErrorArea(Appearance &appearance, IconStore &icons, PaletteState &state, QWidget *parent = nullptr);
     /// Hides itself without a failure.
@@ -205,6 +230,32 @@ private:
     std::vector<CommandAction> shown;
 };
 
+/// A shortcut's run: how long it has taken, and the way to end it. Counts on once a second while it is seen.
+class RunMark : public QWidget {
+    Q_OBJECT
+
+public:
+    RunMark(Appearance &appearance, IconStore &icons, AppServices &services, QWidget *parent = nullptr);
+    /// Hides itself without a run.
+    void refresh();
+    void applyAppearance();
+
+    QString shownTime() const { return elapsed->text(); }
+
+protected:
+    void showEvent(QShowEvent *event) override;
+    void hideEvent(QHideEvent *event) override;
+
+private:
+    static Task<void> count(Clock &clock, RunMark *mark);
+    /// Shows the time now, and tells how long it stays right.
+    Milliseconds showTime();
+
+    AppServices &services;
+    Text *elapsed;
+    TaskHandle counting;
+};
+
 /// The bar at the bottom: what goes on, and what can be done.
 class PaletteFooter : public QWidget {
     Q_OBJECT
@@ -222,6 +273,7 @@ private:
     PaletteState &state;
     Text *name, *filesText;
     Spinner *filesMark, *busyMark;
+    RunMark *run;
     FlatButton *preview, *actions;
     HintLine *arguments, *hint;
 };

@@ -6,7 +6,7 @@ namespace korvane {
 
 QString shownText(std::string_view english) { return fromUtf8(L10n::shown(english)); }
 
-static QString nameOf(QChar symbol)
+static QString nameOfKey(QChar symbol)
 {
     switch (symbol.unicode()) {
     case u'⌘': return QStringLiteral("Ctrl");
@@ -23,7 +23,7 @@ QStringList keyNames(std::string_view hint)
     QStringList names;
     QString plain; // a key that is not a modifier may have several letters, such as "esc"
     for (const QChar c : fromUtf8(hint)) {
-        const QString name = nameOf(c);
+        const QString name = nameOfKey(c);
         if (name.isEmpty() && !c.isSpace()) {
             plain += c;
             continue;
@@ -37,6 +37,23 @@ QStringList keyNames(std::string_view hint)
         names += plain;
     return names;
 }
+
+QStringList keysOf(const HotkeyConfiguration &shortcut)
+{
+    using Configuration = HotkeyConfiguration;
+    static constexpr std::pair<std::uint32_t, const char *> names[] = {{Configuration::control, "Ctrl"},
+        {Configuration::option, "Alt"}, {Configuration::shift, "Shift"}, {Configuration::command, "Super"}};
+    QStringList keys;
+    for (const auto &[bit, name] : names)
+        if (shortcut.modifiers & bit)
+            keys += QLatin1String(name);
+    // What is printed "Delete" here is another key.
+    constexpr std::uint32_t backspace = 51;
+    keys += shortcut.keyCode == backspace ? QStringLiteral("Backspace") : fromUtf8(shortcut.keyName());
+    return keys;
+}
+
+QString nameOf(const HotkeyConfiguration &shortcut) { return keysOf(shortcut).join(u'+'); }
 
 QList<KeyHint> keyHints(const QString &line)
 {

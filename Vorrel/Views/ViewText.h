@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Vorrel/Platform/HotkeyRegistering.h"
+
 #include <QString>
 #include <QStringList>
 
@@ -15,6 +17,11 @@ QString shownText(std::string_view english);
 
 /// The keys of a hint as they are printed here: "⌘ ⇧ C" is Ctrl, Shift, C and "⌘1" is Ctrl, 1.
 QStringList keyNames(std::string_view hint);
+
+/// The keys of a global shortcut as they are printed here: Super, Alt, Space.
+QStringList keysOf(const HotkeyConfiguration &shortcut);
+/// The same as one word: "Alt+Space".
+QString nameOf(const HotkeyConfiguration &shortcut);
 
 /// One part of a line of hints such as "↵ Open · esc Back".
 struct KeyHint {

@@ -5,10 +5,12 @@
 #include "Vorrel/Shell/KorvaneApp.h"
 #include "Vorrel/Views/ActivationListener.h"
 #include "Vorrel/Views/Appearance.h"
+#include "Vorrel/Views/KeyEvents.h"
 #include "Vorrel/Views/QtDialogs.h"
 #include "Vorrel/Views/QtMainLoop.h"
 #include "Vorrel/Views/QtPaletteWindow.h"
 #include "Vorrel/Views/QtPasteboard.h"
+#include "Vorrel/Views/QtSettingsWindow.h"
 #include "Vorrel/Views/TrayStatusItem.h"
 
 #include <QApplication>
@@ -99,12 +101,15 @@ int main(int count, char **words)
                 dialogs.palette = [surface = QPointer<QWidget>(window->surface())] { return surface.data(); };
                 return window;
             },
-        .makeSettingsWindow = [](SettingsState &) { return std::unique_ptr<SettingsWindow>(); },
+        .makeSettingsWindow = [&](SettingsState &state) { return std::make_unique<QtSettingsWindow>(state, ports, appearance); },
         .arguments = arguments,
         .terminate = quit,
     });
     QObject::connect(&application, &QGuiApplication::commitDataRequest, &application, quit);
     const TaskHandle ending = spawn(mainLoop.executor(), quitOnSignal(signals, quit));
+    const KeyDownFilter keys([&](const HotkeyConfiguration &key, bool isRepeat) {
+        return delegate && delegate->handleKeyDown(key.keyCode, key.modifiers, isRepeat);
+    });
     delegate->didFinishLaunching();
     const int result = QApplication::exec();
 

@@ -1,240 +1,180 @@
-// Draws the palette in each of its states and writes one picture a state: korvane_pictures FOLDER [PART OF A NAME]
+// Draws the program's windows in each of their states:
 //
-// KORVANE_APPEARANCE and QT_SCALE_FACTOR choose the appearance and the scale; KORVANE_PICTURES_LANGUAGE the language.
-#include "tests/desktop/Scene.h"
+//   korvane_pictures draw FOLDER [PART OF A NAME]   every state in both languages, light and dark
+//   korvane_pictures keep FOLDER                    the pictures that are kept, of this scale
+//   korvane_pictures compare FOLDER DIFFERENCES     the same, compared with those in FOLDER
+//
+// QT_SCALE_FACTOR chooses the scale. `compare` ends with 1 when a picture differs or is not there, and writes how it looks
+// now to DIFFERENCES.
+#include "tests/desktop/PictureStates.h"
 
 #include "Vorrel/Shell/L10n.h"
-#include "Vorrel/Views/PaletteInput.h"
 
 #include <QApplication>
 #include <QDir>
-#include <QPainter>
 
+#include <algorithm>
 #include <cstdio>
+#include <functional>
 
 using namespace korvane;
 using namespace korvane::test;
 
 namespace {
 
-CommandResultFields builtIn(std::string id, std::string title, std::string symbol)
-{
-    return {.id = std::move(id),
-        .title = std::move(title),
-        .subtitle = "System Command",
-        .icon = CommandIcon::symbol(std::move(symbol))};
-}
-
-FileRecord record(const std::string &path, long long size, double modified, bool isDirectory = false)
-{
-    return {.name = lastPathComponent(path), .path = path, .isDirectory = isDirectory, .size = size, .modified = modified};
-}
-
-Rows applications(Scene &scene)
-{
-    return {
-        scene.application("Firefox", "firefox", "org.mozilla.firefox"),
-        scene.application("Files", "org.gnome.Nautilus", "org.gnome.Nautilus"),
-        scene.application("Figures and Formulas for the Very Patient Reader of Long Application Titles", "org.gnome.Calculator",
-            "org.example.figures.and.formulas.for.readers"),
-        scene.application("字体查看器", "org.gnome.font-viewer", "org.gnome.font-viewer"),
-    };
-}
-
-Rows commands()
-{
-    return {makeRow(builtIn("system:finder", "Open Finder", "folder")), makeRow(builtIn("system:lock", "Lock Screen", "lock")),
-        makeRow(builtIn("system:trash", "Empty Trash", "trash")), makeRow(builtIn("system:sleep", "Sleep", "moon"))};
-}
-
-Rows files(Scene &scene)
-{
-    return scene.services->files.results({
-        record(
-            "/home/ada/Documents/Research/2026/Field notes/Final report of the first expedition.pdf", 2'483'112, 1'771'412'580),
-        record("/home/ada/Pictures/Holidays/A much longer folder name that nobody would type twice/Another level/And one "
-               "more/fjord at dawn.jpg",
-            5'120'400, 1'752'050'040),
-        record("/home/ada/Projects/Field reports", 0, 1'769'990'000, true),
-        record("/home/ada/项目/第四季度财务报告（最终版）.xlsx", 48'230, 1'735'660'800),
-        record("/home/ada/Music/Field recordings/First rain.flac", 31'457'280, 1'690'300'000),
-    });
-}
-
-Rows joined(std::initializer_list<Rows> parts)
-{
-    Rows all;
-    for (const Rows &part : parts)
-        all.insert(all.end(), part.begin(), part.end());
-    return all;
-}
-
-std::vector<CommandAction> fileActions()
-{
-    return {{.id = "open", .title = "Open", .shortcut = "↵"}, {.id = "openWith", .title = "Open With…"},
-        {.id = "preview", .title = "Quick Look", .key = ActionKey::preview},
-        {.id = "reveal", .title = "Show in Finder", .key = ActionKey::reveal},
-        {.id = "copyPath", .title = "Copy Path", .key = ActionKey::copyPath, .role = ActionRole::write},
-        {.id = "trash", .title = "Move to Trash", .role = ActionRole::destructive}};
-}
-
-/// Shows one row whose actions the panel lists.
-void openActions(Scene &scene, int selection)
-{
-    CommandResultFields fields{.id = "file:/home/ada/report.pdf",
-        .title = "report.pdf",
-        .subtitle = "/home/ada",
-        .icon = CommandIcon::file("/home/ada/report.pdf"),
-        .actions = fileActions()};
-    scene.palette()._results = Rows{makeRow(std::move(fields))};
-    scene.palette()._selection = 0;
-    scene.palette().toggleActions();
-    scene.palette()._actionSelection = selection;
-}
-
-const struct {
-    const char *name;
-    void (*arrange)(Scene &);
-} states[] = {
-    {"commands",
-        [](Scene &scene) {
-            scene.palette()._results = joined({applications(scene), commands()});
-            scene.palette()._selection = 1;
-        }},
-    {"query",
-        [](Scene &scene) {
-            scene.palette()._query = "fi";
-            scene.palette()._results = joined({applications(scene), files(scene)});
-        }},
-    {"calculator",
-        [](Scene &scene) {
-            scene.palette()._query = "1920 * 1080 / 2";
-            scene.palette()._results = Rows{makeRow({.id = "calculator",
-                .title = "1,036,800",
-                .subtitle = "1920 * 1080 / 2",
-                .icon = CommandIcon::symbol("equal.circle"),
-                .actions = {{.id = "copy", .title = "Copy Result"}}})};
-        }},
-    {"files",
-        [](Scene &scene) {
-            scene.palette()._mode = PaletteState::Mode::files;
-            scene.palette()._category = SearchCategory::files;
-            scene.palette()._query = "report";
-            scene.palette()._results = files(scene);
-            scene.palette()._selection = 1;
-            scene.palette()._searchingFiles = true;
-        }},
-    {"empty",
-        [](Scene &scene) {
-            scene.palette()._query = "qwertz";
-            scene.palette()._results = Rows();
-        }},
-    {"error",
-        [](Scene &scene) {
-            scene.palette()._results = joined({files(scene), commands()});
-            scene.palette()._error =
-                "Korvane cannot read this file. Review Files & Folders access in System Settings, then retry.";
-            scene.palette()._errorRecovery = {.rerunAction = true, .openAccessSettings = true};
-        }},
-    {"actions", [](Scene &scene) { openActions(scene, 3); }},
-    {"openwith",
-        [](Scene &scene) {
-            Rows rows;
-            for (const auto &[name, icon] :
-                {std::pair("GNU Image Manipulation Program", "gimp"), std::pair("Inkscape", "inkscape"),
-                    std::pair("Image Viewer", "org.gnome.eog"), std::pair("Document Viewer", "org.gnome.Evince")})
-                rows.push_back(scene.application(name, icon, std::string("/usr/share/applications/") + icon + ".desktop"));
-            scene.palette()._childTitle = "Open With…";
-            scene.palette()._results = rows;
-            scene.palette()._selection = 2;
-        }},
-    {"arguments",
-        [](Scene &scene) {
-            const auto line = [](std::string text, std::string used) {
-                return makeRow({.id = "args:" + text,
-                    .title = text,
-                    .subtitle = used,
-                    .icon = CommandIcon::symbol("clock.arrow.circlepath"),
-                    .actions = {{.id = "run", .title = "Launch With Arguments"}}});
-            };
-            scene.palette()._argumentTarget = scene.application("Visual Studio Code", "code", "");
-            scene.palette()._results = Rows{line("--new-window ~/Projects/korvane", "Used 12× · 3 minutes ago"),
-                line("--diff old.cpp new.cpp", "Used 4× · 2 days ago")};
-        }},
-    {"noarguments",
-        [](Scene &scene) {
-            scene.palette()._argumentTarget = scene.application("Visual Studio Code", "code", "");
-            scene.palette()._results = Rows();
-        }},
-    {"filefilters",
-        [](Scene &scene) {
-            scene.palette()._mode = PaletteState::Mode::files;
-            scene.palette()._category = SearchCategory::files;
-            scene.palette()._query = "field path:/home/ada kind:document sort:modified";
-            Rows rows = files(scene);
-            rows = {rows.at(0), rows.at(3)}; // the documents
-            scene.palette()._results = rows;
-        }},
-    {"fileerror",
-        [](Scene &scene) {
-            scene.palette()._mode = PaletteState::Mode::files;
-            scene.palette()._category = SearchCategory::files;
-            scene.palette()._query = "report path:/mnt/archive";
-            scene.palette()._results = Rows();
-            scene.palette()._error = "This folder is not indexed. Add it in Settings → File Index.";
-        }},
-    {"searching",
-        [](Scene &scene) {
-            scene.palette()._mode = PaletteState::Mode::files;
-            scene.palette()._query = "expedition";
-            scene.palette()._results = Rows();
-            scene.palette()._searchingFiles = true;
-        }},
-    {"busy",
-        [](Scene &scene) {
-            scene.palette()._results = joined({commands(), applications(scene)});
-            scene.palette()._selection = 5;
-            scene.palette()._busy = true;
-        }},
-    {"preview",
-        [](Scene &scene) {
-            const std::string text =
-                "The tide tables for the northern shore\n\n04:12  high  3.4 m\n10:27  low   0.6 m\n16:49  high  3.1 m\n"
-                "22:58  low   0.9 m\n\nBoats may enter the inner harbour for two hours around each high tide.\n"
-                "内港在每次高潮前后两小时内开放。";
-            scene.palette()._mode = PaletteState::Mode::clipboard;
-            scene.palette()._results = Rows{makeRow({.id = "clipboard:1",
-                .title = "The tide tables",
-                .icon = CommandIcon::symbol("clipboard"),
-                .previewText = text,
-                .actions = {{.id = "copy", .title = "Copy"}}})};
-            scene.palette()._showsPreview = true;
-        }},
+struct Look {
+    std::string_view language;
+    bool dark;
+    bool operator==(const Look &) const = default;
 };
 
-/// The window over a plain desktop.
-QImage framed(const QPixmap &picture, bool dark)
+constexpr Look looks[] = {{"en", false}, {"en", true}, {"zh", false}, {"zh", true}};
+
+/// Kept beside every state in English at scale 1.
+constexpr struct {
+    std::string_view state;
+    Look look;
+    int scale;
+} alsoKept[] = {
+    {"filefilters", {"zh", false}, 1},
+    {"settingsissue", {"zh", true}, 1},
+    {"query", {"en", false}, 2},
+    {"typemenu", {"en", true}, 2},
+    {"actions", {"zh", true}, 2},
+};
+
+// Text is drawn alike wherever the fonts are the same; a picture differs when a few letters do.
+constexpr int greatestDifference = 40; // of one channel of one pixel
+constexpr double greatestShare = 0.0001; // of the pixels
+
+int presentScale() { return qRound(qApp->devicePixelRatio()); }
+
+bool isKept(const PictureState &state, const Look &look)
 {
-    QImage image(picture.size(), QImage::Format_RGB32);
-    image.setDevicePixelRatio(picture.devicePixelRatio());
-    QPainter painter(&image);
-    const QRectF all(QPointF(), QSizeF(picture.size()) / picture.devicePixelRatio());
-    QLinearGradient ground(all.topLeft(), all.bottomRight());
-    ground.setColorAt(0, dark ? QColor(0x39, 0x46, 0x66) : QColor(0xc9, 0xd7, 0xf2));
-    ground.setColorAt(1, dark ? QColor(0x1f, 0x2a, 0x3d) : QColor(0xe9, 0xdc, 0xee));
-    painter.fillRect(all, ground);
-    painter.drawPixmap(0, 0, picture);
-    return image;
+    if (presentScale() == 1 && look.language == "en")
+        return true;
+    return std::ranges::any_of(alsoKept,
+        [&](const auto &kept) { return kept.state == state.name && kept.look == look && kept.scale == presentScale(); });
 }
 
-void useLanguage(const QString &language)
+void use(const Look &look)
 {
+    qputenv("KORVANE_APPEARANCE", look.dark ? "dark" : "light");
     const std::string source = KORVANE_SOURCE;
     L10n::use(L10n::load({.resources = source + "/resources",
         .beside = {},
         .fixedAtBuild = {},
-        .languages = {language.toStdString()},
+        .languages = {std::string(look.language)},
         .platform = "linux"}));
+}
+
+QImage pictureOf(const PictureState &state)
+{
+    Stage stage;
+    stage.show();
+    state.arrange(stage);
+    stage.turn();
+    stage.picture(); // asks for the icons
+    stage.turn();
+    return stage.picture();
+}
+
+QString nameOf(const PictureState &state, const Look &look)
+{
+    return QStringLiteral("%1-%2-%3-%4x.png")
+        .arg(QLatin1String(state.name), QLatin1String(look.language.data()),
+            look.dark ? QStringLiteral("dark") : QStringLiteral("light"))
+        .arg(presentScale());
+}
+
+using Wanted = std::function<bool(const PictureState &, const Look &)>;
+using Drawn = std::function<bool(const QString &name, const QImage &)>;
+
+/// Draws those that are wanted. True when `drawn` was content with each.
+bool drawAll(const Wanted &wanted, const Drawn &drawn)
+{
+    bool content = true;
+    for (const Look &look : looks) {
+        use(look);
+        for (const PictureState &state : pictureStates())
+            if (wanted(state, look))
+                content = drawn(nameOf(state, look), pictureOf(state)) && content;
+    }
+    return content;
+}
+
+/// The same picture with a table of its colours, where it has few: such files are much smaller.
+QImage tabulated(const QImage &picture)
+{
+    QList<QRgb> colours;
+    for (int y = 0; y < picture.height(); y++)
+        for (int x = 0; x < picture.width(); x++)
+            if (const QRgb colour = picture.pixel(x, y); !colours.contains(colour)) {
+                if (colours.size() == 256)
+                    return picture;
+                colours += colour;
+            }
+    return picture.convertToFormat(QImage::Format_Indexed8, colours, Qt::ThresholdDither);
+}
+
+bool write(const QDir &folder, const QString &name, const QImage &picture)
+{
+    constexpr int smallest = 0; // as small as lossless files get
+    if (folder.mkpath(QStringLiteral(".")) && tabulated(picture).save(folder.filePath(name), "PNG", smallest))
+        return true;
+    std::fprintf(stderr, "%s could not be written.\n", qPrintable(folder.filePath(name)));
+    return false;
+}
+
+int channelDifference(QRgb a, QRgb b)
+{
+    return std::max({std::abs(qRed(a) - qRed(b)), std::abs(qGreen(a) - qGreen(b)), std::abs(qBlue(a) - qBlue(b))});
+}
+
+/// The share of pixels that differ visibly.
+double difference(const QImage &one, const QImage &other)
+{
+    if (one.size() != other.size())
+        return 1;
+    qint64 differing = 0;
+    for (int y = 0; y < one.height(); y++)
+        for (int x = 0; x < one.width(); x++)
+            differing += channelDifference(one.pixel(x, y), other.pixel(x, y)) > greatestDifference;
+    return double(differing) / (double(one.width()) * one.height());
+}
+
+bool matches(const QDir &kept, const QDir &differences, const QString &name, const QImage &picture)
+{
+    const QImage before(kept.filePath(name));
+    const double share = before.isNull() ? 1 : difference(before, picture);
+    if (share <= greatestShare)
+        return true;
+    write(differences, name, picture);
+    const QByteArray now = differences.absoluteFilePath(name).toLocal8Bit();
+    if (before.isNull())
+        std::fprintf(stderr, "%s is not there. Now: %s\n", qPrintable(name), now.constData());
+    else
+        std::fprintf(stderr, "%s differs in %.3f %% of its pixels. Now: %s\n", qPrintable(name), share * 100, now.constData());
+    return false;
+}
+
+/// Finds pictures of states that are no more.
+bool nothingIsLeftOver(const QDir &kept, const QStringList &names)
+{
+    bool none = true;
+    for (const QString &name : kept.entryList({QStringLiteral("*-%1x.png").arg(presentScale())})) {
+        if (names.contains(name))
+            continue;
+        std::fprintf(stderr, "%s shows no state that there is.\n", qPrintable(name));
+        none = false;
+    }
+    return none;
+}
+
+int usage()
+{
+    std::fputs("korvane_pictures draw FOLDER [PART OF A NAME] | keep FOLDER | compare FOLDER DIFFERENCES\n", stderr);
+    return 2;
 }
 
 } // namespace
@@ -242,38 +182,32 @@ void useLanguage(const QString &language)
 int main(int argc, char **argv)
 {
     qputenv("TZ", "UTC");
+    qputenv("KORVANE_REDUCED_MOTION", "1");
     QApplication application(argc, argv);
-    if (argc < 2) {
-        std::fputs("korvane_pictures FOLDER [PART OF A NAME]\n", stderr);
-        return 2;
+    QApplication::setCursorFlashTime(0);
+    QApplication::setQuitOnLastWindowClosed(false);
+    const QStringList arguments = QApplication::arguments().mid(1);
+    if (arguments.size() < 2)
+        return usage();
+    const QString command = arguments[0];
+    const QDir folder(arguments[1]);
+    const Drawn save = [&](const QString &name, const QImage &picture) { return write(folder, name, picture); };
+
+    if (command == QLatin1String("draw")) {
+        const QString part = arguments.value(2);
+        const auto wanted = [&](const PictureState &state, const Look &look) { return nameOf(state, look).contains(part); };
+        return drawAll(wanted, save) ? 0 : 1;
     }
-    const QDir folder(QString::fromLocal8Bit(argv[1]));
-    if (!folder.mkpath(QStringLiteral("."))) {
-        std::fputs("The folder could not be made.\n", stderr);
-        return 1;
-    }
-    const QString language = qEnvironmentVariable("KORVANE_PICTURES_LANGUAGE", QStringLiteral("en"));
-    useLanguage(language);
-    for (const auto &state : states) {
-        if (argc > 2 && !QString::fromLatin1(state.name).contains(QString::fromLocal8Bit(argv[2])))
-            continue;
-        Scene scene;
-        scene.show();
-        state.arrange(scene);
-        scene.turn();
-        scene.window->surface()->grab(); // asks for the icons
-        scene.turn();
-        const bool dark = scene.appearance.theme().dark;
-        const QImage picture = framed(scene.window->surface()->grab(), dark);
-        const QString name =
-            QStringLiteral("%1-%2-%3-%4x.png")
-                .arg(QLatin1String(state.name), language, dark ? QStringLiteral("dark") : QStringLiteral("light"))
-                .arg(scene.window->surface()->devicePixelRatio());
-        if (!picture.save(folder.filePath(name))) {
-            std::fprintf(stderr, "%s could not be written.\n", qPrintable(name));
-            return 1;
-        }
-        std::puts(qPrintable(folder.filePath(name)));
-    }
-    return 0;
+    if (command == QLatin1String("keep"))
+        return drawAll(isKept, save) ? 0 : 1;
+    if (command != QLatin1String("compare") || arguments.size() < 3)
+        return usage();
+
+    const QDir differences(arguments[2]);
+    QStringList names;
+    const bool same = drawAll(isKept, [&](const QString &name, const QImage &picture) {
+        names += name;
+        return matches(folder, differences, name, picture);
+    });
+    return nothingIsLeftOver(folder, names) && same ? 0 : 1;
 }

@@ -1,4 +1,5 @@
 // The palette's window and views on a real X server, over a system in memory.
+#include "tests/desktop/Gestures.h"
 #include "tests/desktop/Scene.h"
 
 #include "Vorrel/Views/ActivationListener.h"
@@ -41,34 +42,11 @@ using namespace std::chrono_literals;
 
 namespace {
 
-void press(QWidget &target, Qt::Key key, Qt::KeyboardModifiers modifiers = {}, const QString &text = {})
-{
-    QKeyEvent down(QEvent::KeyPress, key, modifiers, text);
-    QCoreApplication::sendEvent(&target, &down);
-    QKeyEvent up(QEvent::KeyRelease, key, modifiers, text);
-    QCoreApplication::sendEvent(&target, &up);
-}
-
-void type(QWidget &target, const QString &text)
-{
-    for (const QChar c : text)
-        press(target, Qt::Key(c.toUpper().unicode()), {}, QString(c));
-}
-
 void compose(QWidget &target, const QString &preedit, const QString &commit = {})
 {
     QInputMethodEvent event(preedit, {});
     event.setCommitString(commit);
     QCoreApplication::sendEvent(&target, &event);
-}
-
-void click(QWidget &target, const QPoint &place)
-{
-    for (const auto kind : {QEvent::MouseButtonPress, QEvent::MouseButtonRelease}) {
-        QMouseEvent event(kind, QPointF(place), QPointF(target.mapToGlobal(place)), Qt::LeftButton,
-            kind == QEvent::MouseButtonPress ? Qt::LeftButton : Qt::NoButton, Qt::NoModifier);
-        QCoreApplication::sendEvent(&target, &event);
-    }
 }
 
 /// Counts how often a widget is painted.

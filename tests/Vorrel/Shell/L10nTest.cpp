@@ -608,16 +608,23 @@ TEST(L10nTables, TheLinuxTableRewordsExactlyWhatWouldMislead)
         "A previous file access check is still waiting for macOS. Respond to its permission prompt before retrying.",
         "Choose a shortcut with Command, Option or Control.",
         "Choose an installed application bundle.",
+        "Click Record, then press a shortcut with Command, Option or Control. Save Settings to apply.",
         "Enable Korvane in System Settings → Privacy & Security → Accessibility to lock the screen.",
         "File access timed out. Respond to any macOS permission prompt, check the file is available locally, then retry.",
         "Finder could not empty the Trash. Check Automation permissions and try again.",
         "Finder could not open this folder.",
         "Global shortcuts are unavailable. Open Korvane from the menu bar and try again.",
+        "Include ⌘, ⌥ or ⌃ (Esc cancels)",
         "Korvane cannot read this file. Review Files & Folders access in System Settings, then retry.",
+        "No global shortcut is active. Open Korvane or Settings from the menu bar.",
         "Open Finder",
         "Open System Settings → Keyboard → Keyboard Shortcuts.",
+        "Restore Option + Space",
         "Show in Finder",
         "This shortcut could not be registered. It may be used by macOS or another app. Choose a different shortcut.",
+        "To replace Spotlight, first change its shortcut in System Settings → Keyboard → Keyboard Shortcuts → Spotlight, then "
+        "Save Settings here.",
+        "Use Command + Space (Spotlight)",
         "macOS did not allow this sleep request.",
     };
     EXPECT_EQ(keysOf(programTable("en", "Platform-linux.strings")), reworded);

@@ -1,0 +1,68 @@
+#include "Vorrel/Views/KeyEvents.h"
+
+#include "Vorrel/Platform/VirtualKeys.h"
+
+#include <QCoreApplication>
+#include <QKeyEvent>
+#include <QKeySequence>
+
+namespace korvane {
+
+static constexpr std::uint32_t firstScanCode = 8; // of an X server, for position 0
+
+static std::uint32_t eventFlags(Qt::KeyboardModifiers modifiers)
+{
+    static constexpr std::pair<Qt::KeyboardModifier, std::uint32_t> flags[] = {
+        {Qt::ControlModifier, 0x40000}, {Qt::AltModifier, 0x80000}, {Qt::ShiftModifier, 0x20000}, {Qt::MetaModifier, 0x100000}};
+    std::uint32_t all = 0;
+    for (const auto &[modifier, flag] : flags)
+        if (modifiers & modifier)
+            all |= flag;
+    return all;
+}
+
+static const VirtualKey *virtualKeyOf(const QKeyEvent &event)
+{
+    if (const VirtualKey *named = virtualKeyNamed(event.nativeVirtualKey()))
+        return named;
+    const std::uint32_t scanCode = event.nativeScanCode();
+    return scanCode > firstScanCode ? virtualKeyAt(scanCode - firstScanCode) : nullptr;
+}
+
+/// What is printed on the key. With Shift the event tells another character than the key has alone.
+static QString labelOf(const QKeyEvent &event, const VirtualKey &key)
+{
+    const bool shifted = event.modifiers() & Qt::ShiftModifier && event.key() < 0x80;
+    const auto character = char32_t(shifted ? key.keysym : std::uint32_t(event.key()));
+    if (character > 0x20 && character < 0x1000000)
+        return QString::fromUcs4(&character, 1).toUpper();
+    return QKeySequence(event.key()).toString(); // "F5", "Home"
+}
+
+std::optional<HotkeyConfiguration> hotkeyOf(const QKeyEvent &event)
+{
+    const VirtualKey *key = virtualKeyOf(event);
+    if (!key)
+        return std::nullopt;
+    HotkeyConfiguration hotkey{
+        .keyCode = key->code, .modifiers = HotkeyConfiguration::carbonModifiers(eventFlags(event.modifiers()))};
+    if (const QString label = labelOf(event, *key); !label.isEmpty())
+        hotkey.keyLabel = label.toStdString();
+    return hotkey;
+}
+
+KeyDownFilter::KeyDownFilter(Taken taken) : taken(std::move(taken)) { QCoreApplication::instance()->installEventFilter(this); }
+
+KeyDownFilter::~KeyDownFilter() { QCoreApplication::instance()->removeEventFilter(this); }
+
+bool KeyDownFilter::eventFilter(QObject *target, QEvent *event)
+{
+    // Windows get a key before their widgets do, and once.
+    if (event->type() != QEvent::KeyPress || !target->isWindowType())
+        return false;
+    const auto &press = static_cast<const QKeyEvent &>(*event);
+    const auto key = hotkeyOf(press);
+    return key && taken(*key, press.isAutoRepeat());
+}
+
+} // namespace korvane

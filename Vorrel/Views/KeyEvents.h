@@ -1,0 +1,35 @@
+#pragma once
+
+#include "Vorrel/Platform/HotkeyRegistering.h"
+
+#include <QObject>
+
+#include <functional>
+#include <optional>
+
+class QKeyEvent;
+
+namespace korvane {
+
+/// The key of an event with its modifiers, whatever they are, and labelled with what is printed on it. Nothing for a
+/// modifier alone and for a key that no shortcut can have.
+std::optional<HotkeyConfiguration> hotkeyOf(const QKeyEvent &event);
+
+/// Shows every key that goes down in one of the program's windows to the application before any view sees it.
+class KeyDownFilter : public QObject {
+    Q_OBJECT
+
+public:
+    /// `taken` answers whether the key goes no further; a held key comes again and again.
+    using Taken = std::function<bool(const HotkeyConfiguration &key, bool isRepeat)>;
+    explicit KeyDownFilter(Taken taken);
+    ~KeyDownFilter() override;
+
+protected:
+    bool eventFilter(QObject *target, QEvent *event) override;
+
+private:
+    Taken taken;
+};
+
+} // namespace korvane

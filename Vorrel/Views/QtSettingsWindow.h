@@ -1,0 +1,41 @@
+#pragma once
+
+#include "Vorrel/Platform/Platform.h"
+#include "Vorrel/Platform/SettingsWindow.h"
+#include "Vorrel/Shell/SettingsState.h"
+
+#include <memory>
+
+class QWidget;
+
+namespace korvane {
+
+class Appearance;
+class HotkeySettingsSection;
+class IconStore;
+
+/// The settings in an ordinary window that closing only hides. Main thread only.
+class QtSettingsWindow : public SettingsWindow {
+public:
+    /// The size of what the window shows, in the toolkit's units.
+    static constexpr int width = 650, height = 540;
+
+    /// All three, and what `platform` refers to, outlive the window.
+    QtSettingsWindow(SettingsState &state, const Platform &platform, Appearance &appearance);
+    ~QtSettingsWindow() override;
+
+    void showCentred() override;
+
+    QWidget *surface() const;
+    HotkeySettingsSection &hotkeySection() const;
+    /// Shows the present state at once, laid out for painting.
+    void refresh();
+
+private:
+    class Surface;
+
+    std::shared_ptr<IconStore> icons;
+    std::unique_ptr<Surface> _surface;
+};
+
+} // namespace korvane
