@@ -13,7 +13,8 @@ namespace korvane {
 /// nothing blocks it.
 class PortalHotkeys final : public HotkeyRegistering {
 public:
-    /// `bus` is the address of the session bus. `description` tells the user of the desktop what the shortcut does.
+    /// `bus` is the address of the session bus. Ends, with what waits on `mainThread`, before `pool` does. `description` tells
+    /// the user of the desktop what the shortcut does.
     PortalHotkeys(Executor mainThread, Executor pool, std::string bus, std::string description);
     ~PortalHotkeys() override;
 

@@ -213,6 +213,7 @@ protected:
     ~PortalHotkeysTest() override
     {
         hotkeys.remove();
+        loop.shutDown(); // what waits there refers to the pool
         pool.join();
     }
     bool install()
@@ -417,5 +418,6 @@ TEST(LinuxHotkeys, UnderWaylandThePortalIsAskedAndElseTheDisplay)
     EXPECT_TRUE(
         installs({{"WAYLAND_DISPLAY", "wayland-0"}, {"DISPLAY", ":4711"}, {"DBUS_SESSION_BUS_ADDRESS", "unix:path=/nowhere"}}))
         << "the portal, which is found missing later";
+    loop.shutDown();
     pool.join();
 }
