@@ -508,8 +508,9 @@ void QtPaletteWindow::bringToFront()
     x11::setUserTime(*_surface, time);
     _surface->show();
     _surface->raise();
-    _surface->activateWindow();
-    x11::activate(*_surface, time);
+    // The toolkit's own request waits for the server, which is busy with a window that appears, before anything is painted.
+    if (!x11::activate(*_surface, time))
+        _surface->activateWindow();
     shownAt = clock.uptime();
     noteKeyboard(); // one on its way out still has it, and nothing will be reported
     if (appears) {
@@ -525,6 +526,8 @@ Task<void> QtPaletteWindow::settle(Clock &clock, QtPaletteWindow *window)
     const QPoint place = window->wanted - QPoint(surface.margin, surface.margin);
     if (surface.isVisible() && (surface.pos() != place || x11::positionOf(surface).value_or(place) != place))
         surface.move(place);
+    if (surface.isVisible() && !surface.isActiveWindow() && x11::keyboardOf(surface) == x11::Keyboard::Nobody)
+        surface.activateWindow(); // without a window manager nobody has answered
 }
 
 void QtPaletteWindow::orderOut()

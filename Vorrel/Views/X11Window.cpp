@@ -128,11 +128,11 @@ void setUserTime(const QWidget &window, std::uint32_t time)
     setCardinals(x, idOf(window), userTime, &time, 1);
 }
 
-void activate(const QWidget &window, std::uint32_t time)
+bool activate(const QWidget &window, std::uint32_t time)
 {
     xcb_connection_t *x = connection();
     if (!x || !idOf(window))
-        return;
+        return false;
     static const xcb_atom_t activeWindow = atom(x, "_NET_ACTIVE_WINDOW");
     xcb_client_message_event_t message{};
     message.response_type = XCB_CLIENT_MESSAGE;
@@ -144,6 +144,7 @@ void activate(const QWidget &window, std::uint32_t time)
     xcb_send_event(x, 0, root(x), XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY | XCB_EVENT_MASK_SUBSTRUCTURE_REDIRECT,
         reinterpret_cast<const char *>(&message));
     xcb_flush(x);
+    return true;
 }
 
 /// Whether the window is a program's, or within one: window managers mark those that they manage.

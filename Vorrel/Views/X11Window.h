@@ -24,8 +24,9 @@ std::optional<QPoint> positionOf(const QWidget &window);
 /// The server's present time, for requests that window managers judge by their age. 0 when there is none.
 std::uint32_t serverTime();
 
-/// Asks the window manager to give the mapped window the keyboard, as the answer to what the user did at `time`.
-void activate(const QWidget &window, std::uint32_t time);
+/// Asks the window manager to give the mapped window the keyboard, as the answer to what the user did at `time`. False
+/// where there is no X server.
+bool activate(const QWidget &window, std::uint32_t time);
 /// Tells when the user asked for the window; before it is mapped.
 void setUserTime(const QWidget &window, std::uint32_t time);
 
