@@ -55,14 +55,26 @@ KeyDownFilter::KeyDownFilter(Taken taken) : taken(std::move(taken)) { QCoreAppli
 
 KeyDownFilter::~KeyDownFilter() { QCoreApplication::instance()->removeEventFilter(this); }
 
+/// A held key goes up and down again at one and the same moment. The toolkit notices that only when both have arrived.
+bool KeyDownFilter::isRepeat(const QKeyEvent &press) const
+{
+    return press.isAutoRepeat() || (press.nativeScanCode() == releasedKey && press.timestamp() == releasedAt && releasedAt != 0);
+}
+
 bool KeyDownFilter::eventFilter(QObject *target, QEvent *event)
 {
     // Windows get a key before their widgets do, and once.
-    if (event->type() != QEvent::KeyPress || !target->isWindowType())
+    const bool pressed = event->type() == QEvent::KeyPress;
+    if (!(pressed || event->type() == QEvent::KeyRelease) || !target->isWindowType())
         return false;
-    const auto &press = static_cast<const QKeyEvent &>(*event);
-    const auto key = hotkeyOf(press);
-    return key && taken(*key, press.isAutoRepeat());
+    const auto &change = static_cast<const QKeyEvent &>(*event);
+    if (!pressed) {
+        releasedKey = change.nativeScanCode();
+        releasedAt = change.timestamp();
+        return false;
+    }
+    const auto key = hotkeyOf(change);
+    return key && taken(*key, isRepeat(change));
 }
 
 } // namespace korvane

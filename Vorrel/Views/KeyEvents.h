@@ -29,7 +29,11 @@ protected:
     bool eventFilter(QObject *target, QEvent *event) override;
 
 private:
+    bool isRepeat(const QKeyEvent &press) const;
+
     Taken taken;
+    std::uint32_t releasedKey = 0; // the last one, by its place on the keyboard
+    std::uint64_t releasedAt = 0; // by the server's clock
 };
 
 } // namespace korvane

@@ -344,6 +344,26 @@ TEST(KeyEvents, ShortcutsAreNamedInTheWordsOfTheKeyboard)
     EXPECT_EQ(nameOf({.keyCode = 9, .modifiers = HotkeyConfiguration::option}), "Alt+Key 9");
 }
 
+TEST_F(Settings, AHeldKeyIsKnownByTheMomentAtWhichItGoesUpAndDown)
+{
+    std::vector<bool> repeats;
+    const KeyDownFilter filter([&](const HotkeyConfiguration &, bool isRepeat) {
+        repeats.push_back(isRepeat);
+        return true;
+    });
+    const auto send = [&](QEvent::Type kind, quint64 time) {
+        QKeyEvent event(kind, Qt::Key_Space, Qt::AltModifier, 57 + 8, ' ', 0);
+        event.setTimestamp(time);
+        QCoreApplication::sendEvent(window.surface()->windowHandle(), &event);
+    };
+    send(QEvent::KeyPress, 1000);
+    send(QEvent::KeyRelease, 1660);
+    send(QEvent::KeyPress, 1660); // held
+    send(QEvent::KeyRelease, 1700);
+    send(QEvent::KeyPress, 1740); // pressed again
+    EXPECT_THAT(repeats, ElementsAre(false, true, false));
+}
+
 TEST_F(Settings, AKeyThatTheProgramTakesReachesNoView)
 {
     std::vector<std::pair<std::uint32_t, bool>> seen;
