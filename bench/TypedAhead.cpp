@@ -141,7 +141,6 @@ int main(int count, char **words)
 try {
     if (count < 4)
         throw std::runtime_error("usage: korvane_bench_typed_ahead WINDOW-MANAGER KORVANE BARE-WINDOW [SHOWS]");
-    korvane::test::freeDefaultKey();
     Program former({words[3]});
     former.untilItSays("ready");
     if (!Focus().isNot(XCB_NONE))

@@ -6,6 +6,7 @@
 #include "Vorrel/Shell/L10n.h"
 
 #include <algorithm>
+#include <cmath>
 #include <filesystem>
 #include <map>
 #include <set>
@@ -193,8 +194,12 @@ void ApplicationService::startMonitoring()
     if (std::exchange(monitoring, true))
         return;
     watcher = spawn(ports.mainThread, rescanPeriodically(weak_from_this(), ports.clock));
-    if (ports.folderWatcher)
-        follower = spawn(ports.mainThread, follow(weak_from_this(), ports.folderWatcher->watch(ports.source.roots())));
+    if (!ports.folderWatcher)
+        return;
+    follower = spawn(ports.mainThread, follow(weak_from_this(), ports.folderWatcher->watch(ports.source.roots())));
+    // What came between a scan that has begun and the watch is known to neither.
+    if (refreshTask || std::isfinite(_lastRefresh))
+        noticeChange();
 }
 
 void ApplicationService::stop()

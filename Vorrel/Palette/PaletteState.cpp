@@ -941,8 +941,9 @@ Task<void> PaletteState::startSources()
     searchTable.setUsage(co_await services.usage.load());
     services.clipboard->start();
     search();
-    co_await services.applications->refresh();
+    // Watched first: what is installed while the first scan runs would otherwise be missed.
     services.applications->startMonitoring();
+    co_await services.applications->refresh();
     search();
 }
 

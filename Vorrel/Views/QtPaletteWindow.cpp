@@ -576,24 +576,36 @@ void QtPaletteWindow::focusInput()
 
 void QtPaletteWindow::onKeyboardLost(std::function<void()> lost) { keyboardLost = std::move(lost); }
 
+bool QtPaletteWindow::isFresh() const { return clock.uptime() - shownAt < freshFor; }
+
 bool QtPaletteWindow::keyboardIsLost() const
 {
-    const bool fresh = clock.uptime() - shownAt < freshFor;
     switch (x11::keyboardOf(*_surface)) {
     case x11::Keyboard::Ours: return false; // the report is older than the keyboard's return
-    case x11::Keyboard::Nobody: return !fresh;
-    case x11::Keyboard::Other: return hadKeyboard || !fresh; // else the report is of the showing before
+    case x11::Keyboard::Nobody: return !isFresh();
+    case x11::Keyboard::Other: return hadKeyboard || !isFresh(); // else the report is of the showing before
     }
     return true;
 }
 
+/// A window of ours that was shown just before, such as the settings at a start that has something to tell, appears late
+/// and takes the keyboard, although the palette was asked for last.
+bool QtPaletteWindow::overtakenByOwnWindow() const
+{
+    const QWidget *active = QApplication::activeWindow();
+    return isFresh() && active && active != _surface.get() && !hasSheet();
+}
+
 void QtPaletteWindow::deactivated()
 {
-    if (keyboardIsLost())
+    const bool overtaken = overtakenByOwnWindow();
+    if (!overtaken && keyboardIsLost())
         return keyboardLost();
     // A window manager that still tidies up after another window takes the keyboard from a fresh one.
-    if (x11::keyboardOf(*_surface) == x11::Keyboard::Nobody)
+    if (overtaken || x11::keyboardOf(*_surface) == x11::Keyboard::Nobody) {
+        _surface->raise();
         x11::activate(*_surface, x11::serverTime());
+    }
     following = spawn(mainThread, followKeyboard(clock, this));
 }
 

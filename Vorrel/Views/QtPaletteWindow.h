@@ -64,8 +64,10 @@ private:
     void takeShape();
     void deactivated();
     void noteKeyboard();
+    bool isFresh() const;
     /// Whether the keyboard is lost for good, not on its way back.
     bool keyboardIsLost() const;
+    bool overtakenByOwnWindow() const;
     /// Looks again until it is clear where the keyboard went: the toolkit reports a loss only once.
     static Task<void> followKeyboard(Clock &clock, QtPaletteWindow *window);
     /// Some window managers report a wrong place right after a window appears, and a later move would then go wrong.

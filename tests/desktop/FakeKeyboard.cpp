@@ -48,13 +48,10 @@ void FakeKeyboard::type(std::string_view letters)
 
 void FakeKeyboard::sync() { std::free(::xcb_get_input_focus_reply(connection, ::xcb_get_input_focus(connection), nullptr)); }
 
-void freeDefaultKey()
+void FakeKeyboard::takeAway(std::uint8_t key)
 {
-    // Only openbox has it here; without a running one the last command fails, and nothing is lost.
-    const int ignored = std::system(R"(mkdir -p "$XDG_CONFIG_HOME/openbox" &&
-        sed 's/key="A-space"/key="A-F12"/' /etc/xdg/openbox/rc.xml > "$XDG_CONFIG_HOME/openbox/rc.xml" &&
-        openbox --reconfigure >/dev/null 2>&1 && sleep 0.5)");
-    static_cast<void>(ignored);
+    ::xcb_grab_key(connection, 0, root, XCB_MOD_MASK_1, key, XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_ASYNC);
+    sync();
 }
 
 } // namespace korvane::test

@@ -27,6 +27,8 @@ public:
     void combine(std::uint8_t modifier, std::uint8_t key);
     /// Taps the letters one after the other, without a pause.
     void type(std::string_view letters);
+    /// Takes Alt and `key` away from every other program, as one that came first does, for as long as this lives.
+    void takeAway(std::uint8_t key);
     /// Returns when the server has all that was sent.
     void sync();
 
@@ -36,8 +38,5 @@ private:
     xcb_connection_t *const connection;
     const std::uint32_t root;
 };
-
-/// Lets a window manager that has the program's own default key for its menu give that up, on a desktop of the test's.
-void freeDefaultKey();
 
 } // namespace korvane::test

@@ -86,6 +86,15 @@ protected:
             scene.wait(50ms);
         }
     }
+    /// As the toolkit reports a press: to the open menu's own window first, wherever it was.
+    void clickBeside(FlatMenu &menu, QPoint place)
+    {
+        QWindow *window = menu.windowHandle();
+        QMouseEvent press(
+            QEvent::MouseButtonPress, window->mapFromGlobal(place), place, Qt::LeftButton, Qt::LeftButton, Qt::NoModifier);
+        QCoreApplication::sendEvent(window, &press);
+        letTimePass();
+    }
     std::string query() { return scene.palette().query(); }
 };
 
@@ -201,15 +210,18 @@ TEST_F(Filters, AnOpenMenuLeavesThePaletteUp)
     EXPECT_TRUE(menu.isVisible());
     EXPECT_TRUE(scene.controller->presented());
 
-    // As the toolkit reports a press: to the menu's own window first, wherever that lies.
-    const QPoint place(-20, 600);
-    QMouseEvent press(
-        QEvent::MouseButtonPress, place, menu.windowHandle()->mapToGlobal(place), Qt::LeftButton, Qt::LeftButton, Qt::NoModifier);
-    QCoreApplication::sendEvent(menu.windowHandle(), &press);
-    letTimePass();
+    clickBeside(menu, scene.view().mapToGlobal(QPoint(20, 20)));
     EXPECT_FALSE(menu.isVisible()) << "a press beside a menu closes it";
     EXPECT_TRUE(scene.controller->presented());
     EXPECT_TRUE(scene.waitFor([&] { return scene.shownWindow().hasKeyboard(); }));
+}
+
+TEST_F(Filters, APressBesideAMenuAndThePaletteClosesBoth)
+{
+    FlatMenu &menu = open(filters().type());
+    clickBeside(menu, scene.view().mapToGlobal(QPoint(-200, -100)));
+    EXPECT_FALSE(menu.isVisible());
+    EXPECT_FALSE(scene.controller->presented());
 }
 
 TEST_F(Filters, EscapeClosesTheMenuAlone)

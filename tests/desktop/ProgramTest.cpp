@@ -126,6 +126,14 @@ std::string windowOf(const Program &program)
     return id.substr(id.rfind('\n') + 1);
 }
 
+std::string titleInFront()
+{
+    std::string title = output("xdotool getwindowfocus getwindowname");
+    while (!title.empty() && title.back() == '\n')
+        title.pop_back();
+    return title;
+}
+
 bool appears(const Program &program)
 {
     return soon([&] { return !windowOf(program).empty(); });
@@ -386,7 +394,6 @@ TEST(Program, ACopyMadeByTheCompanionStaysOfferedAfterItHasEnded)
 
 TEST(Program, TheGlobalKeyShowsThePaletteAndHidesItAndTheKeyboardIsWhereItWas)
 {
-    freeDefaultKey();
     FakeKeyboard keyboard;
     OtherWindow other;
     ASSERT_TRUE(other.hasKeyboard());
@@ -405,7 +412,6 @@ TEST(Program, TheGlobalKeyShowsThePaletteAndHidesItAndTheKeyboardIsWhereItWas)
 
 TEST(Program, TwentyLettersTypedRightAfterTheGlobalKeyAreAllInTheField)
 {
-    freeDefaultKey();
     FakeKeyboard keyboard;
     OtherWindow other;
     ASSERT_TRUE(other.hasKeyboard());
@@ -426,7 +432,6 @@ TEST(Program, TwentyLettersTypedRightAfterTheGlobalKeyAreAllInTheField)
 
 TEST(Program, TheGlobalKeyPressedAgainAtOnceHidesThePaletteAndGivesTheKeyboardBack)
 {
-    freeDefaultKey();
     FakeKeyboard keyboard;
     OtherWindow other;
     ASSERT_TRUE(other.hasKeyboard());
@@ -437,6 +442,27 @@ TEST(Program, TheGlobalKeyPressedAgainAtOnceHidesThePaletteAndGivesTheKeyboardBa
     EXPECT_TRUE(soon([&] { return program.says("Palette hidden"); }));
     EXPECT_TRUE(disappears(program));
     EXPECT_TRUE(other.hasKeyboard());
+}
+
+TEST(Program, AKeyThatAnotherProgramHasAtLaunchOpensTheSettings)
+{
+    FakeKeyboard rival;
+    rival.takeAway(FakeKeyboard::space);
+    Program program({korvane});
+    ASSERT_TRUE(program.ready());
+    EXPECT_TRUE(soon([] { return titleInFront() == "Korvane Settings"; }));
+    EXPECT_FALSE(program.says("Global shortcut registered"));
+}
+
+TEST(Program, ThePaletteThatWasAskedForStandsBeforeSettingsThatOpenByThemselves)
+{
+    FakeKeyboard rival;
+    rival.takeAway(FakeKeyboard::space);
+    Program program({korvane, "--show"});
+    ASSERT_TRUE(program.ready());
+    ASSERT_TRUE(soon([] { return !output("xdotool search --onlyvisible --name '^Korvane Settings$'").empty(); }));
+    std::this_thread::sleep_for(700ms); // longer than a fresh palette asks for the keyboard again
+    EXPECT_TRUE(soon([] { return titleInFront() == "Korvane Vorrel"; }));
 }
 
 } // namespace korvane::test

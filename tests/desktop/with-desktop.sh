@@ -70,6 +70,12 @@ if [ "$wm" != none ]; then
     case $wm in
         xfwm4) [ "$compositor" = own ] && compose=on || compose=off; xfwm4 --compositor=$compose >>"$log" 2>&1 & ;;
         metacity) [ "$compositor" = own ] && compose=xrender || compose=none; META_COMPOSITOR=$compose metacity >>"$log" 2>&1 & ;;
+        openbox)
+            # It has the program's own default key for its menu of windows.
+            mkdir -p "$XDG_CONFIG_HOME/openbox"
+            sed 's/key="A-space"/key="A-F12"/' /etc/xdg/openbox/rc.xml >"$XDG_CONFIG_HOME/openbox/rc.xml" 2>>"$log"
+            openbox >>"$log" 2>&1 &
+            ;;
         *) "$wm" >>"$log" 2>&1 & ;;
     esac
     for _ in $(seq 200); do

@@ -175,6 +175,23 @@ TEST_F(ApplicationServiceTest, MonitoringScansEverySixtySecondsAndNotBefore)
     EXPECT_EQ(indexer->begun, 3);
 }
 
+TEST_F(ApplicationServiceTest, MonitoringThatBeginsAfterAScanLooksOnceMore)
+{
+    indexer->holds = true;
+    Begun<void> refreshing(loop, service->refresh());
+    loop.runUntilIdle();
+    service->startMonitoring();
+    clock.advance(10s);
+    EXPECT_EQ(indexer->begun, 1) << "a scan in flight goes on alone";
+    indexer->holds = false;
+    indexer->release();
+    refreshing.result();
+    clock.advance(10s);
+    EXPECT_EQ(indexer->begun, 2) << "what came between its beginning and the watch is found";
+    clock.advance(40s);
+    EXPECT_EQ(indexer->begun, 3) << "and then every minute";
+}
+
 TEST_F(ApplicationServiceTest, MonitoringTwiceIsMonitoringOnce)
 {
     service->startMonitoring();
