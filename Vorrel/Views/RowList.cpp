@@ -322,10 +322,9 @@ void RowList::paintEvent(QPaintEvent *event)
 
 void RowList::drawHead(QPainter &painter, const Section &section, const QRect &place) const
 {
-    painter.setFont(appearance.font(TypeSize::Caption, QFont::DemiBold));
     painter.setPen(appearance.theme().secondary);
     const QRect line(place.left() + rowInset, place.top(), place.width() - 2 * rowInset, headHeight);
-    painter.drawText(line.adjusted(0, 4, 0, 0), Qt::AlignLeft | Qt::AlignVCenter | Qt::TextSingleLine, section.title);
+    textLine::drawLeft(painter, appearance.font(TypeSize::Caption, QFont::DemiBold), line.adjusted(0, 4, 0, 0), section.title);
 }
 
 void RowList::drawIcon(QPainter &painter, const RowFace &face, const QRect &place) const

@@ -4,6 +4,7 @@
 #include "Vorrel/Views/Appearance.h"
 #include "Vorrel/Views/FileFilters.h"
 #include "Vorrel/Views/IconStore.h"
+#include "Vorrel/Views/TextLine.h"
 
 #include <QAccessible>
 #include <QAccessibleWidget>
@@ -188,11 +189,11 @@ QSize FlatButton::sizeHint() const
     if (!symbol.empty())
         width += symbolSide;
     if (!caption.isEmpty())
-        width += QFontMetrics(captionFont()).horizontalAdvance(caption) + captionGap;
+        width += textLine::width(captionFont(), caption) + captionGap;
     if (!keys.isEmpty())
         width += keysWidth(appearance, keys) + buttonGap;
     if (!text().isEmpty())
-        width += QFontMetrics(textFont()).horizontalAdvance(text()) + (symbol.empty() ? 0 : 4);
+        width += textLine::width(textFont(), text()) + (symbol.empty() ? 0 : 4);
     if (opensMenu)
         width += captionGap + menuMarkSide;
     return {width, _style == Style::Primary ? buttonHeight + 4 : buttonHeight};
@@ -241,10 +242,8 @@ void FlatButton::paintEvent(QPaintEvent *)
     const qreal ratio = devicePixelRatioF();
     int x = sidePadding(_style);
     const auto drawText = [&](const QString &text, const QFont &font, const QColor &color) {
-        painter.setFont(font);
         painter.setPen(color);
-        painter.drawText(QRect(x, 0, width() - x, height()), Qt::AlignVCenter | Qt::TextSingleLine, text);
-        x += QFontMetrics(font).horizontalAdvance(text);
+        x += textLine::drawLeft(painter, font, QRect(x, 0, width() - x, height()), text);
     };
     const auto drawKeyCaps = [&] {
         drawKeys(painter, appearance, keys, QPoint(x, height() / 2));
@@ -309,10 +308,10 @@ void HintLine::setLine(const QString &line)
 
 QSize HintLine::sizeHint() const
 {
-    const QFontMetrics metrics(appearance.font(TypeSize::Small));
+    const QFont font = appearance.font(TypeSize::Small);
     int width = 0;
     for (const KeyHint &hint : hints)
-        width += keysWidth(appearance, hint.keys) + buttonGap + metrics.horizontalAdvance(hint.text) + hintGap;
+        width += keysWidth(appearance, hint.keys) + buttonGap + textLine::width(font, hint.text) + hintGap;
     return {width, buttonHeight};
 }
 
@@ -321,15 +320,12 @@ void HintLine::paintEvent(QPaintEvent *)
     QPainter painter(this);
     painter.setRenderHint(QPainter::Antialiasing);
     const QFont font = appearance.font(TypeSize::Small);
-    const QFontMetrics metrics(font);
     int x = hintGap / 2;
     for (const KeyHint &hint : hints) {
         drawKeys(painter, appearance, hint.keys, QPoint(x, height() / 2));
         x += keysWidth(appearance, hint.keys) + buttonGap;
-        painter.setFont(font);
         painter.setPen(appearance.theme().secondary);
-        painter.drawText(QRect(x, 0, width(), height()), Qt::AlignVCenter | Qt::TextSingleLine, hint.text);
-        x += metrics.horizontalAdvance(hint.text) + hintGap;
+        x += textLine::drawLeft(painter, font, QRect(x, 0, width(), height()), hint.text) + hintGap;
     }
 }
 

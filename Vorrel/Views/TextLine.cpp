@@ -74,12 +74,19 @@ void draw(QPainter &painter, const QFont &font, const QPoint &baseline, const QS
     painter.drawStaticText(QPointF(baseline.x(), baseline.y() - line.ascent), line.letters);
 }
 
-void drawCentred(QPainter &painter, const QFont &font, const QRectF &place, const QString &text)
+int drawLeft(QPainter &painter, const QFont &font, const QRectF &place, const QString &text)
 {
     const Line &line = lineFor({font, text, unlimited, Qt::ElideRight});
     painter.setFont(font);
     const int top = qRound(place.center().y() - line.height / 2.0);
-    painter.drawStaticText(QPointF(place.center().x() - line.width / 2.0, top + line.fontAscent - line.ascent), line.letters);
+    painter.drawStaticText(QPointF(place.left(), top + line.fontAscent - line.ascent), line.letters);
+    return line.width;
+}
+
+void drawCentred(QPainter &painter, const QFont &font, const QRectF &place, const QString &text)
+{
+    const qreal left = place.center().x() - width(font, text) / 2.0;
+    drawLeft(painter, font, QRectF(left, place.top(), place.width(), place.height()), text);
 }
 
 } // namespace korvane::textLine

@@ -20,6 +20,9 @@ int width(const QFont &font, const QString &text);
 void draw(QPainter &painter, const QFont &font, const QPoint &baseline, const QString &text, int room,
     Qt::TextElideMode elide = Qt::ElideRight);
 
+/// Draws the text from the left of `place`, half way up, whole. Gives how wide it is.
+int drawLeft(QPainter &painter, const QFont &font, const QRectF &place, const QString &text);
+
 /// Draws the text in the middle of `place`, whole.
 void drawCentred(QPainter &painter, const QFont &font, const QRectF &place, const QString &text);
 
