@@ -975,6 +975,42 @@ void PaletteState::registerStaticCommands()
             .actions = {{.id = id, .title = title, .role = role, .execute = execute}},
         }));
     }
+    registerWindowCommands();
+}
+
+/// Those that show something else in a window of this program.
+void PaletteState::registerWindowCommands()
+{
+    const auto weak = weak_from_this();
+    const auto doing = [&weak](void (*show)(PaletteState &)) -> std::function<Task<void>()> {
+        return [weak, show]() -> Task<void> { return showing(weak, show); };
+    };
+    const char *const files = L10n::key("Search Files");
+    registry.registerCommand(std::make_shared<StaticCommand>(CommandResultFields{
+        .id = "files",
+        .title = files,
+        .subtitle = L10n::key("Open Search Files"),
+        .keywords = {"files", L10n::text(files), L10n::simplifiedChinese(files)},
+        .icon = CommandIcon::symbol("doc.text.magnifyingglass"),
+        .keepsOpen = true,
+        .actions = {{.id = "files", .title = files, .execute = doing([](PaletteState &state) { state.enter(Mode::files); })}},
+    }));
+    const char *const settings = L10n::key("Open Settings");
+    registry.registerCommand(std::make_shared<StaticCommand>(CommandResultFields{
+        .id = "settings",
+        .title = settings,
+        .subtitle = L10n::key("Hotkey · Clipboard · AI · MCP"),
+        .keywords = {"preferences"},
+        .icon = CommandIcon::symbol("gearshape"),
+        .actions = {{.id = "settings", .title = settings, .execute = doing([](PaletteState &state) { state.openSettings(); })}},
+    }));
+}
+
+Task<void> PaletteState::showing(std::weak_ptr<PaletteState> weak, void (*show)(PaletteState &))
+{
+    if (const auto self = weak.lock())
+        show(*self);
+    co_return;
 }
 
 template <class Reload> void PaletteState::reporting(Reload reload)

@@ -196,6 +196,8 @@ private:
     // Sources
     Task<void> startSources();
     void registerStaticCommands();
+    void registerWindowCommands();
+    static Task<void> showing(std::weak_ptr<PaletteState> weak, void (*show)(PaletteState &));
     void updateApplicationCommands();
     void reloadAgentCommands();
     Task<void> reloadQuicklinks();

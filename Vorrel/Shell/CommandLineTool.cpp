@@ -269,7 +269,8 @@ int CommandLineTool::runRow(const Line &line)
             row->actions.begin(), row->actions.end(), [&](const CommandAction &one) { return one.id == line.words[2]; });
     if (action == row->actions.end())
         throw Refusal{"There is no action " + line.words[2] + " here."};
-    if (action->flow.kind != ActionFlow::Kind::direct)
+    const bool showsItself = row->id == "files" || row->id == "settings";
+    if (showsItself || action->flow.kind != ActionFlow::Kind::direct)
         throw Refusal{"Open Korvane for this action."};
     state->showOnly(row);
     state->execute(*action);

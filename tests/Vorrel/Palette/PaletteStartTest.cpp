@@ -2,6 +2,7 @@
 
 #include "Vorrel/Shell/L10n.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 using namespace korvane;
@@ -38,7 +39,7 @@ TEST(PaletteStart, RegistersTheSystemCommandsInTheirShape)
         {"sleep", "Sleep", "moon", ActionRole::write},
         {"trash", "Empty Trash", "trash", ActionRole::destructive},
     };
-    EXPECT_EQ(palette.state->registry.commands().size(), std::size(expected));
+    EXPECT_EQ(palette.state->registry.commands().size(), std::size(expected) + 2) << "with files and settings";
     for (const auto &[id, title, symbol, role] : expected) {
         SCOPED_TRACE(id);
         const Row row = palette.state->registry.result(id);
@@ -55,6 +56,38 @@ TEST(PaletteStart, RegistersTheSystemCommandsInTheirShape)
         EXPECT_EQ(row->actions[0].role, role);
         EXPECT_EQ(row->actions[0].flow, ActionFlow::direct());
     }
+}
+
+TEST(PaletteStart, FilesAndSettingsHaveRowsOfTheirOwn)
+{
+    TestPalette palette;
+    palette.start();
+    const Row files = palette.state->registry.result("files"), settings = palette.state->registry.result("settings");
+    ASSERT_TRUE(files && settings);
+    EXPECT_EQ(files->title, "Search Files");
+    EXPECT_EQ(files->subtitle, "Open Search Files");
+    EXPECT_EQ(files->icon, CommandIcon::symbol("doc.text.magnifyingglass"));
+    EXPECT_EQ(files->keywords.front(), "files");
+    EXPECT_TRUE(files->keepsOpen);
+    EXPECT_EQ(settings->title, "Open Settings");
+    EXPECT_EQ(settings->subtitle, "Hotkey · Clipboard · AI · MCP");
+    EXPECT_EQ(settings->icon, CommandIcon::symbol("gearshape"));
+    EXPECT_EQ(settings->keywords, Strings{"preferences"});
+    EXPECT_FALSE(settings->keepsOpen);
+
+    palette.type("search files");
+    palette.run();
+    EXPECT_EQ(palette.state->mode(), PaletteState::Mode::files);
+    EXPECT_EQ(palette.state->query(), "");
+    palette.state->escape();
+    palette.settle();
+    EXPECT_EQ(palette.state->mode(), PaletteState::Mode::commands);
+    palette.log.clear();
+    palette.type("preferences");
+    ASSERT_EQ(palette.selected(), "Open Settings");
+    palette.run();
+    EXPECT_THAT(palette.log, testing::Contains("settings"));
+    EXPECT_THAT(palette.log, testing::Contains("hide"));
 }
 
 TEST(PaletteStart, FolderCommandsOpenTheirFolders)

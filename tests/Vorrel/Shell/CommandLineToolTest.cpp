@@ -136,6 +136,10 @@ TEST_F(CommandLine, AnActionThatNeedsTheWindowIsRefused)
 {
     EXPECT_EQ(run({"run", "app:" + root + "/org.example.editor.app", "arguments"}), 1);
     EXPECT_EQ(err, "Open Korvane for this action.\n");
+    for (const char *row : {"files", "settings"}) {
+        EXPECT_EQ(run({"run", row}), 1);
+        EXPECT_EQ(err, "Open Korvane for this action.\n");
+    }
 }
 
 TEST_F(CommandLine, WhatNeedsConsentIsRefusedUnlessItIsGiven)
