@@ -15,6 +15,12 @@
 
 namespace korvane {
 
+/// The command-line tool that lists and runs the user's shortcuts.
+struct ShortcutsTool {
+    std::string path; ///< Absolute.
+    std::vector<std::string> environment; ///< What it is started with, as "NAME=value".
+};
+
 /// Everything that the services ask of a system, as one front end chose it. The ports outlive the services.
 struct Platform {
     Executor mainThread;
@@ -31,6 +37,7 @@ struct Platform {
     const DirectoryWalker *walker = nullptr; ///< Null where files are not indexed.
     IndexPlaces indexPlaces = {};
     FileEventWatching *fileEvents = nullptr; ///< Null where the disk is not followed.
+    std::optional<ShortcutsTool> shortcutsTool = {}; ///< Nothing where there are no shortcuts.
 };
 
 } // namespace korvane

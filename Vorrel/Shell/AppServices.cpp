@@ -66,6 +66,15 @@ template <class Service> std::unique_ptr<Service> orDefault(std::unique_ptr<Serv
     return given ? std::move(given) : std::make_unique<Service>();
 }
 
+std::shared_ptr<ShortcutsService> makeShortcuts(const Platform &platform)
+{
+    if (!platform.shortcutsTool)
+        return std::make_shared<ShortcutsService>();
+    const auto process = std::make_shared<BoundedProcess>(platform.pool, platform.clock, platform.shortcutsTool->environment);
+    auto runner = std::make_unique<ShortcutsCLI>(ShortcutsCLI::tool(platform.shortcutsTool->path, process));
+    return std::make_shared<ShortcutsService>(platform.mainThread, platform.clock, std::move(runner));
+}
+
 } // namespace
 
 Task<std::shared_ptr<AppServices>> AppServices::create(Platform platform, std::optional<Milliseconds> patience, bool holdsIndex)
@@ -137,7 +146,8 @@ AppServices::AppServices(Platform given, std::shared_ptr<Database> store, Inject
     quicklinks(database), appLaunches(database, platform.clock),
     fileIndex(orNoFiles(
         injected.fileIndex ? std::move(injected.fileIndex) : makeFileIndex(platform, database, nullptr, &diagnostics, {}))),
-    shortcuts(orDefault(std::move(injected.shortcuts))), lazyAgents(std::move(injected.agents))
+    shortcuts(injected.shortcuts ? std::move(injected.shortcuts) : makeShortcuts(platform)),
+    lazyAgents(std::move(injected.agents))
 {
 }
 

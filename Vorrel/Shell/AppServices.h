@@ -45,7 +45,7 @@ public:
     /// folders. The other defaults know no clipboard, shortcuts and agents.
     struct Injected {
         std::shared_ptr<FileIndex> fileIndex = {};
-        std::unique_ptr<ShortcutsService> shortcuts = {};
+        std::shared_ptr<ShortcutsService> shortcuts = {};
         std::unique_ptr<ClipboardService> clipboard = {};
         std::unique_ptr<AgentStore> agents = {};
         std::shared_ptr<Database> searchDatabase = {};
@@ -73,7 +73,7 @@ public:
     QuicklinkRepository quicklinks;
     AppLaunchRepository appLaunches;
     const std::shared_ptr<FileIndex> fileIndex;
-    const std::unique_ptr<ShortcutsService> shortcuts;
+    const std::shared_ptr<ShortcutsService> shortcuts;
 
 private:
     std::unique_ptr<ToolRegistry> lazyTools;
