@@ -316,6 +316,20 @@ std::size_t characterCount(std::string_view text)
     return count;
 }
 
+std::string_view firstCharacters(std::string_view text, std::size_t count)
+{
+    constexpr std::size_t usualBytes = 8; // of a character
+    for (std::size_t size = std::max<std::size_t>(count, 1) * usualBytes;; size *= 4) {
+        const auto part = text.substr(0, size);
+        const auto found = characters(part);
+        // At its end a part may cut through a character, and through the bytes of one.
+        if (found.size() > count + 1)
+            return text.substr(0, static_cast<std::size_t>(found[count].data() - text.data()));
+        if (part.size() == text.size())
+            return text;
+    }
+}
+
 bool isWhitespace(std::string_view character)
 {
     std::int32_t at = 0;

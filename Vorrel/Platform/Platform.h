@@ -9,6 +9,7 @@
 #include "Vorrel/Platform/FolderWatcher.h"
 #include "Vorrel/Platform/IndexPlaces.h"
 #include "Vorrel/Platform/Pasteboard.h"
+#include "Vorrel/Platform/PasteboardWatching.h"
 #include "Vorrel/Platform/SystemControl.h"
 #include "Vorrel/Platform/UserFolders.h"
 #include "Vorrel/Platform/Workspace.h"
@@ -37,6 +38,7 @@ struct Platform {
     const DirectoryWalker *walker = nullptr; ///< Null where files are not indexed.
     IndexPlaces indexPlaces = {};
     FileEventWatching *fileEvents = nullptr; ///< Null where the disk is not followed.
+    PasteboardWatching *pasteboardWatching = nullptr; ///< Null where the clipboard is not followed.
     std::optional<ShortcutsTool> shortcutsTool = {}; ///< Nothing where there are no shortcuts.
 };
 

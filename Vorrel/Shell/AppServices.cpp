@@ -61,9 +61,10 @@ std::shared_ptr<FileIndex> orNoFiles(std::shared_ptr<FileIndex> given)
     return given ? std::move(given) : std::make_shared<FileIndex>();
 }
 
-template <class Service> std::unique_ptr<Service> orDefault(std::unique_ptr<Service> given)
+std::shared_ptr<ClipboardService> makeClipboard(const Platform &platform, const std::shared_ptr<Database> &database)
 {
-    return given ? std::move(given) : std::make_unique<Service>();
+    return std::make_shared<ClipboardService>(platform.mainThread, platform.clock, ClipboardRepository(database, platform.clock),
+        platform.pasteboardWatching, platform.pasteboard);
 }
 
 std::shared_ptr<ShortcutsService> makeShortcuts(const Platform &platform)
@@ -142,8 +143,8 @@ AppServices::AppServices(Platform given, std::shared_ptr<Database> store, Inject
     platform(std::move(given)), diagnostics(platform.clock), database(std::move(store)),
     searchDatabase(injected.searchDatabase ? std::move(injected.searchDatabase) : database),
     applications(makeApplications(platform)), system(platform), files(platform), permissions(platform.dialogs),
-    clipboard(orDefault(std::move(injected.clipboard))), usage(database, platform.clock), settings(database),
-    quicklinks(database), appLaunches(database, platform.clock),
+    clipboard(injected.clipboard ? std::move(injected.clipboard) : makeClipboard(platform, database)),
+    usage(database, platform.clock), settings(database), quicklinks(database), appLaunches(database, platform.clock),
     fileIndex(orNoFiles(
         injected.fileIndex ? std::move(injected.fileIndex) : makeFileIndex(platform, database, nullptr, &diagnostics, {}))),
     shortcuts(injected.shortcuts ? std::move(injected.shortcuts) : makeShortcuts(platform)),

@@ -46,7 +46,7 @@ public:
     struct Injected {
         std::shared_ptr<FileIndex> fileIndex = {};
         std::shared_ptr<ShortcutsService> shortcuts = {};
-        std::unique_ptr<ClipboardService> clipboard = {};
+        std::shared_ptr<ClipboardService> clipboard = {};
         std::unique_ptr<AgentStore> agents = {};
         std::shared_ptr<Database> searchDatabase = {};
     };
@@ -67,7 +67,7 @@ public:
     SystemService system;
     FileService files;
     PermissionService permissions;
-    const std::unique_ptr<ClipboardService> clipboard;
+    const std::shared_ptr<ClipboardService> clipboard;
     CommandUsageStore usage;
     SettingsRepository settings;
     QuicklinkRepository quicklinks;
