@@ -35,6 +35,7 @@ struct Prepared {
     char *const *environment;
     const char *workingDirectory; ///< Null to stay.
     int reports;
+    int output = -1, errors = -1; ///< For the standard streams; -1 for "/dev/null".
 };
 
 void tell(int reports, Report report)
@@ -72,14 +73,16 @@ void closeFrom(int first)
         ::close(number);
 }
 
-/// Leaves the three standard streams on "/dev/null" and the pipe at 3; returns its new number.
-int arrangeDescriptors(int reports)
+/// Leaves the three standard streams where they belong and the reports at 3; returns their new number.
+int arrangeDescriptors(const Prepared &prepared)
 {
+    const int reports = prepared.reports;
     const int null = ::open("/dev/null", O_RDWR);
     if (null < 0)
         giveUp(reports);
+    const int streams[] = {null, prepared.output < 0 ? null : prepared.output, prepared.errors < 0 ? null : prepared.errors};
     for (int stream = 0; stream < 3; ++stream)
-        if (::dup2(null, stream) < 0)
+        if (::dup2(streams[stream], stream) < 0)
             giveUp(reports);
     if (::dup3(reports, 3, O_CLOEXEC) < 0)
         giveUp(reports);
@@ -90,7 +93,7 @@ int arrangeDescriptors(int reports)
 [[noreturn]] void becomeProgram(const Prepared &prepared)
 {
     tell(prepared.reports, {Report::Started, ::getpid()});
-    const int reports = arrangeDescriptors(prepared.reports);
+    const int reports = arrangeDescriptors(prepared);
     resetSignals();
     if (prepared.workingDirectory && ::chdir(prepared.workingDirectory) != 0)
         giveUp(reports);
@@ -175,41 +178,103 @@ Descriptor movedUp(int number)
     return high;
 }
 
+struct Pipe {
+    Descriptor reading, writing;
+};
+
+Pipe makePipe()
+{
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0)
+        fail(errno, "pipe");
+    Pipe pipe;
+    pipe.reading.reset(ends[0]);
+    pipe.writing = movedUp(ends[1]);
+    return pipe;
+}
+
+/// What a program is started with, in the form that the system takes.
+class Start {
+public:
+    explicit Start(const ChildProcess::Options &options)
+    {
+        if (options.arguments.empty() || holdsNul(options.arguments) || holdsNul(options.environment))
+            fail(EINVAL, "arguments");
+        const auto found = findProgram(options.arguments.front(), environmentValue(options.environment, "PATH"));
+        if (!found)
+            fail(ENOENT, "program");
+        program = *found;
+        shellTexts = {"/bin/sh", program};
+        shellTexts.insert(shellTexts.end(), options.arguments.begin() + 1, options.arguments.end());
+        arguments = pointers(options.arguments);
+        shellArguments = pointers(shellTexts);
+        environment = pointers(options.environment);
+        prepared = {program.c_str(), arguments.data(), shellArguments.data(), environment.data(),
+            options.workingDirectory.empty() ? nullptr : options.workingDirectory.c_str(), reports.writing.get()};
+    }
+    Start(const Start &) = delete;
+
+    /// Forks; the child becomes what `child` makes of it.
+    pid_t fork(void (*child)(const Prepared &))
+    {
+        pid_t made = 0;
+        {
+            const SignalsBlocked blocked;
+            made = ::fork();
+            if (made == 0)
+                child(prepared);
+        }
+        if (made < 0)
+            fail(errno, "fork");
+        reports.writing.reset();
+        return made;
+    }
+
+    Pipe reports = makePipe();
+    Prepared prepared{};
+
+private:
+    std::string program;
+    std::vector<std::string> shellTexts;
+    std::vector<char *> arguments, shellArguments, environment;
+};
+
+void reap(pid_t child)
+{
+    while (::waitpid(child, nullptr, 0) < 0 && errno == EINTR) { }
+}
+
+void makeNonBlocking(const Descriptor &descriptor)
+{
+    if (::fcntl(descriptor.get(), F_SETFL, O_NONBLOCK) != 0)
+        fail(errno, "descriptor");
+}
+
 } // namespace
 
 pid_t spawnDetachedProcess(const ChildProcess::Options &options)
 {
-    if (options.arguments.empty() || holdsNul(options.arguments) || holdsNul(options.environment))
-        fail(EINVAL, "arguments");
-    const auto program = findProgram(options.arguments.front(), environmentValue(options.environment, "PATH"));
-    if (!program)
-        fail(ENOENT, "program");
+    Start start(options);
+    reap(start.fork([](const Prepared &prepared) { forkAgain(prepared); }));
+    return readReports(start.reports.reading);
+}
 
-    std::vector<std::string> shellTexts{"/bin/sh", *program};
-    shellTexts.insert(shellTexts.end(), options.arguments.begin() + 1, options.arguments.end());
-    const auto arguments = pointers(options.arguments);
-    const auto shellArguments = pointers(shellTexts);
-    const auto environment = pointers(options.environment);
-
-    int ends[2];
-    if (::pipe2(ends, O_CLOEXEC) != 0)
-        fail(errno, "pipe");
-    Descriptor reading(ends[0]);
-    Descriptor writing = movedUp(ends[1]);
-    const Prepared prepared{program->c_str(), arguments.data(), shellArguments.data(), environment.data(),
-        options.workingDirectory.empty() ? nullptr : options.workingDirectory.c_str(), writing.get()};
-    pid_t between = 0;
-    {
-        const SignalsBlocked blocked;
-        between = ::fork();
-        if (between == 0)
-            forkAgain(prepared);
+PipedProcess spawnPipedProcess(const ChildProcess::Options &options)
+{
+    Start start(options);
+    Pipe output = makePipe(), errors = makePipe();
+    makeNonBlocking(output.reading);
+    makeNonBlocking(errors.reading);
+    start.prepared.output = output.writing.get();
+    start.prepared.errors = errors.writing.get();
+    const pid_t child = start.fork([](const Prepared &prepared) { becomeProgram(prepared); });
+    try {
+        readReports(start.reports.reading);
+    } catch (...) {
+        reap(child); // it has given up
+        throw;
     }
-    if (between < 0)
-        fail(errno, "fork");
-    writing.reset();
-    while (::waitpid(between, nullptr, 0) < 0 && errno == EINTR) { }
-    return readReports(reading);
+    return {child, std::move(output.reading), std::move(errors.reading)};
 }
 
 std::vector<std::string> environmentSnapshot()

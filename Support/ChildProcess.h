@@ -1,5 +1,7 @@
 #pragma once
 
+#include "Support/Descriptor.h"
+
 #include <optional>
 #include <string>
 #include <string_view>
@@ -25,6 +27,16 @@ struct ChildProcess {
 /// waits for it, "/dev/null" as its three standard streams, no other descriptor, every signal as by
 /// default. Returns its process id when it has begun; throws `std::system_error` when it could not.
 pid_t spawnDetachedProcess(const ChildProcess::Options &options);
+
+/// A child of this process, which its owner must wait for, with its two output streams to read.
+struct PipedProcess {
+    pid_t id = 0;
+    Descriptor output, errors; ///< Reading ends, non-blocking.
+};
+
+/// Starts a program as a child: "/dev/null" as its input, a pipe for each output stream, no other descriptor, every signal
+/// as by default. Returns when it has begun; throws `std::system_error` when it could not.
+PipedProcess spawnPipedProcess(const ChildProcess::Options &options);
 
 /// The environment of this process as it is now. Taken at the start of the program, before any library
 /// adds to it, it is what other programs are started with.

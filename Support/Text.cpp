@@ -316,6 +316,21 @@ std::size_t characterCount(std::string_view text)
     return count;
 }
 
+std::string_view firstCharacters(std::string_view text, std::size_t count)
+{
+    constexpr std::size_t usualBytes = 8; // of a character
+    for (std::size_t size = std::max<std::size_t>(count, 1) * usualBytes;; size *= 4) {
+        const auto part = text.substr(0, size);
+        const auto found = characters(part);
+        const bool isAll = part.size() == text.size();
+        // At its end a part may cut through a character, and through the bytes of one.
+        if (found.size() > count + (isAll ? 0 : 1))
+            return text.substr(0, static_cast<std::size_t>(found[count].data() - text.data()));
+        if (isAll)
+            return text;
+    }
+}
+
 bool isWhitespace(std::string_view character)
 {
     std::int32_t at = 0;

@@ -35,6 +35,9 @@ std::vector<std::string_view> characters(std::string_view text);
 /// How many user-perceived characters `text` has.
 std::size_t characterCount(std::string_view text);
 
+/// The first `count` user-perceived characters; all of a shorter text. Does not look at what lies far behind them.
+std::string_view firstCharacters(std::string_view text, std::size_t count);
+
 /// Whether the character (one grapheme cluster) is white space or a line end: its first code point decides.
 bool isWhitespace(std::string_view character);
 

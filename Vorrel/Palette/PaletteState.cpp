@@ -2,6 +2,7 @@
 
 #include "CommandCore/Calculator.h"
 #include "Support/Text.h"
+#include "Vorrel/Launch/Quicklinks.h"
 #include "Vorrel/Palette/RelativeDate.h"
 #include "Vorrel/Shell/AppLog.h"
 #include "Vorrel/Shell/L10n.h"
@@ -1064,9 +1065,11 @@ Task<void> PaletteState::enterAgent(std::weak_ptr<PaletteState> weak, Agent agen
 
 Task<void> PaletteState::reloadQuicklinks()
 {
-    // Read also before there are rows for them, so that a broken store is told at start.
-    co_await services.quicklinks.load();
-    registry.replace("quicklink:", {});
+    auto links = co_await services.quicklinks.load();
+    CommandRegistry::Commands commands;
+    for (auto &link : links)
+        commands.push_back(std::make_shared<QuicklinkCommand>(std::move(link), services.platform.workspace));
+    registry.replace("quicklink:", std::move(commands));
 }
 
 void PaletteState::reloadShortcutCommands()

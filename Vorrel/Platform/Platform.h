@@ -9,11 +9,18 @@
 #include "Vorrel/Platform/FolderWatcher.h"
 #include "Vorrel/Platform/IndexPlaces.h"
 #include "Vorrel/Platform/Pasteboard.h"
+#include "Vorrel/Platform/PasteboardWatching.h"
 #include "Vorrel/Platform/SystemControl.h"
 #include "Vorrel/Platform/UserFolders.h"
 #include "Vorrel/Platform/Workspace.h"
 
 namespace korvane {
+
+/// The command-line tool that lists and runs the user's shortcuts.
+struct ShortcutsTool {
+    std::string path; ///< Absolute.
+    std::vector<std::string> environment; ///< What it is started with, as "NAME=value".
+};
 
 /// Everything that the services ask of a system, as one front end chose it. The ports outlive the services.
 struct Platform {
@@ -31,6 +38,8 @@ struct Platform {
     const DirectoryWalker *walker = nullptr; ///< Null where files are not indexed.
     IndexPlaces indexPlaces = {};
     FileEventWatching *fileEvents = nullptr; ///< Null where the disk is not followed.
+    PasteboardWatching *pasteboardWatching = nullptr; ///< Null where the clipboard is not followed.
+    std::optional<ShortcutsTool> shortcutsTool = {}; ///< Nothing where there are no shortcuts.
 };
 
 } // namespace korvane

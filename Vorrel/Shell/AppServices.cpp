@@ -61,9 +61,19 @@ std::shared_ptr<FileIndex> orNoFiles(std::shared_ptr<FileIndex> given)
     return given ? std::move(given) : std::make_shared<FileIndex>();
 }
 
-template <class Service> std::unique_ptr<Service> orDefault(std::unique_ptr<Service> given)
+std::shared_ptr<ClipboardService> makeClipboard(const Platform &platform, const std::shared_ptr<Database> &database)
 {
-    return given ? std::move(given) : std::make_unique<Service>();
+    return std::make_shared<ClipboardService>(platform.mainThread, platform.clock, ClipboardRepository(database, platform.clock),
+        platform.pasteboardWatching, platform.pasteboard);
+}
+
+std::shared_ptr<ShortcutsService> makeShortcuts(const Platform &platform)
+{
+    if (!platform.shortcutsTool)
+        return std::make_shared<ShortcutsService>();
+    const auto process = std::make_shared<BoundedProcess>(platform.pool, platform.clock, platform.shortcutsTool->environment);
+    auto runner = std::make_unique<ShortcutsCLI>(ShortcutsCLI::tool(platform.shortcutsTool->path, process));
+    return std::make_shared<ShortcutsService>(platform.mainThread, platform.clock, std::move(runner));
 }
 
 } // namespace
@@ -133,11 +143,12 @@ AppServices::AppServices(Platform given, std::shared_ptr<Database> store, Inject
     platform(std::move(given)), diagnostics(platform.clock), database(std::move(store)),
     searchDatabase(injected.searchDatabase ? std::move(injected.searchDatabase) : database),
     applications(makeApplications(platform)), system(platform), files(platform), permissions(platform.dialogs),
-    clipboard(orDefault(std::move(injected.clipboard))), usage(database, platform.clock), settings(database),
-    quicklinks(database), appLaunches(database, platform.clock),
+    clipboard(injected.clipboard ? std::move(injected.clipboard) : makeClipboard(platform, database)),
+    usage(database, platform.clock), settings(database), quicklinks(database), appLaunches(database, platform.clock),
     fileIndex(orNoFiles(
         injected.fileIndex ? std::move(injected.fileIndex) : makeFileIndex(platform, database, nullptr, &diagnostics, {}))),
-    shortcuts(orDefault(std::move(injected.shortcuts))), lazyAgents(std::move(injected.agents))
+    shortcuts(injected.shortcuts ? std::move(injected.shortcuts) : makeShortcuts(platform)),
+    lazyAgents(std::move(injected.agents))
 {
 }
 

@@ -45,8 +45,8 @@ public:
     /// folders. The other defaults know no clipboard, shortcuts and agents.
     struct Injected {
         std::shared_ptr<FileIndex> fileIndex = {};
-        std::unique_ptr<ShortcutsService> shortcuts = {};
-        std::unique_ptr<ClipboardService> clipboard = {};
+        std::shared_ptr<ShortcutsService> shortcuts = {};
+        std::shared_ptr<ClipboardService> clipboard = {};
         std::unique_ptr<AgentStore> agents = {};
         std::shared_ptr<Database> searchDatabase = {};
     };
@@ -67,13 +67,13 @@ public:
     SystemService system;
     FileService files;
     PermissionService permissions;
-    const std::unique_ptr<ClipboardService> clipboard;
+    const std::shared_ptr<ClipboardService> clipboard;
     CommandUsageStore usage;
     SettingsRepository settings;
     QuicklinkRepository quicklinks;
     AppLaunchRepository appLaunches;
     const std::shared_ptr<FileIndex> fileIndex;
-    const std::unique_ptr<ShortcutsService> shortcuts;
+    const std::shared_ptr<ShortcutsService> shortcuts;
 
 private:
     std::unique_ptr<ToolRegistry> lazyTools;

@@ -391,3 +391,18 @@ TEST(TextNumbers, ARealBeyondTheRangeIsInfiniteOrZero)
     EXPECT_EQ(realFrom("1e-400"), 0.0);
     EXPECT_EQ(realFrom(std::string(400, '9')), infinity);
 }
+
+TEST(FirstCharacters, AreWholeCharactersHoweverLongTheyAre)
+{
+    EXPECT_EQ(firstCharacters("", 3), "");
+    EXPECT_EQ(firstCharacters("ab", 3), "ab");
+    EXPECT_EQ(firstCharacters("abc", 3), "abc");
+    EXPECT_EQ(firstCharacters("abcd", 3), "abc");
+    EXPECT_EQ(firstCharacters("abc", 0), "");
+    EXPECT_EQ(firstCharacters("👩‍👩‍👧x👩‍👩‍👧y", 3), "👩‍👩‍👧x👩‍👩‍👧");
+    std::string accents = "a";
+    for (int i = 0; i < 500; ++i)
+        accents += "\u0301";
+    EXPECT_EQ(firstCharacters(accents + "bc", 2), accents + "b") << "one letter of a thousand bytes";
+    EXPECT_EQ(firstCharacters(std::string(1'000'000, 'x'), 180), std::string(180, 'x'));
+}

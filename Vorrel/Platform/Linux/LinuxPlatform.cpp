@@ -37,10 +37,11 @@ struct LinuxPlatform::Following {
     std::shared_ptr<InotifyFileEvents> events;
 };
 
-LinuxPlatform::LinuxPlatform(Executor mainThread, std::vector<std::string> variables, std::function<std::string()> token) :
-    environment(variablesOf(variables)), folders(linuxUserFolders(environment)), buses(linuxBusAddresses(environment)),
-    pool(poolThreads), mainThread(std::move(mainThread)), entries(DesktopEnvironment::from(environment)),
-    launcher({.pool = pool.executor(), .environment = std::move(variables), .activationToken = std::move(token)}),
+LinuxPlatform::LinuxPlatform(Executor mainThread, std::vector<std::string> given, std::function<std::string()> token) :
+    variables(std::move(given)), environment(variablesOf(variables)), folders(linuxUserFolders(environment)),
+    buses(linuxBusAddresses(environment)), pool(poolThreads), mainThread(std::move(mainThread)),
+    entries(DesktopEnvironment::from(environment)),
+    launcher({.pool = pool.executor(), .environment = variables, .activationToken = std::move(token)}),
     workspace(pool.executor(), launcher),
     system(pool.executor(), workspace, launcher, LinuxSystemControl::surroundingsOf(environment, folders)),
     following(std::make_shared<Following>()),
@@ -88,7 +89,8 @@ Platform LinuxPlatform::ports(Dialogs &dialogs, Pasteboard &pasteboard, bool wat
         .pasteboard = pasteboard,
         .walker = &walker,
         .indexPlaces = IndexPlaces::linux(folders),
-        .fileEvents = following->events.get()};
+        .fileEvents = following->events.get(),
+        .shortcutsTool = ShortcutsTool{std::filesystem::path(executablePath()).parent_path() / "korvane-shortcuts", variables}};
 }
 
 L10n::Places LinuxPlatform::textPlaces(const std::string &executable) const

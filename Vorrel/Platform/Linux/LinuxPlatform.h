@@ -31,6 +31,7 @@ public:
     /// Ends the pool; nothing runs on it any more when this returns.
     void join();
 
+    const std::vector<std::string> variables;
     const Environment environment;
     const UserFolders folders;
     const BusAddresses buses;
