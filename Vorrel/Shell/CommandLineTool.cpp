@@ -2,10 +2,11 @@
 
 #include "CommandCore/Calculator.h"
 #include "CommandCore/FileSearchQuery.h"
-#include "Support/Text.h"
-
 #include "Support/Base64.h"
 #include "Support/FileLock.h"
+#include "Support/Text.h"
+#include "Support/UUID.h"
+#include "Vorrel/Launch/Quicklinks.h"
 #include "Vorrel/Shell/Formats.h"
 #include "Vorrel/Shell/L10n.h"
 #include "Vorrel/Shell/SingleInstanceLock.h"
@@ -32,6 +33,14 @@ constexpr std::string_view usage = R"(Usage: korvanectl COMMAND [ARGUMENTS] [--j
   index add DIR             indexes a folder, too
   index remove ID           forgets one
   index rebuild             scans them all anew
+  shortcuts list            the user's own shortcuts
+  shortcuts run NAME        runs one to its end
+  quicklink add TITLE URL   saves an address under a name
+  quicklink list            saved addresses: identifier, title, address
+  quicklink remove ID       forgets one
+  clipboard list [TEXT]     copied texts that hold TEXT: identifier, kind, beginning
+  clipboard copy ID         puts one on the clipboard again
+  clipboard clear           forgets them all (asks)
 
   --json      lists as a JSON array of objects
   --yes       gives the consent that an action asks for
@@ -179,6 +188,9 @@ int CommandLineTool::dispatch(const Line &line)
         {"query", 1, 1, {}, &CommandLineTool::writeQuery},
         {"files", 1, 1, {"--in", "--limit"}, &CommandLineTool::findFiles},
         {"index", 1, 2, {}, &CommandLineTool::index},
+        {"shortcuts", 1, 2, {}, &CommandLineTool::shortcuts},
+        {"quicklink", 1, 3, {}, &CommandLineTool::quicklink},
+        {"clipboard", 1, 2, {}, &CommandLineTool::clipboard},
     };
     if (line.words.empty())
         throw UsageError("A command is missing.");
@@ -311,6 +323,111 @@ int CommandLineTool::findFiles(const Line &line)
         table.json.push_back(record.json());
     }
     print(table, line.json);
+    return 0;
+}
+
+// What else the store holds
+
+int CommandLineTool::shortcuts(const Line &line)
+{
+    const bool lists = line.words[1] == "list" && line.words.size() == 2;
+    const bool runs = line.words[1] == "run" && line.words.size() == 3;
+    if (!lists && !runs)
+        throw UsageError("These are not the arguments of shortcuts.");
+    const auto services = wait(openServices(Use::Read));
+    if (runs) {
+        wait(services->shortcuts->run(line.words[2]));
+        return 0;
+    }
+    wait(services->shortcuts->refreshNow());
+    Table table;
+    for (const ShortcutItem &item : services->shortcuts->shortcuts.get()) {
+        table.plain.push_back({item.name});
+        table.json.emplace_back(JSONValue::Object{{"name", displayable(item.name)}});
+    }
+    print(table, line.json);
+    return 0;
+}
+
+int CommandLineTool::quicklink(const Line &line)
+{
+    const std::string &what = line.words[1];
+    if (what == "list" && line.words.size() == 2)
+        return listQuicklinks(line);
+    if (what == "add" && line.words.size() == 4) {
+        const std::string title(trimmed(line.words[2]));
+        if (title.empty())
+            throw AppError(AppError::Kind::configuration, "Give the quicklink a name.");
+        Quicklink link{newUUID(), title, Quicklinks::validatedURL(line.words[3])};
+        const auto services = wait(openServices(Use::Write));
+        wait(services->quicklinks.save(std::move(link)));
+        wait(services->database->close());
+        return 0;
+    }
+    if (what != "remove" || line.words.size() != 3)
+        throw UsageError("These are not the arguments of quicklink.");
+    const auto services = wait(openServices(Use::Write));
+    const auto links = wait(services->quicklinks.load());
+    if (std::ranges::find(links, line.words[2], &Quicklink::id) == links.end())
+        throw Refusal{"There is no quicklink with the identifier " + line.words[2] + "."};
+    wait(services->quicklinks.remove(line.words[2]));
+    wait(services->database->close());
+    return 0;
+}
+
+int CommandLineTool::listQuicklinks(const Line &line)
+{
+    const auto services = wait(openServices(Use::Read));
+    Table table;
+    for (const Quicklink &link : wait(services->quicklinks.load())) {
+        table.plain.push_back({link.id, link.title, link.url});
+        table.json.emplace_back(JSONValue::Object{{"id", link.id}, {"title", link.title}, {"url", link.url}});
+    }
+    print(table, line.json);
+    return 0;
+}
+
+int CommandLineTool::clipboard(const Line &line)
+{
+    const std::string &what = line.words[1];
+    const bool hasArgument = line.words.size() == 3;
+    if (what == "list")
+        return listClipboard(line);
+    if (what == "copy" && hasArgument)
+        return copyFromClipboard(line.words[2]);
+    if (what != "clear" || hasArgument)
+        throw UsageError("These are not the arguments of clipboard.");
+    const auto services = wait(openServices(Use::Write));
+    wait(services->permissions.confirm(
+        L10n::key("Clear Clipboard History?"), L10n::key("All locally saved clipboard entries will be deleted.")));
+    wait(ClipboardRepository(services->database, host.platform.clock).clear());
+    wait(services->database->close());
+    return 0;
+}
+
+int CommandLineTool::listClipboard(const Line &line)
+{
+    const auto services = wait(openServices(Use::Read));
+    const ClipboardRepository repository(services->database, host.platform.clock);
+    constexpr std::size_t shownCharacters = 80;
+    Table table;
+    for (const ClipboardEntry &entry : wait(repository.search(line.words.size() == 3 ? line.words[2] : ""))) {
+        table.plain.push_back({entry.id, entry.kind, std::string(firstCharacters(entry.content, shownCharacters))});
+        table.json.push_back(entry.json());
+    }
+    print(table, line.json);
+    return 0;
+}
+
+int CommandLineTool::copyFromClipboard(const std::string &id)
+{
+    const auto services = wait(openServices(Use::Read));
+    const ClipboardRepository repository(services->database, host.platform.clock);
+    auto entry = wait(repository.entry(id));
+    if (!entry)
+        throw Refusal{"There is no copied text with the identifier " + id + "."};
+    if (!wait(host.platform.pasteboard.setText(std::move(entry->content))))
+        throw AppError(AppError::Kind::recoverable, "Could not update the clipboard.");
     return 0;
 }
 

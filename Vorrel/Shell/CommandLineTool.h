@@ -55,6 +55,14 @@ private:
     int writeQuery(const Line &line);
     int findFiles(const Line &line);
     int index(const Line &line);
+    int shortcuts(const Line &line);
+    int quicklink(const Line &line);
+    int clipboard(const Line &line);
+
+    // What else the store holds
+    int listQuicklinks(const Line &line);
+    int listClipboard(const Line &line);
+    int copyFromClipboard(const std::string &id);
 
     // The index
     int showIndexStatus(const Line &line);

@@ -102,10 +102,11 @@ Row clipboardRow(
 
 Rows clipboardRows()
 {
-    return {clipboardRow("1", "The tide tables for the northern shore", "Firefox · just now", "clipboard", "The tide tables"),
+    return {
+        clipboardRow("1", "The tide tables for the northern shore", "Firefox · just now", "doc.on.clipboard", "The tide tables"),
         clipboardRow("2", "https://example.org/atlas/fjords?page=2", "Firefox · 4 minutes ago", "link", "https://example.org"),
-        clipboardRow("3", "cmake --build --preset dev --target korvane", "Terminal · 2 hours ago", "clipboard", "cmake"),
-        clipboardRow("4", "内港在每次高潮前后两小时内开放。", "Text Editor · yesterday", "clipboard", "内港")};
+        clipboardRow("3", "cmake --build --preset dev --target korvane", "Terminal · 2 hours ago", "doc.on.clipboard", "cmake"),
+        clipboardRow("4", "内港在每次高潮前后两小时内开放。", "Text Editor · yesterday", "doc.on.clipboard", "内港")};
 }
 
 Rows shortcutRows()
@@ -114,7 +115,7 @@ Rows shortcutRows()
         return makeRow({.id = "shortcut:" + name,
             .title = name,
             .subtitle = folder,
-            .icon = CommandIcon::symbol("square.grid.2x2"),
+            .icon = CommandIcon::symbol("wand.and.stars"),
             .actions = {{.id = "run", .title = "Run Shortcut"}}});
     };
     return {row("Back up the photographs", "Shortcut · Home"), row("Resize pictures for the web", "Shortcut · Studio"),
@@ -274,7 +275,7 @@ constexpr PictureState states[] = {
             scene.palette()._mode = PaletteState::Mode::clipboard;
             scene.palette()._results = Rows{makeRow({.id = "clipboard:1",
                 .title = "The tide tables",
-                .icon = CommandIcon::symbol("clipboard"),
+                .icon = CommandIcon::symbol("doc.on.clipboard"),
                 .previewText = text,
                 .actions = {{.id = "copy", .title = "Copy"}}})};
             scene.palette()._showsPreview = true;
@@ -312,7 +313,7 @@ constexpr PictureState states[] = {
             for (int line = 1; line <= 2000; line++)
                 text += std::to_string(line) + " The harbour master wrote every arrival down.\n";
             scene.palette()._mode = PaletteState::Mode::clipboard;
-            scene.palette()._results = Rows{clipboardRow("1", "Arrivals", "Text Editor · just now", "clipboard", text)};
+            scene.palette()._results = Rows{clipboardRow("1", "Arrivals", "Text Editor · just now", "doc.on.clipboard", text)};
             scene.palette()._showsPreview = true;
         }},
     {"ai", [](Stage &scene) { showAssistant(scene, {}, {}); }},
