@@ -6,6 +6,7 @@
 #include "Vorrel/Platform/Linux/Xkb.h"
 #include "Vorrel/Shell/HotkeyService.h"
 #include "tests/desktop/FakeKeyboard.h"
+#include "tests/support/Soon.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -135,23 +136,13 @@ protected:
             .lost = [this](const HotkeyRegistrationError &why) { lost.push_back(why); }};
     }
 
-    bool soon(const std::function<bool()> &truth)
-    {
-        const auto deadline = std::chrono::steady_clock::now() + 5s;
-        while (!truth()) {
-            if (std::chrono::steady_clock::now() > deadline)
-                return false;
-            loop.runUntilIdle();
-            std::this_thread::sleep_for(1ms);
-        }
-        return true;
-    }
+    bool soon(const std::function<bool()> &truth) { return test::soon(loop, truth); }
     /// Lets everything arrive that is under way: what came after it would be seen too.
     void settle()
     {
         keys.sync();
-        const auto end = std::chrono::steady_clock::now() + 60ms;
-        soon([&] { return std::chrono::steady_clock::now() > end; });
+        test::soon(
+            loop, [] { return false; }, 60ms);
     }
     /// Whether the combination fires, once.
     bool fires(std::uint8_t modifier, std::uint8_t key)

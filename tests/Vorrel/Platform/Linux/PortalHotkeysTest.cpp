@@ -3,6 +3,7 @@
 
 #include "Support/MainLoop.h"
 #include "tests/Vorrel/Platform/Linux/PrivateBus.h"
+#include "tests/support/Soon.h"
 
 #include <gio/gio.h>
 #include <gmock/gmock.h>
@@ -221,17 +222,7 @@ protected:
         return hotkeys.install(
             {.pressed = [this] { ++pressed; }, .lost = [this](const HotkeyRegistrationError &why) { lost.push_back(why); }});
     }
-    bool soon(const std::function<bool()> &truth)
-    {
-        const auto deadline = std::chrono::steady_clock::now() + 10s;
-        while (!truth()) {
-            if (std::chrono::steady_clock::now() > deadline)
-                return false;
-            loop.runUntilIdle();
-            std::this_thread::sleep_for(1ms);
-        }
-        return true;
-    }
+    bool soon(const std::function<bool()> &truth) { return test::soon(loop, truth); }
     /// Waits until the portal has been asked to bind and the answer has been taken.
     bool binds(const MockPortal &portal, std::size_t count = 1)
     {
