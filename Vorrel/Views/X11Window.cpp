@@ -119,6 +119,16 @@ std::uint32_t serverTime()
     return watch.time();
 }
 
+std::string launchToken()
+{
+    static int launches = 0;
+    const std::uint32_t time = serverTime();
+    if (!time)
+        return {};
+    return "korvane-" + std::to_string(QCoreApplication::applicationPid()) + "-" + std::to_string(++launches) + "_TIME"
+        + std::to_string(time);
+}
+
 void setUserTime(const QWidget &window, std::uint32_t time)
 {
     xcb_connection_t *x = connection();

@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <string>
 
 class QWidget;
 
@@ -23,6 +24,10 @@ std::optional<QPoint> positionOf(const QWidget &window);
 
 /// The server's present time, for requests that window managers judge by their age. 0 when there is none.
 std::uint32_t serverTime();
+
+/// What lets a program that is started now bring its first window to the front: an identifier by the Startup Notification
+/// protocol, whose time window managers that guard the focus compare. Empty where there is no X server.
+std::string launchToken();
 
 /// Asks the window manager to give the mapped window the keyboard, as the answer to what the user did at `time`. False
 /// where there is no X server.

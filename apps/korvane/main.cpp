@@ -12,6 +12,7 @@
 #include "Vorrel/Views/QtPasteboard.h"
 #include "Vorrel/Views/QtSettingsWindow.h"
 #include "Vorrel/Views/TrayStatusItem.h"
+#include "Vorrel/Views/X11Window.h"
 
 #include <QApplication>
 #include <QPointer>
@@ -76,7 +77,7 @@ int main(int count, char **words)
     QApplication::setQuitOnLastWindowClosed(false);
 
     QtMainLoop mainLoop;
-    LinuxPlatform system(mainLoop.executor(), variables);
+    LinuxPlatform system(mainLoop.executor(), variables, x11::launchToken);
     L10n::use(L10n::load(system.textPlaces(executablePath())));
     Appearance appearance;
     QtDialogs dialogs(appearance);

@@ -3,6 +3,7 @@
 
 #include "tests/desktop/FakeKeyboard.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -316,11 +317,16 @@ TEST(Program, AnEntryInstalledWhileItRunsIsFoundTypedAndStartedAndOutlivesIt)
     ASSERT_TRUE(soon([&] { return probe.started(); }));
     EXPECT_TRUE(disappears(program));
     const auto environment = probe.environment();
+    EXPECT_THAT(environment, testing::Contains(testing::StartsWith("DESKTOP_STARTUP_ID="))) << "to come to the front";
     for (const std::string &variable : environment) {
         const std::string name = variable.substr(0, variable.find('='));
         // The shell of the probe sets these by itself.
         if (name == "PWD" || name == "_" || name == "OLDPWD" || name == "SHLVL")
             continue;
+        if (name == "DESKTOP_STARTUP_ID" || name == "XDG_ACTIVATION_TOKEN") {
+            EXPECT_THAT(variable, testing::MatchesRegex(name + "=korvane-[0-9]+-1_TIME[0-9]+"));
+            continue;
+        }
         EXPECT_TRUE(::getenv(name.c_str())) << variable << " was not there when Korvane started";
     }
     program.signal(SIGKILL);

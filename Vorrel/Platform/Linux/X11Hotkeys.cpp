@@ -115,10 +115,11 @@ public:
     bool pump()
     {
         const auto self = shared_from_this(); // a handler may let go of this
-        do {
-            while (const XcbReply<xcb_generic_event_t> event{::xcb_poll_for_event(connection)})
-                handle(*event);
-        } while (std::exchange(keysChanged, false) && follow());
+        handleAll();
+        while (std::exchange(keysChanged, false)) {
+            follow();
+            handleAll(); // what its questions brought along
+        }
         if (broken())
             fail();
         return !failed;
@@ -222,6 +223,12 @@ private:
         });
     }
 
+    void handleAll()
+    {
+        while (const XcbReply<xcb_generic_event_t> event{::xcb_poll_for_event(connection)})
+            handle(*event);
+    }
+
     void handle(const xcb_generic_event_t &event)
     {
         const std::uint8_t kind = event.response_type & eventKind;
@@ -274,11 +281,11 @@ private:
             self->letKeysThrough();
     }
 
-    /// Grabs by the new keyboard what the old one had. Always true.
-    bool follow()
+    /// Grabs by the new keyboard what the old one had.
+    void follow()
     {
         if (!readKeymap())
-            return true;
+            return;
         std::vector<HotkeyRegistrationError> losses;
         for (auto &[number, reservation] : reservations)
             if (const int error = move(reservation))
@@ -286,7 +293,6 @@ private:
         ::xcb_flush(connection);
         for (const auto &loss : losses)
             tellLost(loss);
-        return true;
     }
 
     /// An error when the new keyboard leaves no key to the reservation. One of several keys is enough.
