@@ -512,11 +512,11 @@ void QtPaletteWindow::bringToFront()
     if (!x11::activate(*_surface, time))
         _surface->activateWindow();
     shownAt = clock.uptime();
-    noteKeyboard(); // one on its way out still has it, and nothing will be reported
-    if (appears) {
-        Task<void> task = settle(clock, this);
-        settling = spawn(mainThread, std::move(task));
-    }
+    if (!appears)
+        return noteKeyboard(); // one on its way out still has it, and nothing will be reported
+    // The server is not asked anything now: it is busy with the new window, and the first picture would wait for its answer.
+    Task<void> task = settle(clock, this);
+    settling = spawn(mainThread, std::move(task));
 }
 
 Task<void> QtPaletteWindow::settle(Clock &clock, QtPaletteWindow *window)
