@@ -173,14 +173,29 @@ protected:
             makeParts();
         // Drawn lower than the palette, and cut off at the window's lower edge where it is almost nothing.
         if (margin > 0)
-            shadow.drawAround(
-                painter, palette().adjusted(-shadowReach, -shadowReach + shadowDrop, shadowReach, shadowReach + shadowDrop));
-        ground.drawAround(painter, palette());
-        const int corner = ground.corner;
-        painter.fillRect(palette().adjusted(corner, corner, -corner, -corner), appearance.theme().ground);
+            shadow.drawAround(painter,
+                palette().adjusted(-shadowReach, -shadowReach + shadowDrop, shadowReach, shadowReach + shadowDrop),
+                RoundPart::Edges::Stretched);
+        drawGround(painter);
     }
 
 private:
+    /// Filled rectangles where nothing is round: to stretch a picture along the edges takes the toolkit ten times as long.
+    void drawGround(QPainter &painter) const
+    {
+        const Theme &theme = appearance.theme();
+        const QRect all = palette();
+        const int corner = ground.corner;
+        painter.fillRect(all.adjusted(corner, 0, -corner, 0), theme.ground);
+        for (const int left : {all.left(), all.right() + 1 - corner})
+            painter.fillRect(left, all.top() + corner, corner, all.height() - 2 * corner, theme.ground);
+        for (const int top : {all.top(), all.bottom()})
+            painter.fillRect(all.left() + corner, top, all.width() - 2 * corner, 1, theme.border);
+        for (const int left : {all.left(), all.right()})
+            painter.fillRect(left, all.top() + corner, 1, all.height() - 2 * corner, theme.border);
+        ground.drawAround(painter, all, RoundPart::Edges::LeftOut);
+    }
+
     /// Dims the palette.
     class Veil : public QWidget {
     public:
@@ -278,8 +293,9 @@ private:
         int corner = 0; ///< Side of a corner, in units.
         qreal ratio = 1; ///< Pixels of the picture for a unit.
 
+        enum class Edges { Stretched, LeftOut };
         /// All but the middle.
-        void drawAround(QPainter &painter, const QRect &whole) const
+        void drawAround(QPainter &painter, const QRect &whole, Edges edges) const
         {
             const qreal c = corner * ratio, s = picture.width();
             const int xs[4] = {whole.left(), whole.left() + corner, whole.right() + 1 - corner, whole.right() + 1};
@@ -287,7 +303,7 @@ private:
             const qreal from[4] = {0, c, s - c, s};
             for (int row = 0; row < 3; row++)
                 for (int column = 0; column < 3; column++)
-                    if (row != 1 || column != 1)
+                    if ((row != 1 && column != 1) || (edges == Edges::Stretched && row != column))
                         painter.drawPixmap(QRectF(xs[column], ys[row], xs[column + 1] - xs[column], ys[row + 1] - ys[row]),
                             picture, QRectF(from[column], from[row], from[column + 1] - from[column], from[row + 1] - from[row]));
         }

@@ -387,6 +387,7 @@ constexpr PictureState states[] = {
 SettingsState &Stage::showSettings()
 {
     if (!settings) {
+        wait(Milliseconds(600)); // a fresh palette would ask for the keyboard again
         settings = std::make_unique<QtSettingsWindow>(services->preferences(), platform(), appearance);
         settings->showCentred();
         waitFor([this] { return settings->surface()->isActiveWindow(); });
