@@ -141,7 +141,11 @@ protected:
         return false;
     }
 
-    void showEvent(QShowEvent *) override { pressWatch.set(true); }
+    void showEvent(QShowEvent *) override
+    {
+        painted = keyboardCame = false;
+        pressWatch.set(true);
+    }
     void hideEvent(QHideEvent *) override { pressWatch.set(false); }
 
     void closeEvent(QCloseEvent *event) override
@@ -177,9 +181,23 @@ protected:
                 palette().adjusted(-shadowReach, -shadowReach + shadowDrop, shadowReach, shadowReach + shadowDrop),
                 RoundPart::Edges::Stretched);
         drawGround(painter);
+        painted = true;
+        if (std::exchange(keyboardCame, false))
+            QMetaObject::invokeMethod(
+                this, [this] { gainedKeyboard(); }, Qt::QueuedConnection);
     }
 
 private:
+    /// Whoever hears of the keyboard asks the server about it, and the first picture need not wait for that.
+    void keyboardComes()
+    {
+        noteKeyboard();
+        if (painted)
+            gainedKeyboard();
+        else
+            keyboardCame = true;
+    }
+
     /// Filled rectangles where nothing is round: to stretch a picture along the edges takes the toolkit ten times as long.
     void drawGround(QPainter &painter) const
     {
@@ -376,10 +394,9 @@ private:
     qreal partsRatio = 0; // they were made for; 0 when they are to be made anew
     std::uint64_t lastPress = 0; // the server's time of the last press in a window of this program
     x11::PressWatch pressWatch{[this](std::uint32_t time, bool ours) { reportForeignPress(time, ours); }};
-    x11::FocusWatch focusWatch{*this, [this] {
-                                   noteKeyboard();
-                                   gainedKeyboard();
-                               }};
+    bool painted = false; // since it appeared
+    bool keyboardCame = false; // before that
+    x11::FocusWatch focusWatch{*this, [this] { keyboardComes(); }};
 };
 
 /// One change of opacity at a time; a new one ends the one before without its completion being lost.
