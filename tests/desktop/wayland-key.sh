@@ -23,12 +23,17 @@ if [ "${KORVANE_WAYLAND_STAGE:-}" != inside ]; then
     mkdir -p "$XDG_CONFIG_HOME" "$XDG_DATA_HOME" "$XDG_CACHE_HOME"
     mkdir -m 700 "$XDG_RUNTIME_DIR"
     [ -d /tmp/.X11-unix ] || { mkdir -p /tmp/.X11-unix && chmod 1777 /tmp/.X11-unix; }
+    # Of its own, for another user may not be let into the folders of the build.
+    mkdir -p "$folder/bin" "$folder/share/korvane"
+    cp "$korvane" "$folder/bin/"
+    cp -r "$here/../../resources/Korvane_Vorrel.bundle" "$folder/share/korvane/"
+    cp "$here/wayland-key.sh" "$here/bare-bus.conf" "$folder/"
     lower=()
     if [ "$(id -u)" = 0 ]; then # the compositor refuses to run as root
         chown -R nobody "$folder"
         lower=(setpriv --reuid=65534 --regid=65534 --clear-groups)
     fi
-    setsid "${lower[@]}" dbus-run-session --config-file="$here/bare-bus.conf" -- "$here/wayland-key.sh" "$korvane" \
+    setsid "${lower[@]}" dbus-run-session --config-file="$folder/bare-bus.conf" -- "$folder/wayland-key.sh" "$folder/bin/korvane" \
         </dev/null >"$folder/said" 2>&1 &
     group=$!
     end() {
