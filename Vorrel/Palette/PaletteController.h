@@ -1,18 +1,10 @@
 #pragma once
 
 #include "Vorrel/Palette/PaletteState.h"
+#include "Vorrel/Platform/KeyPress.h"
 #include "Vorrel/Platform/PaletteWindow.h"
 
 namespace korvane {
-
-/// A key press as the window reports it, in the model's own terms.
-struct KeyPress {
-    enum class Key { Character, Return, Escape, Other };
-    Key key = Key::Other;
-    std::string character = {}; ///< What the key is called, letters of either case; for `Character`.
-    bool command = false; ///< The platform's command key: Ctrl on Linux.
-    bool shift = false;
-};
 
 /// Owns the palette's state and decides when its window shows and hides. Main thread only.
 class PaletteController {

@@ -10,6 +10,7 @@
 #include "Vorrel/Platform/IndexPlaces.h"
 #include "Vorrel/Platform/Pasteboard.h"
 #include "Vorrel/Platform/PasteboardWatching.h"
+#include "Vorrel/Platform/PreviewWindow.h"
 #include "Vorrel/Platform/SystemControl.h"
 #include "Vorrel/Platform/UserFolders.h"
 #include "Vorrel/Platform/Workspace.h"
@@ -39,6 +40,7 @@ struct Platform {
     IndexPlaces indexPlaces = {};
     FileEventWatching *fileEvents = nullptr; ///< Null where the disk is not followed.
     PasteboardWatching *pasteboardWatching = nullptr; ///< Null where the clipboard is not followed.
+    PreviewWindow *preview = nullptr; ///< Null where no file can be shown.
     std::optional<ShortcutsTool> shortcutsTool = {}; ///< Nothing where there are no shortcuts.
 };
 
