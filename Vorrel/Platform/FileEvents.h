@@ -20,7 +20,8 @@ public:
 
     virtual ~FileEventWatching() = default;
 
-    /// Watches `roots` and everything below them, and first tells what has changed since the event `sinceID`; 0 is now.
+    /// Watches `roots` and everything below them, and first tells what has changed since the event `sinceID`; with 0, where
+    /// that can be known, what differs from the index.
     /// A second start without a stop does nothing. Throws `recoverable` "File system monitoring could not start."
     /// Main thread.
     virtual Task<void> start(std::vector<std::string> roots, std::uint64_t sinceID, Handler handler) = 0;

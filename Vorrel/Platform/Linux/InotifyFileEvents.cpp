@@ -10,7 +10,6 @@
 #include <atomic>
 #include <cmath>
 #include <fstream>
-#include <limits>
 #include <map>
 #include <set>
 #include <sys/inotify.h>
@@ -463,11 +462,10 @@ private:
 
     Since sinceStart()
     {
-        if (sinceID == 0)
-            return {.time = std::numeric_limits<double>::infinity()};
+        // Without an identifier the index may hold part of what a killed run has told: the seconds that it keeps of a
+        // folder do not tell what came in the same second. A clock that was set back makes every time doubtful.
         const double since = double(sinceID) / 1e6;
-        // A clock that was set back makes every time of a change doubtful.
-        return {.time = since, .everything = since > time().now()};
+        return {.time = since, .everything = sinceID == 0 || since > time().now()};
     }
 
     /// Compares what the index holds at and below a root with the disk, and watches its folders. The last of what it
@@ -476,8 +474,7 @@ private:
     {
         std::set<std::string> found;
         struct stat status { };
-        // The root has no row, so that its time alone cannot tell where there is no identifier.
-        if (::stat(root.c_str(), &status) == 0 && (since.concerns(status) || sinceID == 0))
+        if (::stat(root.c_str(), &status) == 0 && since.concerns(status))
             co_await compareFolder(root, When::start, batch, found);
         Judgement judgement;
         std::string after = pathIn(root, "");
@@ -530,8 +527,10 @@ private:
             [&path](const std::string &doubtful) { return isBelow(path, doubtful); });
         if (!isDoubted && since.concerns(*status) && mayHaveBeenRenamed(path, since))
             judgement.doubtful.push_back(path);
-        return since.concerns(*status) || !isSameTime(folder.modified, seconds(status->st_mtim))
-            || (isDoubted && isWholeSecond(folder.modified));
+        const bool hasOtherTime = !isSameTime(folder.modified, seconds(status->st_mtim));
+        if (hasOtherTime)
+            batch.add(path);
+        return hasOtherTime || since.concerns(*status) || (isDoubted && isWholeSecond(folder.modified));
     }
 
     static bool mayHaveBeenRenamed(const std::string &path, const Since &since)
@@ -540,9 +539,9 @@ private:
         return ::stat(deletingLastPathComponent(path).c_str(), &parent) != 0 || seconds(parent.st_mtim) >= since.time;
     }
 
-    /// Tells how a folder differs from what the index holds in it. Folders that the index has not got join `found`.
-    /// At a start a root of which the index holds nothing is left to the scan, and every indexed folder gets its turn;
-    /// later, folders of which nobody knows join `found` too.
+    /// Tells how the content of a folder differs from what the index holds in it, later also the folder itself. Folders
+    /// that the index has not got join `found`. At a start a root of which the index holds nothing is left to the scan, and every
+    /// indexed folder gets its turn; later, folders of which nobody knows join `found` too.
     enum class When { start, later };
     Task<void> compareFolder(std::string folder, When when, Batch &batch, std::set<std::string> &found)
     {
@@ -568,7 +567,8 @@ private:
             batch.add(row->path);
             watches.forget(row->path);
         }
-        batch.add(folder);
+        if (when == When::later)
+            batch.add(folder);
         for (const auto &path : replaced)
             co_await tellVanishedBelow(path, batch);
     }

@@ -14,10 +14,10 @@ namespace korvane {
 /// microseconds since 1970: everything that changed before it has been told.
 ///
 /// Since the system remembers nothing for who is not there, a start first compares the folders that have changed since
-/// `sinceID`, or whose time is not the indexed one, with what the index holds, and then, slowly, the size and time of
-/// every indexed file, which a folder's time cannot tell. Folders beyond the budget of watches, and those that the
-/// kernel refuses one, are looked at by their time stamps once a minute. What a program keeps open shows when it closes
-/// it. Nothing below a skipped folder or an excluded mount takes a watch.
+/// `sinceID` (without one, all), or whose time is not the indexed one, with what the index holds, and then, slowly, the size and
+/// time of every indexed file, which a folder's time cannot tell. Folders beyond the budget of watches, and those that the kernel
+/// refuses one, are looked at by their time stamps once a minute. What a program keeps open shows when it closes it. Nothing
+/// below a skipped folder or an excluded mount takes a watch.
 ///
 /// Everything that may block happens on the worker. A disk that hangs there holds up neither `start`'s caller, when
 /// cancelled, nor `stop`.

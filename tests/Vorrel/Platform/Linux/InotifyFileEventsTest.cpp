@@ -586,6 +586,19 @@ TEST_F(FileEventsAway, AnIdentifierFromTheFutureMakesEveryFolderWorthALook)
     EXPECT_THAT(news(), Contains("root/a/file"));
 }
 
+TEST_F(FileEventsAway, WithoutAnIdentifierWhatAKilledRunLeftOutIsFoundAlsoInAFolderOfTheSameSecond)
+{
+    disk.file("root/a/file");
+    disk.file("root/a/other");
+    index.scan(disk / "root");
+    double &modified = index.rows.at(disk / "root/a").modified;
+    modified = std::floor(modified);
+    index.rows.erase(disk / "root/a/file");
+    start({"root"}, 0);
+    loop.runUntilIdle();
+    EXPECT_THAT(news(), UnorderedElementsAre("root/a/file"));
+}
+
 TEST_F(FileEventsAway, UntilTheComparisonIsOverIdentifiersClaimNothing)
 {
     disk.file("root/a/file");
@@ -599,7 +612,7 @@ TEST_F(FileEventsAway, UntilTheComparisonIsOverIdentifiersClaimNothing)
     EXPECT_THAT(news(), UnorderedElementsAre("root/now"));
     EXPECT_EQ(lastIdentifier, since);
     pass(31s);
-    EXPECT_THAT(news(), IsSupersetOf({"root/a", "root/a/away"}));
+    EXPECT_THAT(news(), Contains("root/a/away"));
     EXPECT_GT(lastIdentifier, since);
 }
 
