@@ -1,5 +1,6 @@
 #include "CommandCore/JSONValue.h"
 
+#include "CommandCore/Commands.h"
 #include "Support/Text.h"
 
 #include <fmt/format.h>
@@ -200,6 +201,33 @@ const JSONValue &JSONValue::operator[](std::string_view key) const
         return null;
     const auto found = members->find(key);
     return found == members->end() ? null : found->second;
+}
+
+const std::string &JSONValue::text(std::string_view key) const
+{
+    if (const auto *text = (*this)[key].string())
+        return *text;
+    throw JSONError("no text: " + std::string(key));
+}
+
+const std::string &JSONValue::requiredString(std::string_view key) const
+{
+    const auto *text = (*this)[key].string();
+    if (text && !text->empty())
+        return *text;
+    // The name makes it a sentence that no table can have.
+    std::string sentence = "Missing or invalid input: ";
+    sentence.append(key).push_back('.');
+    throw AppError(AppError::Kind::toolExecution, std::move(sentence));
+}
+
+JSONValue JSONValue::schema(const std::map<std::string, std::string> &properties, const std::vector<std::string> &required)
+{
+    Object members;
+    for (const auto &[name, description] : properties)
+        members.emplace(name, Object{{"type", "string"}, {"description", description}});
+    return Object{{"type", "object"}, {"properties", std::move(members)}, {"required", Array(required.begin(), required.end())},
+        {"additionalProperties", false}};
 }
 
 } // namespace korvane

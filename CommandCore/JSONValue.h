@@ -46,6 +46,14 @@ public:
     /// The member of an object; null when it is missing or this is no object.
     const JSONValue &operator[](std::string_view key) const;
 
+    /// The text of a member that must be there. Throws `JSONError` when it is missing or no text.
+    const std::string &text(std::string_view key) const;
+    /// The text of a tool's input that must be there and not empty. Throws `toolExecution` "Missing or invalid input: KEY."
+    const std::string &requiredString(std::string_view key) const;
+    /// The schema (json-schema.org) of an object whose members are texts: their descriptions by name, and the names of those
+    /// that must be there, which are not compared with the former.
+    static JSONValue schema(const std::map<std::string, std::string> &properties, const std::vector<std::string> &required);
+
     bool operator==(const JSONValue &) const = default;
 
 private:

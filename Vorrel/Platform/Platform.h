@@ -11,6 +11,7 @@
 #include "Vorrel/Platform/Pasteboard.h"
 #include "Vorrel/Platform/PasteboardWatching.h"
 #include "Vorrel/Platform/PreviewWindow.h"
+#include "Vorrel/Platform/SecretStore.h"
 #include "Vorrel/Platform/SystemControl.h"
 #include "Vorrel/Platform/UserFolders.h"
 #include "Vorrel/Platform/Workspace.h"
@@ -41,6 +42,8 @@ struct Platform {
     FileEventWatching *fileEvents = nullptr; ///< Null where the disk is not followed.
     PasteboardWatching *pasteboardWatching = nullptr; ///< Null where the clipboard is not followed.
     PreviewWindow *preview = nullptr; ///< Null where no file can be shown.
+    SecretStore *secrets = nullptr; ///< Null where none can be kept.
+    std::vector<std::string> environment = {}; ///< The program's own, as "NAME=value".
     std::optional<ShortcutsTool> shortcutsTool = {}; ///< Nothing where there are no shortcuts.
 };
 

@@ -1,7 +1,10 @@
 #include "Vorrel/Shell/AppServices.h"
 
+#include "Support/Text.h"
+#include "Vorrel/AI/OpenAIProvider.h"
 #include "Vorrel/FileIndex/DiskFileAttributes.h"
 #include "Vorrel/FileIndex/DiskFileScanner.h"
+#include "Vorrel/Shell/L10n.h"
 
 #include <filesystem>
 #include <sys/stat.h>
@@ -11,6 +14,7 @@ namespace korvane {
 namespace {
 
 constexpr const char *presentVersion = "5";
+constexpr std::size_t shownInput = 1600; // characters
 
 Database::Uptime uptimeOf(const Platform &platform)
 {
@@ -74,6 +78,25 @@ std::shared_ptr<ShortcutsService> makeShortcuts(const Platform &platform)
     const auto process = std::make_shared<BoundedProcess>(platform.pool, platform.clock, platform.shortcutsTool->environment);
     auto runner = std::make_unique<ShortcutsCLI>(ShortcutsCLI::tool(platform.shortcutsTool->path, process));
     return std::make_shared<ShortcutsService>(platform.mainThread, platform.clock, std::move(runner));
+}
+
+AppServices::MakeProvider providersOf(const Platform &platform, KeychainService &keychain)
+{
+    return [pool = platform.pool, endpoint = OpenAIProvider::endpoint(platform.environment), &keychain](
+               std::string model) { return std::make_unique<OpenAIProvider>(std::move(model), keychain, pool, endpoint); };
+}
+
+/// Asks whether a tool may be called with this input, of which the user sees the beginning.
+Task<void> askFor(PermissionService &permissions, const ToolDefinition &tool, const JSONValue &input)
+{
+    std::string shown;
+    try {
+        shown = input.encodedString();
+    } catch (const JSONError &) {
+    }
+    std::string title = L10n::format("AI wants to run %@", tool.name);
+    std::string detail = tool.description + "\n\n" + std::string(firstCharacters(shown, shownInput));
+    co_await permissions.confirm(std::move(title), std::move(detail));
 }
 
 } // namespace
@@ -148,6 +171,8 @@ AppServices::AppServices(Platform given, std::shared_ptr<Database> store, Inject
     fileIndex(orNoFiles(
         injected.fileIndex ? std::move(injected.fileIndex) : makeFileIndex(platform, database, nullptr, &diagnostics, {}))),
     shortcuts(injected.shortcuts ? std::move(injected.shortcuts) : makeShortcuts(platform)),
+    keychain(platform.pool, platform.secrets),
+    makeProvider(injected.makeProvider ? std::move(injected.makeProvider) : providersOf(platform, keychain)),
     lazyAgents(std::move(injected.agents))
 {
 }
@@ -158,9 +183,16 @@ ToolRegistry &AppServices::tools()
 {
     if (!lazyTools) {
         lazyTools = std::make_unique<ToolRegistry>(
-            [this](std::string title, std::string detail) { return permissions.confirm(std::move(title), std::move(detail)); });
+            [this](const ToolDefinition &tool, const JSONValue &input) { return askFor(permissions, tool, input); });
     }
     return *lazyTools;
+}
+
+AIRuntime &AppServices::ai()
+{
+    if (!lazyRuntime)
+        lazyRuntime = std::make_unique<AIRuntime>(tools());
+    return *lazyRuntime;
 }
 
 MCPManager &AppServices::mcp()
@@ -183,7 +215,11 @@ AgentStore &AppServices::agents()
 {
     tools();
     if (!lazyAgents)
-        lazyAgents = std::make_unique<AgentStore>();
+        lazyAgents = std::make_shared<AgentStore>(AgentStore::Parts{.mainThread = platform.mainThread,
+            .folders = platform.folders,
+            .tools = tools(),
+            .repository = AgentRepository(database),
+            .loader = std::make_unique<SkillLoader>(platform.pool)});
     return *lazyAgents;
 }
 

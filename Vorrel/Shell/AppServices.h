@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Vorrel/AI/AIRuntime.h"
 #include "Vorrel/AI/AgentStore.h"
 #include "Vorrel/AI/NativeTools.h"
 #include "Vorrel/FileIndex/FileIndexService.h"
@@ -11,6 +12,7 @@
 #include "Vorrel/Launch/SystemService.h"
 #include "Vorrel/MCP/MCPManager.h"
 #include "Vorrel/Shell/DiagnosticsService.h"
+#include "Vorrel/Shell/KeychainService.h"
 #include "Vorrel/Shell/SettingsState.h"
 #include "Vorrel/Store/Repositories.h"
 
@@ -41,20 +43,25 @@ public:
     /// The file by which one process at a time works on the file index; nothing without a data folder.
     static std::optional<std::string> indexLock(const UserFolders &folders);
 
+    /// Makes what answers requests to a model of this name. The services outlive it.
+    using MakeProvider = std::function<std::unique_ptr<ModelProvider>(std::string model)>;
+
     /// What a host may replace. Without a file index one over `database` alone is made, where the platform can walk
-    /// folders. The other defaults know no clipboard, shortcuts and agents.
+    /// folders. The other defaults are the real ones.
     struct Injected {
         std::shared_ptr<FileIndex> fileIndex = {};
         std::shared_ptr<ShortcutsService> shortcuts = {};
         std::shared_ptr<ClipboardService> clipboard = {};
-        std::unique_ptr<AgentStore> agents = {};
+        std::shared_ptr<AgentStore> agents = {};
         std::shared_ptr<Database> searchDatabase = {};
+        MakeProvider makeProvider = {};
     };
     AppServices(Platform platform, std::shared_ptr<Database> database, Injected injected);
     ~AppServices();
 
     // Built at first read, because they reach other members
     ToolRegistry &tools();
+    AIRuntime &ai();
     MCPManager &mcp();
     SettingsState &preferences();
     AgentStore &agents();
@@ -74,12 +81,15 @@ public:
     AppLaunchRepository appLaunches;
     const std::shared_ptr<FileIndex> fileIndex;
     const std::shared_ptr<ShortcutsService> shortcuts;
+    KeychainService keychain;
+    const MakeProvider makeProvider;
 
 private:
     std::unique_ptr<ToolRegistry> lazyTools;
     std::unique_ptr<MCPManager> lazyMcp;
     std::unique_ptr<SettingsState> lazyPreferences;
-    std::unique_ptr<AgentStore> lazyAgents;
+    std::unique_ptr<AIRuntime> lazyRuntime;
+    std::shared_ptr<AgentStore> lazyAgents;
 };
 
 } // namespace korvane

@@ -81,7 +81,7 @@ void SettingsState::apply(const AppPreferences &wanted)
 {
     services.clipboard->enabled = wanted.clipboardEnabled;
     services.clipboard->maximumItems = wanted.clipboardLimit;
-    services.tools().confirmWrites = wanted.confirmToolWrites;
+    services.tools().policy.confirmWrites = wanted.confirmToolWrites;
 }
 
 void SettingsState::save()

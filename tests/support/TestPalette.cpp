@@ -52,6 +52,29 @@ Task<Rows> ScriptedClipboard::search(std::string query)
     co_return rows;
 }
 
+ScriptedAgents::ScriptedAgents(Executor loop) :
+    ScriptedAgents(std::move(loop),
+        std::make_unique<ToolRegistry>([](const ToolDefinition &, const JSONValue &) -> Task<void> { co_return; }))
+{
+}
+
+ScriptedAgents::ScriptedAgents(Executor loop, std::unique_ptr<ToolRegistry> tools) :
+    AgentStore({.mainThread = loop,
+        .folders = {.home = "/nowhere", .data = {}},
+        .tools = *tools,
+        .repository = AgentRepository(nullptr),
+        .loader = std::make_unique<SkillLoader>(loop)}),
+    ownTools(std::move(tools))
+{
+}
+
+Task<void> ScriptedAgents::load()
+{
+    _agents = list;
+    onChange();
+    co_return;
+}
+
 Task<void> ScriptedCoordinator::togglePreview(std::string path)
 {
     previews.push_back(std::move(path));
@@ -67,7 +90,7 @@ TestPalette::TestPalette(Strings applicationRoots) : HeadlessDesktop(std::move(a
     injected.fileIndex = std::make_unique<ScriptedIndex>();
     injected.clipboard = std::make_unique<ScriptedClipboard>();
     injected.shortcuts = std::make_unique<ScriptedShortcuts>();
-    injected.agents = std::make_unique<ScriptedAgents>();
+    injected.agents = std::make_shared<ScriptedAgents>(loop.executor());
     index = static_cast<ScriptedIndex *>(injected.fileIndex.get());
     clipboard = static_cast<ScriptedClipboard *>(injected.clipboard.get());
     shortcuts = static_cast<ScriptedShortcuts *>(injected.shortcuts.get());

@@ -67,8 +67,13 @@ public:
 
 class ScriptedAgents final : public AgentStore {
 public:
-    const std::vector<Agent> &agents() const override { return list; }
+    explicit ScriptedAgents(Executor loop);
+    Task<void> load() override;
     std::vector<Agent> list;
+
+private:
+    ScriptedAgents(Executor loop, std::unique_ptr<ToolRegistry> tools);
+    std::unique_ptr<ToolRegistry> ownTools;
 };
 
 /// The coordinator with a probe that the test controls.

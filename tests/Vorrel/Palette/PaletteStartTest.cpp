@@ -185,7 +185,7 @@ TEST(PaletteStart, AgentsAppearAsRowsThatEnterTheirMode)
     agent.id = "A1";
     agent.name = "Translator";
     agent.tools = {"clipboard.read"};
-    palette.agents->list = {agent};
+    palette.agents->_agents = {agent};
     palette.agents->onChange();
     palette.type("translator");
     ASSERT_EQ(palette.ids(), Strings{"agent:A1"});

@@ -84,7 +84,7 @@ TEST(SettingsState, WhatWasSavedIsLoadedAndApplied)
     EXPECT_TRUE(settings.model().preferences->aiEnabled);
     EXPECT_FALSE(settings.clipboard->enabled);
     EXPECT_EQ(settings.clipboard->maximumItems, 7);
-    EXPECT_FALSE(settings.services->tools().confirmWrites);
+    EXPECT_FALSE(settings.services->tools().policy.confirmWrites);
     EXPECT_TRUE(settings.asked.empty()) << "registering is the launch's own step";
 }
 
@@ -158,7 +158,7 @@ TEST(SettingsState, SavingRegistersTheKeyStoresAndApplies)
     EXPECT_FALSE(settings.model().hotkeyIssue.get());
     EXPECT_FALSE(settings.model().hotkeyAttempt.get());
     EXPECT_FALSE(settings.clipboard->enabled);
-    EXPECT_FALSE(settings.services->tools().confirmWrites);
+    EXPECT_FALSE(settings.services->tools().policy.confirmWrites);
     EXPECT_EQ(AppPreferences::decode(*settings.stored()).model, "other");
     EXPECT_FALSE(settings.model().saving.get());
 }

@@ -1,0 +1,39 @@
+#pragma once
+
+#include "CommandCore/Skill.h"
+#include "Support/Task.h"
+#include "Vorrel/Platform/UserFolders.h"
+
+#include <string>
+#include <vector>
+
+namespace korvane {
+
+/// The folders in which skills are looked for, in this order.
+struct SkillLocations {
+    static std::vector<std::string> roots(const UserFolders &folders);
+};
+
+/// Reads skills: files named SKILL.md, with a name and a description in front. Bounded and strict, for anybody may have written
+/// them. All file work runs on the given executor, one thing after the other.
+class SkillLoader {
+public:
+    explicit SkillLoader(Executor pool) : actor(std::move(pool)) { }
+    virtual ~SkillLoader() = default;
+
+    struct Scan {
+        std::vector<Skill> skills; ///< By their paths.
+        std::vector<std::string> warnings; ///< One sentence for each thing that could not be read.
+    };
+    /// Looks through the folders and the folders directly in them. Throws nothing but `Cancelled`.
+    virtual Task<Scan> scan(std::vector<std::string> roots);
+    /// The skills of these files, in this order, under these paths. The first failure ends it: `configuration` with its sentence.
+    virtual Task<std::vector<Skill>> load(std::vector<std::string> paths);
+    /// A skill from the text of its file. Throws `configuration` with what is wrong.
+    static Skill parse(std::string_view text, std::string path);
+
+private:
+    Actor actor;
+};
+
+} // namespace korvane
