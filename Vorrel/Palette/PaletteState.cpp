@@ -295,14 +295,8 @@ Row PaletteState::calculatorRow() const
         .actions = {{.id = "copy",
             .title = L10n::key("Copy Result"),
             .role = ActionRole::write,
-            .execute = [&pasteboard, formatted] { return copyResult(pasteboard, formatted); }}},
+            .execute = [&pasteboard, formatted] { return pasteboard.copy(formatted); }}},
     });
-}
-
-Task<void> PaletteState::copyResult(Pasteboard &pasteboard, std::string text)
-{
-    if (!co_await pasteboard.setText(std::move(text)))
-        throw AppError(AppError::Kind::recoverable, "Could not update the clipboard.");
 }
 
 void PaletteState::showArgumentRows()
