@@ -136,6 +136,24 @@ TEST_F(LinuxWorkspaceThreads, TheFileManagerShowsWhatIsRevealed)
     EXPECT_FALSE(std::filesystem::exists(disk / "out.done"));
 }
 
+TEST_F(LinuxWorkspaceThreads, APathThatIsNoTextIsRevealedAndOpenedByItsBytes)
+{
+    MockService manager(bus, "org.freedesktop.FileManager1", "/org/freedesktop/FileManager1", "org.freedesktop.FileManager1");
+    manager.method("ShowItems", "ass", "");
+    const auto file = disk.file("a\xff.kvt");
+    await(loop, workspace.reveal(file));
+    EXPECT_EQ(manager.calls("ShowItems"), Strings{"[<['file://" + disk.path + "/a%FF.kvt']>, <''>]"});
+    EXPECT_TRUE(await(loop, workspace.open(file)));
+    EXPECT_EQ(written(), "preferred\n" + file + "\n");
+}
+
+TEST_F(LinuxWorkspaceThreads, AFileManagerThatRefusesIsLikeNone)
+{
+    MockService manager(bus, "org.freedesktop.FileManager1", "/org/freedesktop/FileManager1", "org.freedesktop.FileManager1");
+    await(loop, workspace.reveal(disk.file("refused/a.kvt")));
+    EXPECT_EQ(written(), "folders\n" + disk / "refused" + "\n");
+}
+
 TEST_F(LinuxWorkspaceThreads, WithoutAFileManagerOnTheBusTheFolderIsOpened)
 {
     await(loop, workspace.reveal(disk.file("deep/a.kvt")));
