@@ -117,9 +117,9 @@ TEST(ActionCoordinator, ARequestThatWasGivenUpDoesNotEndTheNewerOne)
     test.probe.holds = true;
     auto first = test.toggle("/a.png");
     test.loop.runUntilIdle();
-    test.probe.answer();
+    auto second = test.toggle("/b.png"); // its turn comes before the first has noticed
     test.coordinator->reset();
-    auto second = test.toggle("/b.png"); // begins before the first has noticed
+    test.probe.answer();
     test.loop.runUntilIdle();
     EXPECT_THROW(first.result(), Cancelled);
     EXPECT_TRUE(test.coordinator->checkingAccess());
