@@ -185,7 +185,7 @@ private:
     Task<void> recordUse(std::string id);
     void launchWithArguments(std::string text);
     static Task<void> argumentLaunch(std::shared_ptr<PaletteState> self, std::string id, std::string text, int generation);
-    Task<void> openWith(std::string path);
+    Task<void> openWith(std::string path, int generation);
     void askAI();
     void clearFailure();
     void closeActions() { setShowsActions(false); }

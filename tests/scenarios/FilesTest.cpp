@@ -92,6 +92,29 @@ TEST_F(FileScenario, AnApplicationIsChosenInAListOfItsOwnThatIsLeftAsItWas)
     EXPECT_EQ(std::ranges::count(palette.log, std::string("hide")), 1);
 }
 
+TEST_F(FileScenario, ApplicationsThatAreFoundWhenTheUserHasMovedOnOpenNoList)
+{
+    palette.workspace.offered = {{"Zed", "/a/zed.desktop"}};
+    const CommandAction openWith = palette.action("tides \uFFFD.txt", "openWith");
+    palette.state->execute(openWith);
+    palette.state->cancelWork();
+    palette.state->enter(PaletteState::Mode::commands);
+    palette.settle();
+    EXPECT_FALSE(palette.state->childTitle()) << "hidden and shown again";
+
+    palette.type("tide");
+    palette.wait(80ms);
+    palette.state->execute(openWith);
+    while (palette.state->query() == "tide" && palette.loop.runOne())
+        if (palette.workspace.asked == 2)
+            palette.state->enter(PaletteState::Mode::files);
+    palette.settle();
+    EXPECT_EQ(palette.workspace.asked, 2);
+    EXPECT_FALSE(palette.state->childTitle()) << "another mode";
+    EXPECT_EQ(palette.error(), "");
+    EXPECT_FALSE(palette.state->busy());
+}
+
 TEST_F(FileScenario, AFileThatWentWhileItsApplicationIsChosenIsMissing)
 {
     palette.workspace.offered = {{"Zed", "/a/zed.desktop"}};

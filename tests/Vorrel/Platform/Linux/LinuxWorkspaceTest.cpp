@@ -27,11 +27,15 @@ public:
     void SetUp() override
     {
         disk = std::make_unique<DiskFolder>();
-        disk->file("data/mime/globs2", "50:text/x-korvane:*.kvt\n50:text/x-korvane-lonely:*.kvl\n");
+        disk->file("data/mime/globs2", "50:text/x-korvane:*.kvt\n50:text/x-korvane-lonely:*.kvl\n50:text/x-korvane-odd:*.kvo\n");
         disk->file("config/mimeapps.list",
             "[Default Applications]\ntext/x-korvane=preferred.desktop\ninode/directory=folders.desktop\n"
             "x-scheme-handler/korvane-test=surfer.desktop\n"
-            "[Added Associations]\ntext/x-korvane=other.desktop;preferred.desktop;missing.desktop;\n");
+            "[Added Associations]\ntext/x-korvane=other.desktop;preferred.desktop;missing.desktop;\n"
+            "text/x-korvane-odd=nameless.desktop;quiet.desktop;\n");
+        disk->file("data/applications/nameless.desktop", "[Desktop Entry]\nType=Application\nExec=true\n");
+        disk->file(
+            "data/applications/quiet.desktop", "[Desktop Entry]\nType=Application\nName=Quiet\nExec=true\nNoDisplay=true\n");
         disk->script(
             "record", "for one in \"$@\"; do echo \"$one\"; done > '" + *disk / "out" + "'\n: > '" + *disk / "out.done" + "'");
         for (const auto &[id, name, words] : {std::tuple{"preferred", "Preferred", "preferred %f"},
@@ -118,6 +122,14 @@ TEST_F(LinuxWorkspaceThreads, HandlersAreThoseOfTheTypeWithTheDefaultFirst)
     EXPECT_EQ(await(loop, workspace.handlers("/any/where.kvt")),
         (std::vector<ApplicationHandler>{{"Preferred", entry("preferred")}, {"Other", entry("other")}}));
     EXPECT_EQ(await(loop, workspace.handlers("/any/where.kvl")), std::vector<ApplicationHandler>{});
+}
+
+TEST_F(LinuxWorkspaceThreads, AnApplicationWithoutANameIsListedLikeItsFileAndOneThatIsKeptOutOfMenusByItsName)
+{
+    const auto handlers = await(loop, workspace.handlers("/any/where.kvo"));
+    EXPECT_THAT(handlers,
+        testing::UnorderedElementsAre(
+            ApplicationHandler{"nameless", entry("nameless")}, ApplicationHandler{"Quiet", entry("quiet")}));
 }
 
 TEST_F(LinuxWorkspaceThreads, AFileOpensInTheChosenApplication)
