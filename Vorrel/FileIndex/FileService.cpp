@@ -1,6 +1,7 @@
 #include "Vorrel/FileIndex/FileService.h"
 
 #include "Support/Text.h"
+#include "Vorrel/FileIndex/FilePreviewAccess.h"
 #include "Vorrel/Shell/Formats.h"
 #include "Vorrel/Shell/L10n.h"
 
@@ -48,51 +49,69 @@ Rows FileService::results(const std::vector<FileRecord> &records) const
             .subtitle = subtitleOf(record, platform.folders),
             .icon = CommandIcon::file(record.path),
             .preview = PreviewResource::file(record.path),
-            .actions = {{.id = "open", .title = L10n::key("Open"), .execute = [this, path = record.path] { return open(path); }}},
+            .actions = actionsOf(record.path),
         }));
     }
     return rows;
 }
 
-FileAccessFailure::Reason FileService::reasonOf(int errorNumber)
+std::vector<CommandAction> FileService::actionsOf(const std::string &path) const
 {
-    using enum FileAccessFailure::Reason;
-    switch (errorNumber) {
-    case EACCES:
-    case EPERM: return permission;
-    case ENOENT:
-    case ENOTDIR: return missing;
-    case EIO:
-    case ENODEV:
-    case ESTALE: return offline;
-    default: return unavailable;
-    }
+    using enum ActionDismissal;
+    return {
+        {.id = "open", .title = L10n::key("Open"), .execute = [this, path] { return open(path); }},
+        {.id = "openWith", .title = L10n::key("Open With…"), .dismissal = keepOpen, .flow = ActionFlow::openWith(path)},
+        {.id = "preview",
+            .title = L10n::key("Quick Look"),
+            .key = ActionKey::preview,
+            .dismissal = keepOpen,
+            .flow = ActionFlow::preview(path)},
+        {.id = "reveal",
+            .title = L10n::key("Show in Finder"),
+            .key = ActionKey::reveal,
+            .execute = [this, path] { return reveal(path); }},
+        {.id = "copyPath",
+            .title = L10n::key("Copy Path"),
+            .key = ActionKey::copyPath,
+            .dismissal = keepOpen,
+            .role = ActionRole::write,
+            .execute = [this, path] { return copyPath(path); }},
+    };
 }
 
-std::string FileService::checked(const std::string &path) const
+std::string FileService::url(const std::string &path) const
 {
-    const std::string whole = std::filesystem::path(platform.folders.expandingTilde(path)).lexically_normal().string();
+    if (path.find('\0') != path.npos)
+        throw FileAccessFailure(FileAccessFailure::Reason::unavailable); // the system would see what stands before the zero
+    std::error_code nowhere; // leaves an empty path, which is missing
+    auto whole = std::filesystem::absolute(platform.folders.expandingTilde(path), nowhere).lexically_normal();
+    if (!whole.has_filename())
+        whole = whole.parent_path();
     struct stat status;
     if (::stat(whole.c_str(), &status) != 0)
-        throw FileAccessFailure(reasonOf(errno));
-    return whole;
+        throw FileAccessFailure(FilePreviewAccess::reasonOf(errno));
+    return whole.native();
 }
 
 Task<void> FileService::open(std::string path) const
 {
-    auto opened = platform.workspace.open(checked(path));
+    auto opened = platform.workspace.open(url(path));
     if (!co_await std::move(opened))
         throw AppError(AppError::Kind::recoverable, "No application could open this file.");
 }
 
 Task<void> FileService::openWith(std::string path, std::string application) const
 {
-    co_await platform.workspace.openWith(checked(path), std::move(application));
+    co_await platform.workspace.openWith(url(path), std::move(application));
 }
+
+Task<void> FileService::reveal(std::string path) const { co_await platform.workspace.reveal(url(path)); }
+
+Task<void> FileService::copyPath(std::string path) const { co_await platform.pasteboard.copy(std::move(path)); }
 
 Task<std::vector<ApplicationHandler>> FileService::openWithHandlers(std::string path) const
 {
-    co_return co_await platform.workspace.handlers(checked(path));
+    co_return co_await platform.workspace.handlers(url(path));
 }
 
 Task<std::optional<std::string>> FileService::chooseDirectory() const

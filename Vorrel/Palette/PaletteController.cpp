@@ -16,8 +16,8 @@ constexpr Milliseconds hideTime = 100ms;
 } // namespace
 
 PaletteController::PaletteController(AppServices &services, const MakeWindow &makeWindow) :
-    services(services), actionCoordinator(services.platform.dialogs),
-    _state(std::make_shared<PaletteState>(services, actionCoordinator)), window(makeWindow(*this))
+    services(services), actionCoordinator(services.platform), _state(std::make_shared<PaletteState>(services, actionCoordinator)),
+    window(makeWindow(*this))
 {
     _state->hide = [this] { hide(); };
     _state->focusInput = [this] { spawnDetached(this->services.platform.mainThread, focusSoon(itself)); };
@@ -138,11 +138,6 @@ void PaletteController::mousePressed(int x, int y, bool inside)
         hide();
 }
 
-static bool isLetter(const KeyPress &key, char letter)
-{
-    return key.character.size() == 1 && (key.character[0] | 0x20) == letter;
-}
-
 bool PaletteController::handleKey(const KeyPress &key)
 {
     if (!window || window->hasSheet())
@@ -167,16 +162,16 @@ bool PaletteController::handleCommand(const KeyPress &key)
         return true;
     }
     if (key.shift) {
-        if (!isLetter(key, 'c'))
+        if (!key.is('c'))
             return false;
         _state->performKey(ActionKey::copyPath);
         return true;
     }
-    if (isLetter(key, 'k')) {
+    if (key.is('k')) {
         _state->toggleActions();
         return true;
     }
-    if (isLetter(key, 'y')) {
+    if (key.is('y')) {
         _state->togglePreview();
         return true;
     }

@@ -295,14 +295,8 @@ Row PaletteState::calculatorRow() const
         .actions = {{.id = "copy",
             .title = L10n::key("Copy Result"),
             .role = ActionRole::write,
-            .execute = [&pasteboard, formatted] { return copyResult(pasteboard, formatted); }}},
+            .execute = [&pasteboard, formatted] { return pasteboard.copy(formatted); }}},
     });
-}
-
-Task<void> PaletteState::copyResult(Pasteboard &pasteboard, std::string text)
-{
-    if (!co_await pasteboard.setText(std::move(text)))
-        throw AppError(AppError::Kind::recoverable, "Could not update the clipboard.");
 }
 
 void PaletteState::showArgumentRows()
@@ -720,7 +714,7 @@ Task<void> PaletteState::runFlow(const Run &run)
 {
     const ActionFlow &flow = run.action.flow;
     switch (flow.kind) {
-    case ActionFlow::Kind::openWith: co_await openWith(flow.path); break;
+    case ActionFlow::Kind::openWith: co_await openWith(flow.path, run.generation); break;
     case ActionFlow::Kind::preview: co_await coordinator.togglePreview(flow.path); break;
     case ActionFlow::Kind::applicationInput:
         co_await coordinator.collectAndOpen(flow.path, flow.arguments, flow.folders, *services.applications);
@@ -811,9 +805,12 @@ void PaletteState::openFilePrivacySettings()
     openSettings();
 }
 
-Task<void> PaletteState::openWith(std::string path)
+Task<void> PaletteState::openWith(std::string path, int generation)
 {
+    const Question asked = question();
     auto handlers = co_await services.files.openWithHandlers(path);
+    if (generation != _sessionGeneration || asked != question())
+        throw Cancelled(); // the user has moved on
     if (handlers.empty())
         throw AppError(AppError::Kind::recoverable, "No application can open this file.");
     std::stable_sort(handlers.begin(), handlers.end(),

@@ -167,7 +167,6 @@ private:
     static Task<void> chooseDirectoryTask(std::weak_ptr<PaletteState> weak, AppServices &services);
     static Task<void> loadRecents(std::weak_ptr<PaletteState> weak, AppServices &services, std::string id);
     static Task<void> refreshQuicklinksTask(std::weak_ptr<PaletteState> weak, int generation);
-    static Task<void> copyResult(Pasteboard &pasteboard, std::string text);
     static Task<void> launchLine(std::weak_ptr<PaletteState> weak, std::string line);
     static Task<void> enterAgent(std::weak_ptr<PaletteState> weak, Agent agent);
     void rewriteFileQuery(const std::function<void(FileSearchQuery &)> &change);
@@ -186,7 +185,7 @@ private:
     Task<void> recordUse(std::string id);
     void launchWithArguments(std::string text);
     static Task<void> argumentLaunch(std::shared_ptr<PaletteState> self, std::string id, std::string text, int generation);
-    Task<void> openWith(std::string path);
+    Task<void> openWith(std::string path, int generation);
     void askAI();
     void clearFailure();
     void closeActions() { setShowsActions(false); }

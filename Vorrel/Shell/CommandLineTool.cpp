@@ -236,7 +236,7 @@ int CommandLineTool::searchRows(const Line &line)
     if (category != "all" && categoryNamed(category) == SearchCategory::all)
         throw UsageError("The category is one of all, applications, files, shortcuts.");
     const auto services = wait(openServices(Use::Read));
-    ActionCoordinator coordinator(host.platform.dialogs);
+    ActionCoordinator coordinator(host.platform);
     const auto state = std::make_shared<PaletteState>(*services, coordinator);
     wait(state->start());
     state->setCategory(categoryNamed(category));
@@ -267,7 +267,7 @@ Row CommandLineTool::rowFor(PaletteState &state, const std::string &id) const
 int CommandLineTool::runRow(const Line &line)
 {
     const auto services = wait(openServices(Use::Write));
-    ActionCoordinator coordinator(host.platform.dialogs);
+    ActionCoordinator coordinator(host.platform);
     const auto state = std::make_shared<PaletteState>(*services, coordinator);
     wait(state->start());
     const Row row = rowFor(*state, line.words[1]);

@@ -398,6 +398,14 @@ TEST(Program, ACopyMadeByTheCompanionStaysOfferedAfterItHasEnded)
     EXPECT_EQ(output("timeout 3 xclip -selection clipboard -o"), "other\n");
 }
 
+TEST(Program, APathCopiedByTheCompanionIsThePathByteByByte)
+{
+    Program copy({KORVANE_BINARIES "/korvanectl", "run", "file:/srv/tide \xff.txt", "copyPath"});
+    ASSERT_TRUE(soon([&] { return copy.exitStatus().has_value(); }));
+    EXPECT_EQ(copy.exitStatus(), 0) << copy.said();
+    EXPECT_EQ(output("timeout 3 xclip -selection clipboard -t UTF8_STRING -o"), "/srv/tide \xff.txt");
+}
+
 TEST(Program, TheGlobalKeyShowsThePaletteAndHidesItAndTheKeyboardIsWhereItWas)
 {
     FakeKeyboard keyboard;

@@ -2,6 +2,7 @@
 
 #include "Support/MainLoop.h"
 #include "Vorrel/Platform/Headless/HeadlessApplications.h"
+#include "Vorrel/Platform/Headless/HeadlessPreviewWindow.h"
 #include "Vorrel/Platform/Headless/HeadlessSystem.h"
 #include "Vorrel/Platform/Platform.h"
 
@@ -25,7 +26,8 @@ struct HeadlessDesktop {
             .workspace = workspace,
             .system = system,
             .dialogs = dialogs,
-            .pasteboard = pasteboard};
+            .pasteboard = pasteboard,
+            .preview = &preview};
     }
 
     MainLoop loop;
@@ -38,6 +40,7 @@ struct HeadlessDesktop {
     HeadlessSystemControl system;
     HeadlessDialogs dialogs;
     HeadlessPasteboard pasteboard;
+    HeadlessPreviewWindow preview;
 };
 
 } // namespace korvane::test

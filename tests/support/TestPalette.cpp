@@ -75,12 +75,28 @@ Task<void> ScriptedAgents::load()
     co_return;
 }
 
-Task<void> ScriptedCoordinator::togglePreview(std::string path)
+FilePreviewAccess::Asking ScriptedProbe::asking()
 {
-    previews.push_back(std::move(path));
-    if (previewFailure)
-        std::rethrow_exception(previewFailure);
-    co_return;
+    FilePreviewAccess::Asking asking;
+    asking.probe = [this](const std::string &path) {
+        asked.push_back(path);
+        return failure;
+    };
+    asking.apart = [this](std::function<void()> work) {
+        if (holds)
+            waiting.push_back(std::move(work));
+        else
+            work();
+    };
+    return asking;
+}
+
+void ScriptedProbe::answer()
+{
+    ASSERT_FALSE(waiting.empty()) << "no file is asked for";
+    const auto oldest = std::move(waiting.front());
+    waiting.pop_front();
+    oldest();
 }
 
 TestPalette::TestPalette(Strings applicationRoots) : HeadlessDesktop(std::move(applicationRoots))
@@ -96,7 +112,7 @@ TestPalette::TestPalette(Strings applicationRoots) : HeadlessDesktop(std::move(a
     shortcuts = static_cast<ScriptedShortcuts *>(injected.shortcuts.get());
     agents = static_cast<ScriptedAgents *>(injected.agents.get());
     services = std::make_shared<AppServices>(platform(), std::move(database), std::move(injected));
-    coordinator = std::make_unique<ScriptedCoordinator>(dialogs);
+    coordinator = std::make_unique<ActionCoordinator>(platform(), probe.asking());
     state = std::make_shared<PaletteState>(*services, *coordinator);
     state->hide = [this] { log.push_back("hide"); };
     state->focusInput = [this] { log.push_back("focus"); };

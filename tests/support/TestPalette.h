@@ -4,6 +4,8 @@
 #include "tests/support/Await.h"
 #include "tests/support/HeadlessDesktop.h"
 
+#include <deque>
+
 /// A palette that a test types into and looks at: the second front end.
 namespace korvane::test {
 
@@ -76,20 +78,20 @@ private:
     std::unique_ptr<ToolRegistry> ownTools;
 };
 
-/// The coordinator with a probe that the test controls.
-class ScriptedCoordinator final : public ActionCoordinator {
+/// Answers whether a file opens when and how the test says, on the thread of the test.
+class ScriptedProbe {
 public:
-    using ActionCoordinator::ActionCoordinator;
-    Task<void> togglePreview(std::string path) override;
-    void reset() override
-    {
-        ++resets;
-        ActionCoordinator::reset();
-    }
+    /// For a coordinator that this outlives.
+    FilePreviewAccess::Asking asking();
+    /// Lets the oldest question that waits have its answer.
+    void answer();
 
-    Strings previews;
-    std::exception_ptr previewFailure;
-    int resets = 0;
+    Strings asked; ///< Every path, in order.
+    std::optional<FileAccessFailure::Reason> failure; ///< What is answered.
+    bool holds = false; ///< Questions wait for `answer`.
+
+private:
+    std::deque<std::function<void()>> waiting;
 };
 
 class TestPalette : public HeadlessDesktop {
@@ -128,7 +130,8 @@ public:
     ScriptedShortcuts *shortcuts = nullptr;
     ScriptedAgents *agents = nullptr;
     std::shared_ptr<AppServices> services;
-    std::unique_ptr<ScriptedCoordinator> coordinator;
+    ScriptedProbe probe;
+    std::unique_ptr<ActionCoordinator> coordinator;
     std::shared_ptr<PaletteState> state;
     Strings ran; ///< Titles of the actions that ran, in order.
     Strings log; ///< "hide", "focus", "settings", in order.

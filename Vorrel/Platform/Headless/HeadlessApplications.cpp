@@ -139,6 +139,7 @@ Task<void> HeadlessWorkspace::reveal(std::string path)
 
 Task<std::vector<ApplicationHandler>> HeadlessWorkspace::handlers(std::string)
 {
+    ++asked;
     co_await yieldOnce();
     co_return offered;
 }

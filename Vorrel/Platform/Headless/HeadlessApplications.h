@@ -102,6 +102,7 @@ public:
     std::vector<std::string> revealed;
     bool refuses = false; ///< `open` gives false and `openWith` throws.
     std::vector<ApplicationHandler> offered; ///< What `handlers` gives for every path.
+    int asked = 0; ///< How often `handlers` was asked.
 };
 
 } // namespace korvane

@@ -85,6 +85,13 @@ std::vector<std::string> applicationsFor(const std::string &path)
     return entries;
 }
 
+/// What the entry calls its application; an entry that does not tell is called like its file. Blocks.
+std::string nameOf(const std::string &entry, const DesktopEnvironment &desktop)
+{
+    const auto read = DesktopEntry::read(entry, desktop);
+    return read && !read->name.empty() ? read->name : std::filesystem::path(entry).stem().native();
+}
+
 bool showInFileManager(const std::string &bus, const std::string &path)
 {
     const auto connection = MessageBus::open(bus, fileManagerLimit);
@@ -137,9 +144,10 @@ Task<std::vector<ApplicationHandler>> LinuxWorkspace::handlers(std::string path)
     Actor actor(pool);
     auto find = [path = std::move(path), desktop = launcher.desktop()](std::stop_token) {
         std::vector<ApplicationHandler> found;
-        for (auto &entry : applicationsFor(path))
-            if (const auto read = DesktopEntry::read(entry, desktop); read && !read->name.empty())
-                found.push_back({read->name, std::move(entry)});
+        for (auto &entry : applicationsFor(path)) {
+            auto name = nameOf(entry, desktop);
+            found.push_back({std::move(name), std::move(entry)});
+        }
         return found;
     };
     co_return co_await actor.run(std::move(find));

@@ -440,7 +440,8 @@ TEST(PaletteAction, APreviewOfAFileRunsTheRowsPreviewAction)
                     .flow = ActionFlow::preview("/p.png")}}});
     palette.state->togglePreview();
     palette.settle();
-    EXPECT_EQ(palette.coordinator->previews, Strings{"/p.png"});
+    EXPECT_EQ(palette.probe.asked, Strings{"/p.png"});
+    EXPECT_EQ(palette.preview.shown, "/p.png");
     EXPECT_FALSE(palette.state->showsPreview());
     EXPECT_EQ(palette.log, Strings{"focus"});
 }

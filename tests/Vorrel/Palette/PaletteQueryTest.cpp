@@ -430,12 +430,12 @@ TEST(PaletteQuery, EscapeGoesBackOneLevelAtATime)
 TEST(PaletteQuery, EscapeDuringAFileAccessCheckOnlyEndsTheCheck)
 {
     TestPalette palette;
-    palette.command("Alpha");
+    palette.probe.holds = true;
+    palette.command("Alpha", {.actions = {{.id = "p", .title = "P", .flow = ActionFlow::preview("/a")}}});
+    palette.run();
     palette.state->toggleActions();
-    palette.coordinator->_checkingAccess = true;
-    const int before = palette.coordinator->resets;
+    ASSERT_TRUE(palette.coordinator->checkingAccess());
     palette.state->escape();
-    EXPECT_EQ(palette.coordinator->resets, before + 1);
     EXPECT_FALSE(palette.coordinator->checkingAccess());
     EXPECT_TRUE(palette.state->showsActions());
 }

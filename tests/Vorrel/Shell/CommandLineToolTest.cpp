@@ -132,6 +132,23 @@ TEST_F(CommandLine, RunTakesANamedActionAndRefusesAnUnknownOne)
     EXPECT_NE(err, "");
 }
 
+TEST_F(CommandLine, AFileIsOpenedShownAndItsPathCopiedByItsIdentifier)
+{
+    const std::string file = "file:" + root;
+    EXPECT_EQ(run({"run", file}), 0) << err;
+    EXPECT_EQ(run({"run", file, "reveal"}), 0) << err;
+    EXPECT_EQ(run({"run", file, "copyPath"}), 0) << err;
+    EXPECT_EQ(desktop->workspace.opened, Strings{root});
+    EXPECT_EQ(desktop->workspace.revealed, Strings{root});
+    EXPECT_EQ(desktop->pasteboard.text, root);
+    for (const char *action : {"openWith", "preview"}) {
+        EXPECT_EQ(run({"run", file, action}), 1);
+        EXPECT_EQ(err, "Open Korvane for this action.\n");
+    }
+    EXPECT_EQ(run({"run", "file:/nonexistent/gone.txt", "reveal"}), 1);
+    EXPECT_EQ(err, "This file no longer exists. Refresh the search results.\n");
+}
+
 TEST_F(CommandLine, AnActionThatNeedsTheWindowIsRefused)
 {
     EXPECT_EQ(run({"run", "app:" + root + "/org.example.editor.app", "arguments"}), 1);

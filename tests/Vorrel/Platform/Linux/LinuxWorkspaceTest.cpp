@@ -27,11 +27,15 @@ public:
     void SetUp() override
     {
         disk = std::make_unique<DiskFolder>();
-        disk->file("data/mime/globs2", "50:text/x-korvane:*.kvt\n50:text/x-korvane-lonely:*.kvl\n");
+        disk->file("data/mime/globs2", "50:text/x-korvane:*.kvt\n50:text/x-korvane-lonely:*.kvl\n50:text/x-korvane-odd:*.kvo\n");
         disk->file("config/mimeapps.list",
             "[Default Applications]\ntext/x-korvane=preferred.desktop\ninode/directory=folders.desktop\n"
             "x-scheme-handler/korvane-test=surfer.desktop\n"
-            "[Added Associations]\ntext/x-korvane=other.desktop;preferred.desktop;missing.desktop;\n");
+            "[Added Associations]\ntext/x-korvane=other.desktop;preferred.desktop;missing.desktop;\n"
+            "text/x-korvane-odd=nameless.desktop;quiet.desktop;\n");
+        disk->file("data/applications/nameless.desktop", "[Desktop Entry]\nType=Application\nExec=true\n");
+        disk->file(
+            "data/applications/quiet.desktop", "[Desktop Entry]\nType=Application\nName=Quiet\nExec=true\nNoDisplay=true\n");
         disk->script(
             "record", "for one in \"$@\"; do echo \"$one\"; done > '" + *disk / "out" + "'\n: > '" + *disk / "out.done" + "'");
         for (const auto &[id, name, words] : {std::tuple{"preferred", "Preferred", "preferred %f"},
@@ -120,6 +124,14 @@ TEST_F(LinuxWorkspaceThreads, HandlersAreThoseOfTheTypeWithTheDefaultFirst)
     EXPECT_EQ(await(loop, workspace.handlers("/any/where.kvl")), std::vector<ApplicationHandler>{});
 }
 
+TEST_F(LinuxWorkspaceThreads, AnApplicationWithoutANameIsListedLikeItsFileAndOneThatIsKeptOutOfMenusByItsName)
+{
+    const auto handlers = await(loop, workspace.handlers("/any/where.kvo"));
+    EXPECT_THAT(handlers,
+        testing::UnorderedElementsAre(
+            ApplicationHandler{"nameless", entry("nameless")}, ApplicationHandler{"Quiet", entry("quiet")}));
+}
+
 TEST_F(LinuxWorkspaceThreads, AFileOpensInTheChosenApplication)
 {
     await(loop, workspace.openWith("/x/a b#1.kvt", entry("other")));
@@ -134,6 +146,24 @@ TEST_F(LinuxWorkspaceThreads, TheFileManagerShowsWhatIsRevealed)
     await(loop, workspace.reveal("/tmp/a b#ü%.txt"));
     EXPECT_EQ(manager.calls("ShowItems"), Strings{"[<['file:///tmp/a%20b%23%C3%BC%25.txt']>, <''>]"});
     EXPECT_FALSE(std::filesystem::exists(disk / "out.done"));
+}
+
+TEST_F(LinuxWorkspaceThreads, APathThatIsNoTextIsRevealedAndOpenedByItsBytes)
+{
+    MockService manager(bus, "org.freedesktop.FileManager1", "/org/freedesktop/FileManager1", "org.freedesktop.FileManager1");
+    manager.method("ShowItems", "ass", "");
+    const auto file = disk.file("a\xff.kvt");
+    await(loop, workspace.reveal(file));
+    EXPECT_EQ(manager.calls("ShowItems"), Strings{"[<['file://" + disk.path + "/a%FF.kvt']>, <''>]"});
+    EXPECT_TRUE(await(loop, workspace.open(file)));
+    EXPECT_EQ(written(), "preferred\n" + file + "\n");
+}
+
+TEST_F(LinuxWorkspaceThreads, AFileManagerThatRefusesIsLikeNone)
+{
+    MockService manager(bus, "org.freedesktop.FileManager1", "/org/freedesktop/FileManager1", "org.freedesktop.FileManager1");
+    await(loop, workspace.reveal(disk.file("refused/a.kvt")));
+    EXPECT_EQ(written(), "folders\n" + disk / "refused" + "\n");
 }
 
 TEST_F(LinuxWorkspaceThreads, WithoutAFileManagerOnTheBusTheFolderIsOpened)
