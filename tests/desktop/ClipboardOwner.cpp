@@ -179,4 +179,17 @@ void ClipboardOwner::nextPiece(const xcb_property_notify_event_t &event)
         transfers.erase(transfer);
 }
 
+FrontWindow::FrontWindow() : x(::xcb_connect(nullptr, nullptr))
+{
+    const xcb_screen_t *const screen = ::xcb_setup_roots_iterator(::xcb_get_setup(x)).data;
+    const xcb_window_t window = ::xcb_generate_id(x);
+    const std::uint32_t ground = screen->white_pixel; // without a picture some desktops do not show it
+    ::xcb_create_window(x, XCB_COPY_FROM_PARENT, window, screen->root, 0, 0, 200, 100, 0, XCB_WINDOW_CLASS_INPUT_OUTPUT,
+        XCB_COPY_FROM_PARENT, XCB_CW_BACK_PIXEL, &ground);
+    constexpr char named[] = "editor\0Example Editor";
+    ::xcb_change_property(x, XCB_PROP_MODE_REPLACE, window, XCB_ATOM_WM_CLASS, XCB_ATOM_STRING, 8, sizeof named, named);
+    ::xcb_map_window(x, window);
+    ::xcb_flush(x);
+}
+
 } // namespace korvane::test

@@ -69,4 +69,16 @@ private:
     std::thread thread;
 };
 
+/// A window of another program, which the desktop brings to the front. Its classes are "editor" and "Example Editor".
+class FrontWindow {
+public:
+    FrontWindow();
+    ~FrontWindow() { ::xcb_disconnect(x); }
+    FrontWindow(const FrontWindow &) = delete;
+    FrontWindow &operator=(const FrontWindow &) = delete;
+
+private:
+    xcb_connection_t *const x;
+};
+
 } // namespace korvane::test

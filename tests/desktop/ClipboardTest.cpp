@@ -267,6 +267,23 @@ TEST_F(FollowedClipboard, AHintThatCannotBeReadIsASecretAndAnotherWordIsNone)
     EXPECT_EQ(history(), Strings{});
 }
 
+TEST_F(FollowedClipboard, AMarkIsThatOfTheMomentAndNotOfTheLastEvent)
+{
+    EXPECT_FALSE(await(loop, watching.mark()).maybeSecret) << "nothing is there";
+    owner.copy({.forms = {{"UTF8_STRING", "pass word"}, {pasteboardForms::hint, "secret"}}});
+    EXPECT_TRUE(await(loop, watching.mark()).maybeSecret) << "though its event has not been read yet";
+    owner.copy("plain");
+    EXPECT_FALSE(await(loop, watching.mark()).maybeSecret);
+    EXPECT_EQ(await(loop, watching.mark()), (X11PasteboardWatching::Mark{.change = 2, .maybeSecret = false}));
+
+    owner.copy({.forms = {}, .answersNothing = true});
+    Begun<X11PasteboardWatching::Mark> question(loop, watching.mark());
+    const int asked = owner.asked;
+    ASSERT_TRUE(soon(loop, [&] { return owner.asked > asked; }));
+    clock.advance(X11PasteboardWatching::patience);
+    EXPECT_TRUE(question.result().maybeSecret) << "nobody said that it is not";
+}
+
 TEST_F(FollowedClipboard, ASecretThatComesBetweenTwoQuestionsIsNotTaken)
 {
     copied("plain");
@@ -333,32 +350,6 @@ TEST_F(FollowedClipboard, OurOwnCopyIsSeenLikeAnyOther)
         EXPECT_EQ(text(), copy);
     }
 }
-
-namespace {
-
-/// A window of another program, which the window manager brings to the front.
-class FrontWindow {
-public:
-    FrontWindow() : x(::xcb_connect(nullptr, nullptr))
-    {
-        const xcb_screen_t *const screen = ::xcb_setup_roots_iterator(::xcb_get_setup(x)).data;
-        const xcb_window_t window = ::xcb_generate_id(x);
-        ::xcb_create_window(x, XCB_COPY_FROM_PARENT, window, screen->root, 0, 0, 200, 100, 0, XCB_WINDOW_CLASS_INPUT_OUTPUT,
-            XCB_COPY_FROM_PARENT, 0, nullptr);
-        constexpr char named[] = "editor\0Example Editor";
-        ::xcb_change_property(x, XCB_PROP_MODE_REPLACE, window, XCB_ATOM_WM_CLASS, XCB_ATOM_STRING, 8, sizeof named, named);
-        ::xcb_map_window(x, window);
-        ::xcb_flush(x);
-    }
-    ~FrontWindow() { ::xcb_disconnect(x); }
-    FrontWindow(const FrontWindow &) = delete;
-    FrontWindow &operator=(const FrontWindow &) = delete;
-
-private:
-    xcb_connection_t *const x;
-};
-
-} // namespace
 
 TEST_F(FollowedClipboard, TheWindowInFrontTellsItsApplication)
 {

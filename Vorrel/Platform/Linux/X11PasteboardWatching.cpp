@@ -225,6 +225,13 @@ public:
             display->offer = std::move(found);
     }
 
+    /// All that the server has told before is known afterwards.
+    Task<void> catchUp()
+    {
+        const auto cookie = ::xcb_get_input_focus(display->connection);
+        co_await reply<xcb_get_input_focus_reply_t>(cookie.sequence);
+    }
+
     /// The content in a form, at most `limit` bytes.
     Task<Content> convert(xcb_atom_t form, std::size_t limit)
     {
@@ -538,6 +545,19 @@ Task<std::vector<std::string>> X11PasteboardWatching::types()
     if (held->offer.concealed)
         types.emplace_back(concealedType);
     co_return types;
+}
+
+Task<X11PasteboardWatching::Mark> X11PasteboardWatching::mark()
+{
+    const auto held = display;
+    if (!held->following)
+        co_return Mark{};
+    Question question(held);
+    co_await question.catchUp();
+    const Mark begun{.change = held->changes, .maybeSecret = held->owner != XCB_NONE};
+    co_await question.findOffer();
+    const bool told = held->offer.change == begun.change && held->changes == begun.change && !held->offer.types.empty();
+    co_return Mark{.change = held->changes, .maybeSecret = begun.maybeSecret && (!told || held->offer.concealed)};
 }
 
 Task<std::optional<std::string>> X11PasteboardWatching::string(Form form, std::size_t limit)

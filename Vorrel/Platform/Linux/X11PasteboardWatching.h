@@ -28,6 +28,13 @@ public:
     Task<std::vector<std::string>> types() override;
     Task<std::optional<std::string>> string(Form form, std::size_t limit) override;
     Task<std::optional<std::string>> frontmostApplication() override;
+    /// What the server knows at the moment of its answer, for whoever gets the content by another way.
+    struct Mark {
+        std::int64_t change = 0; ///< As `changeCount`.
+        bool maybeSecret = false; ///< What is there is marked, or nobody told in time that it is not.
+        bool operator==(const Mark &) const = default;
+    };
+    Task<Mark> mark();
     /// Whether the server has promised to tell of changes.
     bool following() const;
 
