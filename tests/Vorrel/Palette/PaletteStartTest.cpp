@@ -67,8 +67,8 @@ TEST(PaletteStart, TheClipboardHistoryHasARowOfItsOwn)
     EXPECT_EQ(row->title, "Clipboard History");
     EXPECT_EQ(row->subtitle, "Open Clipboard History");
     EXPECT_EQ(row->icon, CommandIcon::symbol("clipboard"));
-    EXPECT_EQ(row->keywords,
-        (Strings{"clipboard", L10n::text("Clipboard History"), L10n::simplifiedChinese("Clipboard History")}));
+    EXPECT_EQ(
+        row->keywords, (Strings{"clipboard", L10n::text("Clipboard History"), L10n::simplifiedChinese("Clipboard History")}));
     EXPECT_TRUE(row->keepsOpen);
     ASSERT_EQ(row->actions.size(), 1u);
     EXPECT_EQ(row->actions[0].id, "clipboard");

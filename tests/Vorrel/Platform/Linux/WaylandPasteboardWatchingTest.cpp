@@ -24,7 +24,7 @@ namespace {
 // $1 and so on are as the program is called: --list-types; --no-newline --type TYPE; --type text --watch echo.
 constexpr const char *scriptedPaste = R"sh(
 case "$*" in
-*--watch*) echo $$ >watcher; while read -r line <changes; do "$4"; done ;;
+*--watch*) exec 3<>changes; echo $$ >watcher; while read -r line <&3; do "$4"; done ;;
 *--list-types*) [ -s types ] && cat types ;;
 *) [ -x before ] && ./before "$3"; cat "content.$(echo "$3" | tr '/;=' '...')" ;;
 esac)sh";
@@ -40,7 +40,8 @@ struct ScriptedWayland : testing::Test {
     void begin()
     {
         watching.emplace(loop.executor(), pool.executor(), clock, environment());
-        ASSERT_TRUE(soon(loop, [this] { return !disk.contents("watcher").empty(); }));
+        ASSERT_TRUE(
+            soon(loop, [this] { return !disk.contents("watcher").empty() && watching->standing() == Standing::following; }));
     }
     Strings environment() const { return {"PATH=" + disk / "bin" + ":/usr/bin:/bin", "WAYLAND_DISPLAY=scripted"}; }
     void offer(const std::string &types, const std::string &text)
@@ -130,7 +131,7 @@ TEST_F(ScriptedWayland, ASecretThatComesBetweenTwoQuestionsIsNotTakenThoughNobod
 TEST_F(ScriptedWayland, AChangeThatIsToldRightAfterTheAnswerTakesItBack)
 {
     begin();
-    disk.script("before", "(sleep 0.05; echo >changes) >/dev/null 2>&1 &");
+    disk.script("before", "setsid sh -c 'sleep 0.05; echo >changes' >/dev/null 2>&1 &");
     copied("UTF8_STRING\n", "replaced");
     const auto change = watching->changeCount();
     EXPECT_EQ(text(), std::nullopt);
