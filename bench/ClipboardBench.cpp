@@ -1,6 +1,6 @@
 // Searches of a full clipboard history beside the same statement in the program "sqlite3", on the same file in the same run.
 //   korvane_bench_clipboard
-// Ends with 1 when the slowest twentieth of the searches takes more than 30 ms, or a search more than 1.5 times the rival.
+// Ends with 1 when 95 of 100 searches are not done within 30 ms, or within 1.5 times what the rival takes for 95 of 100.
 #include "Support/MainLoop.h"
 #include "Vorrel/Store/ClipboardRepository.h"
 #include "bench/Table.h"
@@ -19,7 +19,7 @@ namespace {
 
 constexpr std::size_t entries = 10'000, entrySize = 2'000; // texts, and bytes of each
 constexpr int repetitions = 41;
-constexpr double timeLimit = 30; // ms, of the slowest twentieth
+constexpr double timeLimit = 30; // ms
 constexpr double ratioLimit = 1.5;
 
 struct Search {
@@ -59,8 +59,8 @@ double milliseconds(const std::function<void()> &work)
     return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - begin).count();
 }
 
-/// What the program itself says that each statement took, in milliseconds. All run in one process, as ours do; the answers
-/// go to a file.
+/// The processor time that the program itself says each statement took, in milliseconds: it tells the other time in whole
+/// ones. All run in one process, as ours do, and the answers go nowhere.
 std::vector<double> rival(const test::DiskFolder &folder, const std::string &query)
 {
     std::string script = ".timer on\n.mode list\n";
@@ -76,9 +76,9 @@ std::vector<double> rival(const test::DiskFolder &folder, const std::string &que
     std::vector<double> times;
     std::ifstream said(folder / "times");
     for (std::string line; std::getline(said, line);) {
-        constexpr std::string_view head = "Run Time: real ";
-        if (line.starts_with(head))
-            times.push_back(std::strtod(line.c_str() + head.size(), nullptr) * 1000);
+        double real = 0, user = 0, system = 0;
+        if (std::sscanf(line.c_str(), "Run Time: real %lf user %lf sys %lf", &real, &user, &system) == 3)
+            times.push_back((user + system) * 1000);
     }
     return times;
 }
@@ -96,8 +96,8 @@ int main()
     test::await(loop, fill(database));
     const ClipboardRepository repository(database, clock);
 
-    bool kept = true;
-    Table table({"Query matches", "Rows", "Search ms", "95 % ms", "sqlite3 ms", "Ratio"});
+    std::vector<double> allOurs, allTheirs;
+    Table table({"Query matches", "Rows", "Search ms", "95 % ms", "sqlite3 ms", "95 % ms", "Ratio"});
     for (const Search &one : searches) {
         std::vector<double> ours;
         std::size_t rows = 0;
@@ -108,13 +108,18 @@ int main()
             std::fprintf(stderr, "sqlite3 gave %zu times\n", theirs.size());
             return 2;
         }
-        const double ratio = median(ours) / median(theirs);
-        kept = kept && percentile95(ours) <= timeLimit && ratio <= ratioLimit;
+        allOurs.insert(allOurs.end(), ours.begin(), ours.end());
+        allTheirs.insert(allTheirs.end(), theirs.begin(), theirs.end());
         table.add({one.matches, std::to_string(rows), number(median(ours), 2), number(percentile95(ours), 2),
-            number(median(theirs), 2), number(ratio, 2)});
+            number(median(theirs), 2), number(percentile95(theirs), 2), number(median(ours) / median(theirs), 2)});
     }
+    const double slowest = percentile95(allOurs), ratio = slowest / percentile95(allTheirs);
+    const bool kept = slowest <= timeLimit && ratio <= ratioLimit;
+    table.add({"all of these", "", number(median(allOurs), 2), number(slowest, 2), number(median(allTheirs), 2),
+        number(percentile95(allTheirs), 2), number(ratio, 2) + " at 95 %"});
     table.print();
-    std::printf("\nLimits: %.0f ms for 95 of 100 searches, ratio %.1f: %s\n", timeLimit, ratioLimit, kept ? "kept" : "EXCEEDED");
+    std::printf("\nLimits: %.0f ms for 95 of 100 searches, and %.1f times the rival's time for as many: %s\n", timeLimit,
+        ratioLimit, kept ? "kept" : "EXCEEDED");
     test::await(loop, database->close());
     return kept ? 0 : 1;
 }
