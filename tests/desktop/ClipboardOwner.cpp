@@ -100,6 +100,7 @@ void ClipboardOwner::run()
 void ClipboardOwner::answer(const xcb_selection_request_event_t &request)
 {
     const std::string form = nameOf(request.target);
+    requestor = request.requestor;
     ++asked;
     onRequest(form);
     {

@@ -40,6 +40,8 @@ public:
     /// Called on the owner's thread before each answer, with the form's name.
     std::function<void(const std::string &form)> onRequest = [](const std::string &) {};
     std::atomic<bool> diesAfterPiece = false; ///< Leaves the display when the first piece was taken.
+    /// Ends the connection of whoever asked last.
+    void cutOff() { ::xcb_kill_client(x, requestor), ::xcb_flush(x); }
     std::atomic<int> asked = 0; ///< Questions that arrived.
     std::atomic<std::size_t> sent = 0; ///< Bytes of pieces.
 
@@ -60,6 +62,7 @@ private:
 
     xcb_connection_t *const x;
     const xcb_window_t window;
+    std::atomic<xcb_window_t> requestor = XCB_NONE;
     std::mutex mutex;
     Copy present; // under the mutex
     std::size_t hugeSize = 0; // under the mutex; 0 for none

@@ -378,6 +378,20 @@ TEST_F(FollowedClipboard, ALookupThatHangsIsNotWaitedForLongerThanTwoSeconds)
     EXPECT_EQ(question.result(), std::nullopt);
 }
 
+TEST_F(FollowedClipboard, ALostConnectionEndsTheQuestionAndIsToldInOneSentence)
+{
+    copied({.forms = {}, .answersNothing = true});
+    Begun<Strings> question(loop, watching.types());
+    ASSERT_TRUE(soon(loop, [this] { return owner.asked == 1; }));
+    owner.cutOff();
+    EXPECT_THAT(question.result(), IsEmpty());
+    EXPECT_TRUE(soon(loop, [this] { return watching.obstacle.get().has_value(); }));
+    EXPECT_EQ(watching.obstacle.get(), "New copies are not kept: this display does not report them.");
+    EXPECT_FALSE(watching.following());
+    EXPECT_THAT(history(), IsEmpty());
+    EXPECT_EQ(await(loop, watching.frontmostApplication()), std::nullopt);
+}
+
 TEST(ClipboardOfNoDisplay, SaysWhyNothingIsKept)
 {
     MainLoop loop;
