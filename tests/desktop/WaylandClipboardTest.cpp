@@ -191,7 +191,7 @@ TEST_F(WaylandClipboard, NoProgramIsLeftBehind)
 
 int main(int argc, char **argv)
 {
-    if (std::system("command -v wl-copy wl-paste pgrep >/dev/null") != 0)
+    if (std::system("command -v wl-copy && command -v wl-paste && command -v pgrep") != 0)
         return 77;
     testing::InitGoogleMock(&argc, argv);
     return RUN_ALL_TESTS();
