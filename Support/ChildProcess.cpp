@@ -7,6 +7,7 @@
 #include <climits>
 #include <csignal>
 #include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -36,6 +37,7 @@ struct Prepared {
     const char *workingDirectory; ///< Null to stay.
     int reports;
     int output = -1, errors = -1; ///< For the standard streams; -1 for "/dev/null".
+    pid_t boundTo = 0; ///< The process with which the program ends; 0 for none.
 };
 
 void tell(int reports, Report report)
@@ -90,8 +92,19 @@ int arrangeDescriptors(const Prepared &prepared)
     return 3;
 }
 
+/// Makes a group, and asks to be ended when the parent is; it may have been already.
+void bindTo(pid_t parent, int reports)
+{
+    if (::setpgid(0, 0) != 0 || ::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0)
+        giveUp(reports);
+    if (::getppid() != parent)
+        ::_exit(127);
+}
+
 [[noreturn]] void becomeProgram(const Prepared &prepared)
 {
+    if (prepared.boundTo != 0)
+        bindTo(prepared.boundTo, prepared.reports);
     tell(prepared.reports, {Report::Started, ::getpid()});
     const int reports = arrangeDescriptors(prepared);
     resetSignals();
@@ -267,6 +280,7 @@ PipedProcess spawnPipedProcess(const ChildProcess::Options &options)
     makeNonBlocking(errors.reading);
     start.prepared.output = output.writing.get();
     start.prepared.errors = errors.writing.get();
+    start.prepared.boundTo = options.endsWithUs ? ::getpid() : 0;
     const pid_t child = start.fork([](const Prepared &prepared) { becomeProgram(prepared); });
     try {
         readReports(start.reports.reading);

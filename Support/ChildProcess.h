@@ -20,6 +20,9 @@ struct ChildProcess {
         std::vector<std::string> environment;
         /// Empty stands for the present working folder.
         std::string workingDirectory;
+        /// A piped child leads a process group, by which it and what it starts can be ended, and it is ended when the thread
+        /// that started it ends, however this process goes.
+        bool endsWithUs = false;
     };
 };
 

@@ -31,6 +31,8 @@ public:
     Task<void> capture();
     /// Rows of the entries that contain the text, the newest first, at most 500. Throws what the repository throws.
     virtual Task<Rows> search(std::string query);
+    /// Why nothing new is kept here, a key of `L10n`; nothing while it is.
+    virtual std::optional<std::string> obstacle() const { return watching ? watching->obstacle.get() : std::nullopt; }
 
     bool enabled = true; ///< Whether what is copied is kept.
     int maximumItems = 500; ///< How many entries are kept, 1 to 10,000.

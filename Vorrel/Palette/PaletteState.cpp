@@ -398,10 +398,12 @@ Task<void> PaletteState::clipboardTask(std::weak_ptr<PaletteState> weak, AppServ
     const auto self = weak.lock();
     if (!self || cancelled)
         co_return;
-    if (failure)
+    if (failure) {
         self->_error = AppError::friendly(failure);
-    else
+    } else {
         self->_results = std::move(rows);
+        self->_error = services.clipboard->obstacle();
+    }
     self->_searching = false;
 }
 
@@ -992,6 +994,18 @@ void PaletteState::registerWindowCommands()
         .icon = CommandIcon::symbol("doc.text.magnifyingglass"),
         .keepsOpen = true,
         .actions = {{.id = "files", .title = files, .execute = doing([](PaletteState &state) { state.enter(Mode::files); })}},
+    }));
+    const char *const clipboard = L10n::key("Clipboard History");
+    registry.registerCommand(std::make_shared<StaticCommand>(CommandResultFields{
+        .id = "clipboard",
+        .title = clipboard,
+        .subtitle = L10n::key("Open Clipboard History"),
+        .keywords = {"clipboard", L10n::text(clipboard), L10n::simplifiedChinese(clipboard)},
+        .icon = CommandIcon::symbol("clipboard"),
+        .keepsOpen = true,
+        .actions = {{.id = "clipboard", .title = clipboard, .execute = doing([](PaletteState &state) {
+                         state.enter(Mode::clipboard);
+                     })}},
     }));
     const char *const settings = L10n::key("Open Settings");
     registry.registerCommand(std::make_shared<StaticCommand>(CommandResultFields{

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Support/Observed.h"
 #include "Support/Task.h"
 
 #include <cstddef>
@@ -18,16 +19,20 @@ public:
 
     /// A number that is another one after each change by anybody. Costs nothing.
     virtual std::int64_t changeCount() const = 0;
-    /// Names of the forms in which the content is offered. The system's own marks for what shall not be kept are told as
-    /// `concealedType`.
+    /// Names of the forms in which the content is offered; none when nobody told them in time, and `string` then has no
+    /// answer either. The system's own marks for what shall not be kept are told as `concealedType`.
     virtual Task<std::vector<std::string>> types() = 0;
 
     enum class Form { text, url };
-    /// The content in this form; nothing where it is not offered, is not UTF-8, or has more than `limit` bytes, which are then
-    /// not transferred.
+    /// The content in this form; nothing where it is not offered, is concealed, is not UTF-8, or has more than `limit` bytes,
+    /// which are then not transferred.
     virtual Task<std::optional<std::string>> string(Form form, std::size_t limit) = 0;
     /// Identifier of the application in front; nothing when that is not known.
     virtual Task<std::optional<std::string>> frontmostApplication() = 0;
+
+    /// Why nothing can be followed here, a sentence for the user and a key of `L10n`; nothing while it can. May change when the
+    /// desktop is lost or turns out to be silent.
+    Observed<std::optional<std::string>> obstacle;
 
     static constexpr const char *concealedType = "org.nspasteboard.ConcealedType";
     static constexpr const char *transientType = "org.nspasteboard.TransientType";

@@ -109,11 +109,22 @@ Task<void> SettingsState::saveTask(AppPreferences copy, int editedLimit)
             clamped.clipboardLimit = copy.clipboardLimit;
             preferences = clamped;
         }
-        message = L10n::key("Settings saved.");
+        co_await prune(copy.clipboardLimit);
     } catch (...) {
         message = AppError::friendly(std::current_exception());
     }
     saving = false;
+}
+
+Task<void> SettingsState::prune(int limit)
+{
+    try {
+        const ClipboardRepository clipboard(services.database, services.platform.clock);
+        co_await clipboard.prune(limit);
+        message = L10n::key("Settings saved.");
+    } catch (...) {
+        message = L10n::key("Settings saved, but old clipboard entries could not be trimmed. Try saving again.");
+    }
 }
 
 Task<void> SettingsState::saveOrThrow(AppPreferences &copy)

@@ -86,6 +86,8 @@ private:
     void apply(const AppPreferences &wanted);
     Task<void> saveTask(AppPreferences copy, int editedLimit);
     Task<void> saveOrThrow(AppPreferences &copy);
+    /// Brings the history of copied texts down to its new size, and says how saving ended.
+    Task<void> prune(int limit);
     void rollBackHotkey(const HotkeyConfiguration &registered);
     Task<void> openKeyboardSettingsTask();
 

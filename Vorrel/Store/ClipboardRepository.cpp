@@ -27,14 +27,16 @@ std::string kindOf(const std::string &content)
     return isAddress ? "url" : "text";
 }
 
-std::optional<ClipboardEntry> entryFrom(const SQLRow &row)
+/// Takes the content out of the row.
+std::optional<ClipboardEntry> entryFrom(SQLRow row)
 {
-    const auto *id = text(row, "id"), *content = text(row, "content"), *kind = text(row, "kind"),
-               *created = text(row, "created_at"), *source = text(row, "source_app");
-    if (!id || !content)
+    const auto *id = text(row, "id"), *kind = text(row, "kind"), *created = text(row, "created_at"),
+               *source = text(row, "source_app");
+    const auto content = row.find("content");
+    if (!id || content == row.end())
         return std::nullopt;
     return ClipboardEntry{.id = *id,
-        .content = *content,
+        .content = std::move(content->second),
         .kind = kind ? *kind : "text",
         .createdAt = created ? realFrom(*created).value_or(0) : 0,
         .sourceApp = source ? std::optional(*source) : std::nullopt};
@@ -72,10 +74,11 @@ Task<void> ClipboardRepository::prune(int limit) const
 Task<std::vector<ClipboardEntry>> ClipboardRepository::search(std::string query) const
 {
     std::vector<SQLValue> values{std::move(query)};
-    const auto rows = co_await database->rows(searchSql, std::move(values));
+    auto rows = co_await database->rows(searchSql, std::move(values));
     std::vector<ClipboardEntry> entries;
-    for (const auto &row : rows)
-        if (auto entry = entryFrom(row))
+    entries.reserve(rows.size());
+    for (auto &row : rows)
+        if (auto entry = entryFrom(std::move(row)))
             entries.push_back(std::move(*entry));
     co_return entries;
 }
@@ -83,8 +86,8 @@ Task<std::vector<ClipboardEntry>> ClipboardRepository::search(std::string query)
 Task<std::optional<ClipboardEntry>> ClipboardRepository::entry(std::string id) const
 {
     std::vector<SQLValue> values{std::move(id)};
-    const auto rows = co_await database->rows(entrySql, std::move(values));
-    co_return rows.empty() ? std::nullopt : entryFrom(rows.front());
+    auto rows = co_await database->rows(entrySql, std::move(values));
+    co_return rows.empty() ? std::nullopt : entryFrom(std::move(rows.front()));
 }
 
 Task<void> ClipboardRepository::clear() const { co_await database->execute(clearSql); }

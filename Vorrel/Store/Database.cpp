@@ -1,4 +1,5 @@
 #include "Vorrel/Store/Database.h"
+#include "Vorrel/Store/TextFunctions.h"
 
 #include "CommandCore/Commands.h"
 
@@ -386,6 +387,7 @@ void Database::Connection::open()
         throw failure("Could not open the local database.");
     }
     sqlite3_busy_timeout(handle, int(patience.count()));
+    useOwnTextFunctions(handle);
     if (reads)
         return;
     try {

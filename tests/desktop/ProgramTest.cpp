@@ -406,6 +406,23 @@ TEST(Program, APathCopiedByTheCompanionIsThePathByteByByte)
     EXPECT_EQ(output("timeout 3 xclip -selection clipboard -t UTF8_STRING -o"), "/srv/tide \xff.txt");
 }
 
+TEST(Program, WhatOtherProgramsCopyIsInTheHistoryAndSecretsAreNot)
+{
+    const Program program({korvane});
+    ASSERT_TRUE(program.ready());
+    const auto listed = [] { return output(std::string(KORVANE_BINARIES) + "/korvanectl clipboard list"); };
+    const auto copy = [](const std::string &text, const std::string &form) {
+        output("printf '" + text + "' | xclip -selection clipboard -t " + form + " -i >/dev/null");
+    };
+    copy("copied letter", "UTF8_STRING");
+    EXPECT_TRUE(soon([&] { return listed().find("copied letter") != std::string::npos; })) << program.said();
+    copy("secret", "x-kde-passwordManagerHint");
+    copy("second letter", "UTF8_STRING");
+    EXPECT_TRUE(soon([&] { return listed().find("second letter") < listed().find("copied letter"); }));
+    EXPECT_EQ(listed().find("secret"), std::string::npos);
+    EXPECT_FALSE(program.says("letter")) << "logs never hold it";
+}
+
 TEST(Program, TheGlobalKeyShowsThePaletteAndHidesItAndTheKeyboardIsWhereItWas)
 {
     FakeKeyboard keyboard;

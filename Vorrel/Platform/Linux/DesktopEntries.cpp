@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
+#include <filesystem>
 #include <glib.h>
 #include <memory>
 #include <sys/stat.h>
@@ -247,6 +248,7 @@ std::optional<DesktopEntry> DesktopEntry::parse(std::string_view bytes, const De
         return std::nullopt;
     entry.icon = file->localized(mainGroup, "Icon", environment.languages);
     entry.workingDirectory = file->text(mainGroup, "Path").value_or("");
+    entry.windowClass = file->text(mainGroup, "StartupWMClass").value_or("");
     entry.terminal = file->flag(mainGroup, "Terminal");
     entry.shown = belongsHere(*file, environment.currentDesktop) && canBeTried(*file, environment.path);
     entry.actions = readActions(*file, entry, environment.languages);
@@ -342,6 +344,53 @@ std::vector<ApplicationOwnAction> DesktopEntries::actions(const std::string &pat
         for (const auto &action : entry->actions)
             actions.push_back({action.id, action.name});
     return actions;
+}
+
+namespace {
+
+std::string lowerCase(std::string text)
+{
+    for (char &letter : text)
+        if (letter >= 'A' && letter <= 'Z')
+            letter = static_cast<char>(letter - 'A' + 'a');
+    return text;
+}
+
+/// Files below a folder, in no order; what cannot be read is left out.
+std::vector<std::string> entriesBelow(const std::string &root)
+{
+    namespace fs = std::filesystem;
+    constexpr int deepest = 4; // folders
+    std::vector<std::string> paths;
+    std::error_code failed;
+    for (fs::recursive_directory_iterator at(root, fs::directory_options::skip_permission_denied, failed), end;
+         !failed && at != end; at.increment(failed)) {
+        if (at.depth() >= deepest)
+            at.disable_recursion_pending();
+        if (at->path().extension() == ".desktop")
+            paths.push_back(at->path().native());
+    }
+    return paths;
+}
+
+} // namespace
+
+std::map<std::string, std::string> DesktopEntries::identifiersByWindowClass() const
+{
+    std::map<std::string, std::string> told, guessed;
+    for (const auto &root : roots())
+        for (const auto &path : entriesBelow(root)) {
+            const auto entry = DesktopEntry::read(path, environment);
+            if (!entry || entry->masks)
+                continue;
+            const std::string id = desktopIdentifier(root, path);
+            guessed[lowerCase(id)] = id;
+            guessed.try_emplace(lowerCase(id.substr(id.rfind('.') + 1)), id);
+            if (!entry->windowClass.empty())
+                told[lowerCase(entry->windowClass)] = id;
+        }
+    told.merge(guessed);
+    return told;
 }
 
 } // namespace korvane

@@ -3,6 +3,7 @@
 #include "Vorrel/Platform/ApplicationSource.h"
 #include "Vorrel/Platform/Linux/LinuxEnvironment.h"
 
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -39,6 +40,7 @@ struct DesktopEntry {
     std::string exec; ///< General escapes undone; may be empty where D-Bus activates the application.
     std::string icon;
     std::string workingDirectory; ///< Empty for none.
+    std::string windowClass; ///< The class of its windows, where the file tells it; otherwise empty.
     bool terminal = false;
     bool dbusActivatable = false;
     /// Hidden or not to be displayed: nothing else of the entry need make sense.
@@ -65,6 +67,9 @@ public:
     std::string extension() const override { return "desktop"; }
     std::optional<ApplicationEntry> read(const std::string &root, const std::string &path) const override;
     std::vector<ApplicationOwnAction> actions(const std::string &path) const override;
+    /// The identifiers of listed applications by the class of their windows, in lower case: what their files tell, and for
+    /// the others the identifier itself and its last part. Looks at every file.
+    std::map<std::string, std::string> identifiersByWindowClass() const;
 
 private:
     const DesktopEnvironment environment;

@@ -74,6 +74,8 @@ Platform LinuxPlatform::ports(Dialogs &dialogs, Pasteboard &pasteboard, bool wat
 {
     if (watches && !watcher)
         watcher = std::make_unique<FolderMonitor>(mainThread);
+    if (watches && !clipboard)
+        clipboard = std::make_unique<LinuxPasteboardWatching>(mainThread, pool.executor(), clock, variables, entries);
     if (watches)
         follow();
     return {.mainThread = mainThread,
@@ -90,6 +92,7 @@ Platform LinuxPlatform::ports(Dialogs &dialogs, Pasteboard &pasteboard, bool wat
         .walker = &walker,
         .indexPlaces = IndexPlaces::linux(folders),
         .fileEvents = following->events.get(),
+        .pasteboardWatching = clipboard.get(),
         .shortcutsTool = ShortcutsTool{std::filesystem::path(executablePath()).parent_path() / "korvane-shortcuts", variables}};
 }
 

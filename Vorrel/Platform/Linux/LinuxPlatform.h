@@ -8,6 +8,7 @@
 #include "Vorrel/Platform/Linux/Launcher.h"
 #include "Vorrel/Platform/Linux/LinuxDirectoryWalker.h"
 #include "Vorrel/Platform/Linux/LinuxEnvironment.h"
+#include "Vorrel/Platform/Linux/LinuxPasteboardWatching.h"
 #include "Vorrel/Platform/Linux/LinuxSystemControl.h"
 #include "Vorrel/Platform/Linux/LinuxWorkspace.h"
 #include "Vorrel/Platform/Platform.h"
@@ -24,7 +25,8 @@ public:
     LinuxPlatform(Executor mainThread, std::vector<std::string> environment, std::function<std::string()> token = {});
     ~LinuxPlatform();
 
-    /// The ports, with the two that only a front end can serve. Folders are watched and the disk is followed if `watches`.
+    /// The ports, with the two that only a front end can serve. Folders are watched, and the disk and the clipboard are
+    /// followed, if `watches`.
     Platform ports(Dialogs &dialogs, Pasteboard &pasteboard, bool watches);
     /// Where the tables of texts are, for a program at `executable`.
     L10n::Places textPlaces(const std::string &executable) const;
@@ -49,6 +51,7 @@ private:
     LinuxWorkspace workspace;
     LinuxSystemControl system;
     std::unique_ptr<FolderMonitor> watcher;
+    std::unique_ptr<LinuxPasteboardWatching> clipboard;
     std::shared_ptr<Following> following; ///< Shared with walks, which may hang in the system longer than this lives.
     LinuxDirectoryWalker walker;
     std::unique_ptr<WorkerThread> eventThread;

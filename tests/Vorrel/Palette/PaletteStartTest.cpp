@@ -39,7 +39,7 @@ TEST(PaletteStart, RegistersTheSystemCommandsInTheirShape)
         {"sleep", "Sleep", "moon", ActionRole::write},
         {"trash", "Empty Trash", "trash", ActionRole::destructive},
     };
-    EXPECT_EQ(palette.state->registry.commands().size(), std::size(expected) + 2) << "with files and settings";
+    EXPECT_EQ(palette.state->registry.commands().size(), std::size(expected) + 3) << "with files, clipboard and settings";
     for (const auto &[id, title, symbol, role] : expected) {
         SCOPED_TRACE(id);
         const Row row = palette.state->registry.result(id);
@@ -56,6 +56,28 @@ TEST(PaletteStart, RegistersTheSystemCommandsInTheirShape)
         EXPECT_EQ(row->actions[0].role, role);
         EXPECT_EQ(row->actions[0].flow, ActionFlow::direct());
     }
+}
+
+TEST(PaletteStart, TheClipboardHistoryHasARowOfItsOwn)
+{
+    TestPalette palette;
+    palette.start();
+    const Row row = palette.state->registry.result("clipboard");
+    ASSERT_TRUE(row);
+    EXPECT_EQ(row->title, "Clipboard History");
+    EXPECT_EQ(row->subtitle, "Open Clipboard History");
+    EXPECT_EQ(row->icon, CommandIcon::symbol("clipboard"));
+    EXPECT_EQ(
+        row->keywords, (Strings{"clipboard", L10n::text("Clipboard History"), L10n::simplifiedChinese("Clipboard History")}));
+    EXPECT_TRUE(row->keepsOpen);
+    ASSERT_EQ(row->actions.size(), 1u);
+    EXPECT_EQ(row->actions[0].id, "clipboard");
+    EXPECT_EQ(row->actions[0].title, "Clipboard History");
+    EXPECT_EQ(row->actions[0].role, ActionRole::normal);
+    palette.type("clipb");
+    palette.run();
+    EXPECT_EQ(palette.state->mode(), PaletteState::Mode::clipboard);
+    EXPECT_EQ(palette.state->query(), "");
 }
 
 TEST(PaletteStart, FilesAndSettingsHaveRowsOfTheirOwn)

@@ -7,6 +7,7 @@
 
 using namespace korvane;
 using namespace korvane::test;
+using namespace std::chrono_literals;
 using Tab = SettingsState::Tab;
 
 namespace {
@@ -189,6 +190,34 @@ TEST(SettingsState, TheClipboardLimitIsSavedWithinItsBounds)
         EXPECT_EQ(settings.model().preferences->clipboardLimit, c.saved) << "the field shows what was saved";
         EXPECT_EQ(settings.clipboard->maximumItems, c.saved);
     }
+}
+
+TEST(SettingsState, ASmallerLimitTrimsTheHistoryAtOnce)
+{
+    Settings settings;
+    const ClipboardRepository history(settings.services->database, settings.clock);
+    for (const char *text : {"one", "two", "three"}) {
+        settings.clock.advance(1s);
+        await(settings.loop, history.insert(text, {}, 500));
+    }
+    settings.edit([](AppPreferences &draft) { draft.clipboardLimit = 0; });
+    settings.save();
+    const auto left = await(settings.loop, history.search(""));
+    ASSERT_EQ(left.size(), 1u);
+    EXPECT_EQ(left[0].content, "three");
+    EXPECT_EQ(settings.message(), "Settings saved.");
+}
+
+TEST(SettingsState, AHistoryThatCannotBeTrimmedIsToldAndTheSettingsStand)
+{
+    Settings settings;
+    await(settings.loop, settings.services->database->execute("DROP TABLE clipboard_history"));
+    settings.edit([](AppPreferences &draft) { draft.clipboardLimit = 7; });
+    settings.save();
+    EXPECT_EQ(settings.message(), "Settings saved, but old clipboard entries could not be trimmed. Try saving again.");
+    EXPECT_EQ(AppPreferences::decode(*settings.stored()).clipboardLimit, 7);
+    EXPECT_EQ(settings.clipboard->maximumItems, 7);
+    EXPECT_FALSE(settings.model().saving.get());
 }
 
 TEST(SettingsState, EditsMadeDuringASaveAreKept)
