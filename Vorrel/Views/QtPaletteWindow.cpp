@@ -597,7 +597,8 @@ bool QtPaletteWindow::keyboardIsLost() const
 bool QtPaletteWindow::overtakenByOwnWindow() const
 {
     const QWidget *active = QApplication::activeWindow();
-    return isFresh() && active && active != _surface.get() && !hasSheet();
+    const bool isAbove = active && active->windowFlags() & Qt::WindowStaysOnTopHint; // such as the preview of a file
+    return isFresh() && active && active != _surface.get() && !isAbove && !hasSheet();
 }
 
 void QtPaletteWindow::deactivated()

@@ -141,9 +141,9 @@ private:
     QGridLayout *grid;
     QWidget *iconPlace;
     QPixmap icon;
+    std::vector<Text *> texts; // all of them
     Text *sentence;
     std::vector<std::pair<Text *, Text *>> rows;
-    std::vector<Text *> texts;
 };
 
 } // namespace korvane

@@ -7,11 +7,13 @@
 #include <gtest/gtest.h>
 
 #include <QBuffer>
+#include <QFile>
 #include <QGuiApplication>
 #include <QImage>
 #include <QPageSize>
 #include <QPainter>
 #include <QPdfWriter>
+#include <QTemporaryDir>
 
 #include <chrono>
 #include <functional>
@@ -118,11 +120,21 @@ protected:
         return await(loop, process->ask(request, std::move(file)));
     }
     Outcome outcomeOf(const Request &request, const QByteArray &bytes) { return ask(request, fileOf(bytes)).reply.outcome; }
+    /// Another program in the decoder's place.
+    void useScript(const std::string &line)
+    {
+        program = scripts.path().toStdString() + "/decoder";
+        QFile script(QString::fromStdString(program));
+        ASSERT_TRUE(script.open(QIODevice::WriteOnly));
+        script.write(QByteArray::fromStdString("#!/bin/sh\n" + line + "\n"));
+        script.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    }
     static QRgb pixelOf(const DecoderProcess::Answer &answer, int x, int y)
     {
         return reinterpret_cast<const QRgb *>(answer.bytes.data())[y * answer.reply.width + x];
     }
 
+    QTemporaryDir scripts;
     MainLoop loop;
     std::string program = KORVANE_BINARIES "/korvane-preview";
     std::unique_ptr<DecoderProcess> process;
@@ -347,16 +359,17 @@ TEST_F(Decoder, AProgramThatIsNotThereFailsEveryRequest)
 
 TEST_F(Decoder, AProgramThatSpeaksNonsenseFailsAndIsEnded)
 {
-    program = "/bin/cat"; // what it hears comes back
+    useScript("head -c 4096 /dev/zero >&0");
     EXPECT_EQ(outcomeOf(picture, encoded(drawing(2, 2), "PNG")), Outcome::Failed);
     EXPECT_TRUE(process->ended());
 }
 
 TEST_F(Decoder, EndingItDropsWhatWasAskedWithoutWaiting)
 {
-    program = "/bin/sleep"; // ends at once without an argument
+    useScript("exec sleep 60");
     process = std::make_unique<DecoderProcess>(program);
     Begun<DecoderProcess::Answer> asked(loop, process->ask(picture, fileOf({})));
+    loop.runUntilIdle(); // it is asked now
     process.reset();
     const auto outcome = [&] {
         try {
