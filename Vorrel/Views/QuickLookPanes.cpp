@@ -20,6 +20,7 @@ static QString fromUtf16(const std::u16string &text) { return QString::fromUtf16
 FileTextPane::FileTextPane(Appearance &appearance, QWidget *parent) : TextPane(appearance, parent), look(appearance)
 {
     setUndoRedoEnabled(false);
+    setCursorWidth(0); // nothing can be written here
     setFocusPolicy(Qt::StrongFocus);
     setViewportMargins(Metrics::margin, 0, Metrics::margin - 8, 0);
     setWordWrapMode(QTextOption::WrapAtWordBoundaryOrAnywhere);
@@ -296,23 +297,24 @@ void PagesPane::keyPressEvent(QKeyEvent *event)
 // FileCard
 
 FileCard::FileCard(Appearance &appearance, QWidget *parent) :
-    QWidget(parent), appearance(appearance), grid(new QGridLayout), iconPlace(new QWidget(this)),
-    sentence(add(Text::Tone::Secondary))
+    QWidget(parent), appearance(appearance), grid(new QGridLayout), iconPlace(new QWidget(this)), sentence(add(Text::Tone::Main))
 {
     setFocusPolicy(Qt::StrongFocus);
     iconPlace->setFixedSize(iconSize, iconSize);
     sentence->setWordWrap(true);
+    sentence->setContentsMargins(0, 0, 0, 12);
+    sentence->setSizePolicy(QSizePolicy::Preferred, QSizePolicy::Maximum);
     sentence->hide();
     grid->setHorizontalSpacing(14);
     grid->setVerticalSpacing(7);
     grid->setColumnStretch(1, 1);
 
     auto *facts = new QVBoxLayout;
-    facts->addStretch();
+    facts->setSpacing(0);
+    facts->addStretch(1);
     facts->addWidget(sentence);
-    facts->addSpacing(8);
     facts->addLayout(grid);
-    facts->addStretch();
+    facts->addStretch(1);
     auto *row = new QHBoxLayout(this);
     row->setContentsMargins(36, 16, 36, 24);
     row->setSpacing(32);
