@@ -54,6 +54,7 @@ public:
     void show(const QImage &picture, const QSize &full, bool isDrawing);
     /// In pixels of the screen: what it can use at its present size.
     QSize room() const;
+    QSize pixels() const { return picture.size(); } ///< That are there to be shown.
 
     std::function<void()> resized = [] {};
 

@@ -195,31 +195,31 @@ void writeNotes(const QString &path)
 /// Hills behind a lake in the evening.
 void writePhotograph(const QString &path)
 {
-    constexpr int width = 1600, height = 1000;
+    constexpr int width = 960, height = 600;
     QImage image(width, height, QImage::Format_RGB32);
     QPainter painter(&image);
     painter.setRenderHint(QPainter::Antialiasing);
-    QLinearGradient sky(0, 0, 0, 620);
+    QLinearGradient sky(0, 0, 0, 380);
     sky.setColorAt(0, QColor(0x31, 0x3e, 0x6b));
     sky.setColorAt(0.7, QColor(0xe3, 0x8f, 0x7c));
     sky.setColorAt(1, QColor(0xf7, 0xd0, 0x9a));
     painter.fillRect(0, 0, width, height, sky);
     painter.setPen(Qt::NoPen);
     painter.setBrush(QColor(0xff, 0xf1, 0xd0));
-    painter.drawEllipse(QPointF(1060, 520), 64, 64);
+    painter.drawEllipse(QPointF(640, 318), 38, 38);
     const QColor hills[] = {QColor(0x6d, 0x5b, 0x86), QColor(0x4a, 0x45, 0x70), QColor(0x2b, 0x2e, 0x52)};
     for (int hill = 0; hill < 3; hill++) {
         QPolygonF outline{{0, height}};
         for (int x = 0; x <= width; x += 10)
             outline << QPointF(
-                x, 560 + 70 * hill + 60 * std::sin(x / (170.0 + 60 * hill) + 2 * hill) + 22 * std::sin(x / 61.0 + hill));
+                x, 336 + 42 * hill + 36 * std::sin(x / (102.0 + 36 * hill) + 2 * hill) + 13 * std::sin(x / 37.0 + hill));
         painter.setBrush(hills[hill]);
         painter.drawPolygon(outline << QPointF(width, height));
     }
-    QLinearGradient water(0, 800, 0, height);
+    QLinearGradient water(0, 480, 0, height);
     water.setColorAt(0, QColor(0xb0, 0x78, 0x80));
     water.setColorAt(1, QColor(0x24, 0x2a, 0x4c));
-    painter.fillRect(0, 800, width, 200, water);
+    painter.fillRect(0, 480, width, 120, water);
     painter.end();
     image.save(path, "JPG", 90);
 }
