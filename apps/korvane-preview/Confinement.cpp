@@ -14,7 +14,9 @@ namespace korvane {
 
 namespace {
 
-constexpr rlim_t mostMemory = rlim_t(2) << 30;
+#if !__has_feature(address_sanitizer) && !__has_feature(thread_sanitizer)
+constexpr rlim_t mostMemory = rlim_t(2) << 30; // bytes
+#endif
 constexpr rlim_t mostFiles = 256;
 constexpr rlim_t mostSeconds = 10;
 
