@@ -15,7 +15,9 @@
 #include <QPdfWriter>
 #include <QTemporaryDir>
 
-#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <random>
 #include <sys/mman.h>
@@ -341,6 +343,27 @@ TEST_F(Decoder, HundredsOfBrokenFilesHarmNothing)
     EXPECT_GT(done, 20) << "some changes do little";
     EXPECT_GT(failed, 20) << "and some a lot";
     EXPECT_EQ(outcomeOf(picture, still), Outcome::Done);
+}
+
+/// What the system says of the only child of this process.
+static std::string statusOfChild()
+{
+    for (const auto &entry : std::filesystem::directory_iterator("/proc")) {
+        std::ifstream file(entry.path() / "status");
+        const std::string status(std::istreambuf_iterator<char>(file), {});
+        if (status.find("PPid:\t" + std::to_string(::getpid()) + "\n") != std::string::npos)
+            return status;
+    }
+    return {};
+}
+
+TEST_F(Decoder, TheProcessHasGivenUpWhatItDoesNotNeed)
+{
+    ASSERT_EQ(outcomeOf(picture, encoded(drawing(2, 2), "PNG")), Outcome::Done);
+    const std::string status = statusOfChild();
+    EXPECT_THAT(status, testing::HasSubstr("korvane-preview"));
+    EXPECT_THAT(status, testing::HasSubstr("NoNewPrivs:\t1"));
+    EXPECT_THAT(status, testing::HasSubstr("Seccomp:\t2")) << "calls are filtered";
 }
 
 TEST_F(Decoder, AFileThatShrinksWhileItIsReadFailsAndNothingElse)
