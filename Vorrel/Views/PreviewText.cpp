@@ -153,6 +153,13 @@ public:
     Lines take(std::u16string_view text)
     {
         for (std::size_t i = 0; i < text.size(); i++) {
+            // Most of a text is letters, which are taken many at a time.
+            const std::size_t end = endOfPlain(text, i, std::min(text.size(), i + longestLine - std::min(length, longestLine)));
+            part += text.substr(i, end - i);
+            length += end - i;
+            i = end;
+            if (i == text.size())
+                break;
             const char16_t unit = text[i];
             if (unit == u'\r' && i + 1 < text.size() && text[i + 1] == u'\n')
                 continue;
@@ -166,6 +173,14 @@ public:
     }
 
 private:
+    static std::size_t endOfPlain(std::u16string_view text, std::size_t from, std::size_t end)
+    {
+        const auto isPlain = [](char16_t unit) { return unit >= 0x20 && unit < 0x7f; };
+        while (from < end && isPlain(text[from]))
+            from++;
+        return from;
+    }
+
     void add(char16_t unit)
     {
         if (length >= longestLine && !U16_IS_TRAIL(unit)) {
