@@ -28,8 +28,6 @@ namespace korvane {
 using namespace std::chrono_literals;
 
 static constexpr auto quietFor = 100ms; // before it says that it loads
-static constexpr auto startDelay = 400ms; // the palette's own first moments come first
-static constexpr auto keptFor = 30s;
 static constexpr auto partPause = 3ms; // between parts of a text: what the user does comes in between
 static constexpr auto firstSumLook = 20ms, sumLook = 100ms;
 static constexpr auto resizePause = 120ms;
@@ -334,7 +332,6 @@ bool QtPreviewWindow::show(const std::string &path, Events events)
             return pressed && pressed(press);
         };
     }
-    ending.cancel();
     showing = std::make_unique<Showing>();
     showing->path = path;
     showing->events = std::move(events);
@@ -376,44 +373,9 @@ void QtPreviewWindow::dropShowing()
 {
     if (!showing)
         return;
-    if (showing->asked > 0)
-        decoder.reset(); // whatever it is at, nobody waits for it
+    decoder.reset(); // whatever it is at, nobody waits for it
     showing.reset();
     _surface->put(nullptr);
-    restDecoder();
-}
-
-void QtPreviewWindow::expect(bool soon)
-{
-    expected = soon;
-    if (!soon) {
-        starting.cancel();
-        restDecoder();
-        return;
-    }
-    ending.cancel();
-    if (!decoder)
-        starting = spawn(mainThread, startSoon());
-}
-
-Task<void> QtPreviewWindow::startSoon()
-{
-    co_await throwIfCancelled();
-    co_await clock.sleep(startDelay);
-    decodes();
-}
-
-Task<void> QtPreviewWindow::endLater()
-{
-    co_await throwIfCancelled();
-    co_await clock.sleep(keptFor);
-    decoder.reset();
-}
-
-void QtPreviewWindow::restDecoder()
-{
-    if (decoder && !expected && !showing)
-        ending = spawn(mainThread, endLater());
 }
 
 DecoderProcess &QtPreviewWindow::decodes()

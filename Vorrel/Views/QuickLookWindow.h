@@ -31,10 +31,6 @@ public:
     bool show(const std::string &path, Events events) override;
     void close() override;
 
-    /// A file may be asked for soon, since the palette stands: what decodes is started after a moment, so that it need not be
-    /// waited for. It is ended some time after the last reason for it.
-    void expect(bool soon);
-
     QWidget *surface() const;
     /// Whether everything that was asked for is shown.
     bool settled() const;
@@ -55,8 +51,6 @@ private:
     Task<void> appearLate();
     Task<DecoderProcess::Answer> ask(decoding::Request request);
 
-    Task<void> startSoon();
-    Task<void> endLater();
     static Task<void> tell(std::function<void()> closed);
 
     void arrange(QSize contents);
@@ -64,7 +58,6 @@ private:
     void userClosed();
     void dropShowing();
     DecoderProcess &decodes();
-    void restDecoder();
 
     Executor mainThread;
     Clock &clock;
@@ -72,10 +65,9 @@ private:
     const std::string decoderProgram;
     std::shared_ptr<IconStore> icons;
     std::unique_ptr<Surface> _surface;
-    std::unique_ptr<DecoderProcess> decoder; // when there is a use for it
+    std::unique_ptr<DecoderProcess> decoder; // of the file that is shown, once it is needed
     std::unique_ptr<Showing> showing; // when a preview stands
-    bool expected = false;
-    TaskHandle starting, ending, telling;
+    TaskHandle telling;
 };
 
 } // namespace korvane

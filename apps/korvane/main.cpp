@@ -106,10 +106,7 @@ int main(int count, char **words)
             [&](PaletteController &controller) {
                 auto window = std::make_unique<QtPaletteWindow>(controller, ports, appearance);
                 window->userTime = [&hotkeys] { return hotkeys.claimKeys(); };
-                window->keyboardSettled = [&hotkeys, &preview, shown = window.get()] {
-                    hotkeys.letKeysThrough();
-                    preview.expect(shown->visible());
-                };
+                window->keyboardSettled = [&hotkeys] { hotkeys.letKeysThrough(); };
                 dialogs.palette = [surface = QPointer<QWidget>(window->surface())] { return surface.data(); };
                 return window;
             },
