@@ -550,7 +550,9 @@ void Stage::showLoadingPreview(const QString &name)
     writeBytes(decoder, "#!/bin/sh\nexec sleep 60\n");
     QFile::setPermissions(decoder, QFile::ReadOwner | QFile::ExeOwner);
     const QString path = sampleFolder().filePath(name);
-    QImage(8, 8, QImage::Format_RGB32).save(path);
+    QImage image(8, 8, QImage::Format_RGB32);
+    image.fill(Qt::red);
+    image.save(path);
     setModified(path);
     makePreview(decoder.toStdString()).show(path.toStdString(), {});
     waitFor([this] { return preview->surface()->isActiveWindow(); });
