@@ -548,6 +548,19 @@ static std::vector<QSizeF> pageSizes(const DecoderProcess::Answer &answer)
     return sizes;
 }
 
+/// A page that costs the process its life is tried once more, and takes nothing from the pages after it.
+Task<DecoderProcess::Answer> QtPreviewWindow::askFor(decoding::Request page, decoding::Request document)
+{
+    DecoderProcess::Answer answer;
+    for (bool again = false;; again = true) {
+        if (decoder->ended())
+            co_await ask(document);
+        answer = co_await ask(page);
+        if (!decoder->ended() || again)
+            co_return answer;
+    }
+}
+
 Task<void> QtPreviewWindow::presentPages()
 {
     const decoding::Request request{.wish = decoding::Wish::Document};
@@ -574,7 +587,7 @@ Task<void> QtPreviewWindow::presentPages()
         while (const auto wish = pane->wish()) {
             const decoding::Request page{
                 .wish = decoding::Wish::Page, .page = wish->page, .width = wish->pixels.width(), .height = wish->pixels.height()};
-            DecoderProcess::Answer answer = co_await ask(page);
+            DecoderProcess::Answer answer = co_await askFor(page, request);
             pane->setPage(*wish, answer.reply.outcome == decoding::Outcome::Done ? imageOf(std::move(answer)) : QImage());
             if (!_surface->isVisible())
                 appear(pagesSize);

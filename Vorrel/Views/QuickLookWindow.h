@@ -50,6 +50,7 @@ private:
     Task<void> presentCard(QString sentence);
     Task<void> appearLate();
     Task<DecoderProcess::Answer> ask(decoding::Request request);
+    Task<DecoderProcess::Answer> askFor(decoding::Request page, decoding::Request document);
 
     static Task<void> tell(std::function<void()> closed);
 

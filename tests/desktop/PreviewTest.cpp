@@ -238,6 +238,15 @@ TEST_F(Preview, ADocumentShowsItsPagesAndScrolls)
     EXPECT_EQ(pane<PagesPane>()->verticalScrollBar()->value(), 0);
 }
 
+TEST_F(Preview, ADocumentWhoseDecoderDiesGoesOnWithAnother)
+{
+    show(writeDocument("twelve.pdf", 12));
+    EXPECT_TRUE(scene.waitFor([&] { return qGreen(colourInTheMiddle()) > 240 && qRed(colourInTheMiddle()) < 20; }));
+    ASSERT_EQ(std::system(("pkill -KILL -P " + std::to_string(::getpid()) + " -x korvane-preview").c_str()), 0);
+    press(Qt::Key_End);
+    EXPECT_TRUE(scene.waitFor([&] { return qBlue(colourInTheMiddle()) > 240 && qRed(colourInTheMiddle()) < 20; }));
+}
+
 TEST_F(Preview, AFolderTellsWhatIsInIt)
 {
     QDir(scene.folder.path()).mkpath("papers/old");
