@@ -20,8 +20,11 @@
 #include <QThread>
 #include <QWindow>
 
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <sys/stat.h>
 
 namespace korvane::test {
@@ -144,6 +147,23 @@ protected:
     int closings = 0;
 };
 
+/// The decoders that this process has started.
+std::vector<pid_t> decoders()
+{
+    std::vector<pid_t> found;
+    const std::string tasks = "/proc/self/task";
+    for (const auto &task : std::filesystem::directory_iterator(tasks)) {
+        std::ifstream children(task.path() / "children");
+        for (pid_t child = 0; children >> child;) {
+            std::string name;
+            std::getline(std::ifstream("/proc/" + std::to_string(child) + "/comm") >> std::ws, name);
+            if (name == "korvane-preview")
+                found.push_back(child);
+        }
+    }
+    return found;
+}
+
 /// As a window manager does when its close button is pressed.
 void askToClose(const QWidget &window)
 {
@@ -242,7 +262,9 @@ TEST_F(Preview, ADocumentWhoseDecoderDiesGoesOnWithAnother)
 {
     show(writeDocument("twelve.pdf", 12));
     EXPECT_TRUE(scene.waitFor([&] { return qGreen(colourInTheMiddle()) > 240 && qRed(colourInTheMiddle()) < 20; }));
-    ASSERT_EQ(std::system(("pkill -KILL -P " + std::to_string(::getpid()) + " -x korvane-preview").c_str()), 0);
+    const auto processes = decoders();
+    ASSERT_EQ(processes.size(), 1U);
+    ::kill(processes.front(), SIGKILL);
     press(Qt::Key_End);
     EXPECT_TRUE(scene.waitFor([&] { return qBlue(colourInTheMiddle()) > 240 && qRed(colourInTheMiddle()) < 20; }));
 }

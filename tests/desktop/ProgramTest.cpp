@@ -419,7 +419,6 @@ TEST(Program, TheFlagForTheIndexScansEveryRootAnew)
 
 TEST(Program, ACopyMadeByTheCompanionStaysOfferedAfterItHasEnded)
 {
-    // The companion has no command that copies yet; the clipboard's own process is exercised through xclip's eyes.
     const std::string owner = KORVANE_BINARIES "/copy_probe";
     Program copy({owner, "kept text, 文字"});
     ASSERT_TRUE(soon([&] { return copy.exitStatus().has_value(); }));
