@@ -2,12 +2,14 @@
 
 #include "Support/OwnThread.h"
 #include "Vorrel/FileIndex/IndexSnapshot.h"
+#include "Vorrel/Platform/Linux/CurlHTTPClient.h"
 #include "Vorrel/Platform/Linux/DesktopEntries.h"
 #include "Vorrel/Platform/Linux/FolderMonitor.h"
 #include "Vorrel/Platform/Linux/InotifyFileEvents.h"
 #include "Vorrel/Platform/Linux/Launcher.h"
 #include "Vorrel/Platform/Linux/LinuxDirectoryWalker.h"
 #include "Vorrel/Platform/Linux/LinuxEnvironment.h"
+#include "Vorrel/Platform/Linux/LinuxSecretStore.h"
 #include "Vorrel/Platform/Linux/LinuxSystemControl.h"
 #include "Vorrel/Platform/Linux/LinuxWorkspace.h"
 #include "Vorrel/Platform/Platform.h"
@@ -48,6 +50,8 @@ private:
     DesktopLauncher launcher;
     LinuxWorkspace workspace;
     LinuxSystemControl system;
+    LinuxSecretStore secrets;
+    CurlHTTPClient http;
     std::unique_ptr<FolderMonitor> watcher;
     std::shared_ptr<Following> following; ///< Shared with walks, which may hang in the system longer than this lives.
     LinuxDirectoryWalker walker;
