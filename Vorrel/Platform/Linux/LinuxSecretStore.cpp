@@ -14,9 +14,6 @@ namespace {
 
 using Outcome = SecretStore::Outcome;
 
-constexpr const char *serviceName = "org.freedesktop.secrets";
-constexpr const char *servicePath = "/org/freedesktop/secrets";
-constexpr const char *serviceInterface = "org.freedesktop.Secret.Service";
 constexpr Milliseconds grace{500}; // for a call that was given up to say so
 
 const SecretSchema *schema()
@@ -70,7 +67,7 @@ Outcome outcomeOf(const GError *error)
 {
     if (!error)
         return Outcome::failed;
-    if (MessageBus::meansAbsent(error))
+    if (MessageBus::meansAbsent(error) || g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CLOSED))
         return Outcome::noService;
     if (g_error_matches(error, SECRET_ERROR, SECRET_ERROR_IS_LOCKED))
         return Outcome::locked;
@@ -88,6 +85,8 @@ public:
     explicit Calls(std::stop_token stop) : stop(std::move(stop)) { g_main_context_push_thread_default(context); }
     ~Calls()
     {
+        // What objects left behind when they ended still refers to the connection.
+        while (g_main_context_iteration(context, FALSE)) { }
         g_main_context_pop_thread_default(context);
         g_main_context_unref(context);
     }
@@ -159,7 +158,7 @@ private:
 class LinuxSecretStore::Session {
 public:
     Session(const std::string &address, Limits limits, const std::stop_token &stop) :
-        calls(stop), limits(limits), bus(MessageBus::open(address, limits.call, stop))
+        calls(stop), limits(limits), hasBus(!address.empty())
     {
     }
 
@@ -255,20 +254,26 @@ private:
 
     Outcome open()
     {
-        if (!bus)
+        if (!hasBus || !connect())
             return Outcome::noService;
         const auto result = calls.run(limits.call, [&](GCancellable *cancellable, GAsyncReadyCallback done, gpointer data) {
-            g_async_initable_new_async(SECRET_TYPE_SERVICE, G_PRIORITY_DEFAULT, cancellable, done, data, "g-connection",
-                bus->handle(), "g-flags", G_DBUS_PROXY_FLAGS_NONE, "g-name", serviceName, "g-object-path", servicePath,
-                "g-interface-name", serviceInterface, "flags", SECRET_SERVICE_OPEN_SESSION, nullptr);
+            secret_service_open(SECRET_TYPE_SERVICE, nullptr, SECRET_SERVICE_OPEN_SESSION, cancellable, done, data);
         });
-        if (!result)
-            return Outcome::failed;
         GError *error = nullptr;
-        const Held<GObject> source(g_async_result_get_source_object(result.get()));
-        service.reset(
-            reinterpret_cast<SecretService *>(g_async_initable_new_finish(G_ASYNC_INITABLE(source.get()), result.get(), &error)));
+        service.reset(result ? secret_service_open_finish(result.get(), &error) : nullptr);
         return service ? Outcome::done : failed(error);
+    }
+
+    /// Takes the process's shared connection, which the library uses too, so that the end of the bus does not end the process.
+    bool connect()
+    {
+        const auto result = calls.run(limits.call, [](GCancellable *cancellable, GAsyncReadyCallback done, gpointer data) {
+            g_bus_get(G_BUS_TYPE_SESSION, cancellable, done, data);
+        });
+        bus.reset(result ? g_bus_get_finish(result.get(), nullptr) : nullptr);
+        if (bus)
+            g_dbus_connection_set_exit_on_close(bus.get(), FALSE);
+        return bus != nullptr;
     }
 
     bool locked() const
@@ -301,7 +306,8 @@ private:
 
     Calls calls;
     const Limits limits;
-    const std::unique_ptr<MessageBus> bus;
+    const bool hasBus;
+    Held<GDBusConnection> bus;
     Held<SecretService> service;
     std::vector<Held<SecretItem>> items;
 };

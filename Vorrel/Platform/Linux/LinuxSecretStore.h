@@ -8,7 +8,7 @@
 namespace korvane {
 
 /// The keyring of the user's session, through its Secret Service, by the attributes "service" and "account". New items go to the
-/// default collection. Speaks to nobody before the first operation, and over a connection of its own for each.
+/// default collection. Speaks to nobody before the first operation.
 class LinuxSecretStore final : public SecretStore {
 public:
     struct Limits {
@@ -16,7 +16,7 @@ public:
         Milliseconds prompt{60'000}; ///< What the user may take to unlock the keyring, or to make one.
     };
 
-    /// `address` is that of the session's bus; empty where there is none.
+    /// `address` is that of the session's bus, as this process's environment names it; empty where there is none.
     explicit LinuxSecretStore(std::string address) : LinuxSecretStore(std::move(address), Limits()) { }
     LinuxSecretStore(std::string address, Limits limits) : address(std::move(address)), limits(limits) { }
 

@@ -60,8 +60,6 @@ public:
     bool listen(const std::vector<std::string> &rules, std::function<void(BusSignal)> told);
     /// The connection's own name on the bus, such as ":1.42".
     std::string name() const;
-    /// For libraries that speak over the bus themselves. The bus keeps it.
-    GDBusConnection *handle() const { return connection; }
     /// Whether an error of the library (a `GError`) says that there is no such service, or that it does not know what it was
     /// asked.
     static bool meansAbsent(const GError *error);
