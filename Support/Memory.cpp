@@ -15,4 +15,11 @@ void returnFreeMemory()
 #endif
 }
 
+void wipe(std::string &secret)
+{
+    for (volatile char &byte : secret)
+        byte = 0;
+    secret.clear();
+}
+
 } // namespace korvane

@@ -237,6 +237,39 @@ private:
     Executor strand;
 };
 
+/// Runs `work(std::stop_token)` on `executor` and gives its result. Unlike an actor's work it is not waited for: a caller that is
+/// cancelled, or destroyed, stops the token and goes on at once. The work owns what it uses.
+template <class Work, class Result = std::invoke_result_t<Work &, std::stop_token>>
+Task<Result> runAside(Executor executor, Work work)
+{
+    struct Stopping {
+        ~Stopping() { source.request_stop(); }
+        std::stop_source source = {};
+    } stopping;
+    auto shared = std::make_shared<Work>(std::move(work));
+    std::function<void(Continuation<Result>)> begin = [&](Continuation<Result> done) {
+        runLater(executor, [shared = std::move(shared), done, stop = stopping.source.get_token()]() mutable {
+            std::exception_ptr error;
+            try {
+                if constexpr (std::is_void_v<Result>) {
+                    (*shared)(stop);
+                    shared.reset(); // what the work holds ends on this thread
+                    done.resume();
+                } else {
+                    Result value = (*shared)(stop);
+                    shared.reset();
+                    done.resume(std::move(value));
+                }
+            } catch (...) {
+                error = std::current_exception();
+            }
+            if (error)
+                done.fail(std::move(error));
+        });
+    };
+    co_return co_await suspend<Result>(std::move(begin));
+}
+
 /// Threads that run actors' work. `join` waits for all of it and must come before what the work uses
 /// goes away.
 class ThreadPool {

@@ -25,6 +25,15 @@ std::string escaped(std::string_view text)
     return url;
 }
 
+/// The host as it stands in a URL that has an authority.
+std::string_view writtenHost(std::string_view url)
+{
+    url.remove_prefix(url.find("//") + 2);
+    url = url.substr(0, url.find_first_of("/?#"));
+    url.remove_prefix(url.rfind('@') + 1); // all of it when there is none
+    return url.substr(0, url.find(':'));
+}
+
 } // namespace
 
 std::optional<URLParts> parsedURL(std::string_view text)
@@ -35,7 +44,10 @@ std::optional<URLParts> parsedURL(std::string_view text)
     const auto parsed = boost::urls::parse_uri(url);
     if (!parsed)
         return std::nullopt;
-    return URLParts{lowercased(std::string_view(parsed->scheme())), parsed->host()};
+    // The library takes a name that begins with four numbers for an address, and drops the rest.
+    std::string host =
+        parsed->host_type() == boost::urls::host_type::ipv4 ? std::string(writtenHost(url)) : std::string(parsed->host());
+    return URLParts{lowercased(std::string_view(parsed->scheme())), std::move(host)};
 }
 
 } // namespace korvane

@@ -7,6 +7,7 @@
 #include "Vorrel/Platform/DirectoryWalker.h"
 #include "Vorrel/Platform/FileEvents.h"
 #include "Vorrel/Platform/FolderWatcher.h"
+#include "Vorrel/Platform/HTTPClient.h"
 #include "Vorrel/Platform/IndexPlaces.h"
 #include "Vorrel/Platform/Pasteboard.h"
 #include "Vorrel/Platform/PasteboardWatching.h"
@@ -43,6 +44,7 @@ struct Platform {
     PasteboardWatching *pasteboardWatching = nullptr; ///< Null where the clipboard is not followed.
     PreviewWindow *preview = nullptr; ///< Null where no file can be shown.
     SecretStore *secrets = nullptr; ///< Null where none can be kept.
+    HTTPClient *http = nullptr; ///< Null where no server can be reached.
     std::vector<std::string> environment = {}; ///< The program's own, as "NAME=value".
     std::optional<ShortcutsTool> shortcutsTool = {}; ///< Nothing where there are no shortcuts.
 };

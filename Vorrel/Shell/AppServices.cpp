@@ -82,8 +82,8 @@ std::shared_ptr<ShortcutsService> makeShortcuts(const Platform &platform)
 
 AppServices::MakeProvider providersOf(const Platform &platform, KeychainService &keychain)
 {
-    return [pool = platform.pool, endpoint = OpenAIProvider::endpoint(platform.environment), &keychain](
-               std::string model) { return std::make_unique<OpenAIProvider>(std::move(model), keychain, pool, endpoint); };
+    return [pool = platform.pool, http = platform.http, endpoint = OpenAIProvider::endpoint(platform.environment), &keychain](
+               std::string model) { return std::make_unique<OpenAIProvider>(std::move(model), keychain, http, pool, endpoint); };
 }
 
 /// Asks whether a tool may be called with this input, of which the user sees the beginning.

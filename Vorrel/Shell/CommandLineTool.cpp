@@ -4,6 +4,7 @@
 #include "CommandCore/FileSearchQuery.h"
 #include "Support/Base64.h"
 #include "Support/FileLock.h"
+#include "Support/Memory.h"
 #include "Support/Text.h"
 #include "Support/UUID.h"
 #include "Vorrel/Launch/Quicklinks.h"
@@ -41,6 +42,9 @@ constexpr std::string_view usage = R"(Usage: korvanectl COMMAND [ARGUMENTS] [--j
   clipboard list [TEXT]     copied texts that hold TEXT: identifier, kind, beginning
   clipboard copy ID         puts one on the clipboard again
   clipboard clear           forgets them all (asks)
+  secret set ACCOUNT        keeps standard input, without its last line feed, in the keyring
+  secret has ACCOUNT        whether there is one; ai.openai is the key of the AI provider
+  secret delete ACCOUNT     forgets one
 
   --json      lists as a JSON array of objects
   --yes       gives the consent that an action asks for
@@ -52,6 +56,7 @@ Exit status: 0 done, 1 no or failed (one sentence on standard error), 2 wrong us
 )";
 
 constexpr Milliseconds writeWait{30'000};
+constexpr std::size_t longestSecret = 65'536; // bytes
 constexpr long long filesLimit = 100; // what a search gives
 constexpr double secondsBetweenProgress = 0.2;
 
@@ -191,6 +196,7 @@ int CommandLineTool::dispatch(const Line &line)
         {"shortcuts", 1, 2, {}, &CommandLineTool::shortcuts},
         {"quicklink", 1, 3, {}, &CommandLineTool::quicklink},
         {"clipboard", 1, 2, {}, &CommandLineTool::clipboard},
+        {"secret", 2, 2, {}, &CommandLineTool::secret},
     };
     if (line.words.empty())
         throw UsageError("A command is missing.");
@@ -577,6 +583,52 @@ void CommandLineTool::print(const Table &table, bool json) const
     }
     host.out(text);
 }
+
+// The keyring
+
+int CommandLineTool::secret(const Line &line)
+{
+    const std::string &what = line.words[1], &account = line.words[2];
+    if (account.empty())
+        throw UsageError("The account of a secret has a name.");
+    if (what == "set")
+        return setSecret(account);
+    if (what == "has")
+        return showSecret(line);
+    if (what != "delete")
+        throw UsageError("These are not the arguments of secret.");
+    KeychainService service = keychain();
+    wait(service.deleteAccount(account));
+    return 0;
+}
+
+int CommandLineTool::setSecret(const std::string &account)
+{
+    auto value = host.input(longestSecret);
+    if (!value)
+        throw Refusal{"The secret is too long."};
+    if (value->ends_with('\n'))
+        value->pop_back();
+    if (!isValidUTF8(*value))
+        throw Refusal{"The secret is no text in UTF-8."};
+    KeychainService service = keychain();
+    wait(service.set(*std::move(value), account));
+    return 0;
+}
+
+int CommandLineTool::showSecret(const Line &line)
+{
+    const std::string &account = line.words[2];
+    KeychainService service = keychain();
+    auto value = wait(service.get(account));
+    if (!value)
+        throw Refusal{"There is no secret under the account " + account + "."};
+    wipe(*value);
+    print({{{account}}, {JSONValue::Object{{"account", displayable(account)}}}}, line.json);
+    return 0;
+}
+
+KeychainService CommandLineTool::keychain() const { return {host.platform.pool, host.platform.secrets}; }
 
 Task<std::shared_ptr<AppServices>> CommandLineTool::openServices(Use use)
 {

@@ -21,6 +21,8 @@ public:
         std::function<void(std::string_view)> out, err;
         /// Told before anything runs whether consent was given on the command line.
         std::function<void(bool yes)> consent;
+        /// All of the standard input; nothing when it is longer than that.
+        std::function<std::optional<std::string>(std::size_t limit)> input = {};
         std::string workingDirectory = {}; ///< What relative folders on a command line are relative to.
         /// Shows a line of progress in place of the last one, an empty one when all is done; null without a terminal.
         std::function<void(std::string_view)> progress = {};
@@ -58,11 +60,17 @@ private:
     int shortcuts(const Line &line);
     int quicklink(const Line &line);
     int clipboard(const Line &line);
+    int secret(const Line &line);
 
     // What else the store holds
     int listQuicklinks(const Line &line);
     int listClipboard(const Line &line);
     int copyFromClipboard(const std::string &id);
+
+    // The keyring
+    int setSecret(const std::string &account);
+    int showSecret(const Line &line);
+    KeychainService keychain() const;
 
     // The index
     int showIndexStatus(const Line &line);

@@ -9,11 +9,13 @@
 
 namespace korvane {
 
-/// The only place where secrets are kept: the key of the model's provider, and what MCP servers are given. Works off the caller's
-/// thread, one operation after the other.
+/// The only place where secrets are kept: the key of the model's provider, and what MCP servers are given.
+///
+/// Works off the caller's thread, one operation after the other. A caller that is cancelled gets `Cancelled` at once; a change
+/// that had begun may then have happened or not. Why something failed stands in the log, without account and secret.
 class KeychainService {
 public:
-    /// `store` outlives the service and what it runs; without one every operation fails as where no service is.
+    /// `store` outlives the service and what it runs on `pool`; without one every operation fails as where no service is.
     KeychainService(Executor pool, SecretStore *store, std::string service = "dev.korvane.vorrel");
 
     /// Puts the secret under the account, in place of an earlier one; an empty one removes it. Throws `permission` "The secret
@@ -28,6 +30,7 @@ public:
     static constexpr const char *providerAccount = "ai.openai";
 
 private:
+    /// Shared with operations whose caller has gone.
     struct State;
     const std::shared_ptr<State> state;
 };

@@ -1,11 +1,47 @@
 #include "Vorrel/Shell/KorvaneApp.h"
 
+#include "Support/Descriptor.h"
 #include "Vorrel/Shell/AppLog.h"
 #include "Vorrel/Shell/L10n.h"
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace korvane {
+
+namespace {
+
+/// A point in time in UTC: "2026-11-21T18:05:37Z".
+std::string iso8601(double date)
+{
+    const auto seconds = static_cast<std::time_t>(date);
+    std::tm parts{};
+    ::gmtime_r(&seconds, &parts);
+    char text[32];
+    return {text, std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts)};
+}
+
+/// Adds a line to a file, or makes the file with it. The folder may be everybody's: no link is followed, and what is no file
+/// is replaced where that is allowed. A failure is ignored.
+void appendLine(const std::string &path, const std::string &line)
+{
+    Descriptor file(::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    if (file.get() >= 0) {
+        (void)!::write(file.get(), line.data(), line.size());
+        return;
+    }
+    std::string fresh = path + ".XXXXXX";
+    file = Descriptor(::mkstemp(fresh.data()));
+    const bool written = file.get() >= 0 && ::write(file.get(), line.data(), line.size()) == ssize_t(line.size());
+    if (!written || ::rename(fresh.c_str(), path.c_str()) != 0)
+        ::unlink(fresh.c_str());
+}
+
+} // namespace
 
 bool AppDelegate::comesFirst(const UserFolders &folders, ActivationSender &sender)
 {
@@ -134,6 +170,46 @@ void AppDelegate::runFlags()
         showSettings();
     if (hasFlag("--rebuild-index"))
         services->fileIndex->rebuild();
+    const bool clean = hasFlag("--keychain-selftest-clean");
+    if (clean || hasFlag("--keychain-selftest"))
+        selfTestTask = spawn(host.platform.mainThread, keychainSelfTest(clean));
+}
+
+Task<std::string> AppDelegate::selfTestOutcome(bool clean)
+{
+    const std::string account = "keychain-continuity-test", marker = "korvane-selftest-continuity-marker";
+    KeychainService &keychain = services->keychain;
+    std::string denial = "keychain denied: ";
+    try {
+        if (clean) {
+            co_await keychain.deleteAccount(account);
+            co_return "cleaned";
+        }
+        const auto kept = co_await keychain.get(account);
+        if (kept)
+            co_return *kept == marker ? "read after replacement: value matches" : "read after replacement: VALUE MISMATCH";
+        co_await keychain.set(marker, account);
+        co_return "stored";
+    } catch (const Cancelled &) {
+        throw;
+    } catch (...) {
+        denial += AppError::friendly(std::current_exception());
+    }
+    co_return denial;
+}
+
+/// Shows an operator that access to the keychain survives an update of the program. The line in the log is the result, the exit
+/// status is not.
+Task<void> AppDelegate::keychainSelfTest(bool clean)
+{
+    const std::string outcome = co_await selfTestOutcome(clean);
+    AppLog::app.error("Keychain selftest: " + outcome);
+    std::string line =
+        iso8601(host.platform.clock.now()) + " [" KORVANE_VERSION "] " + (clean ? "clean" : "verify") + " — " + outcome + "\n";
+    Actor disk(host.platform.pool);
+    auto write = [path = host.selfTestLog, line = std::move(line)](std::stop_token) { appendLine(path, line); };
+    co_await disk.run(std::move(write));
+    host.terminate();
 }
 
 void AppDelegate::toggle()
@@ -165,6 +241,7 @@ void AppDelegate::shouldTerminate(std::function<void()> reply)
     _phase = Phase::terminating;
     servicesTask.cancel();
     indexTask.cancel();
+    selfTestTask.cancel();
     if (hotkey) {
         hotkey->stop();
         host.stopped("hotkey stop");

@@ -24,6 +24,8 @@ public:
         /// Makes the settings window for a state that outlives it.
         std::function<std::unique_ptr<SettingsWindow>(SettingsState &)> makeSettingsWindow;
         std::vector<std::string> arguments; ///< The command line, without the program's name.
+        /// Where the keychain's self test keeps its results, a line each.
+        std::string selfTestLog = "/tmp/korvane-keychain-selftest.log";
         std::function<void()> terminate; ///< Asks the front end to quit, which comes back as `shouldTerminate`.
         /// Builds the services; `AppServices::create` in the program.
         std::function<Task<std::shared_ptr<AppServices>>(Platform)> createServices = [](Platform platform) {
@@ -67,6 +69,8 @@ private:
     void suspendHotkey(bool recording);
     void hotkeyLost(const HotkeyRegistrationError &why);
     void runFlags();
+    Task<void> keychainSelfTest(bool clean);
+    Task<std::string> selfTestOutcome(bool clean);
     bool hasFlag(std::string_view flag) const;
 
     Host host;
@@ -75,7 +79,7 @@ private:
     std::unique_ptr<SettingsWindow> settingsWindow;
     std::unique_ptr<PaletteController> paletteController;
     Phase _phase = Phase::launching;
-    TaskHandle servicesTask, indexTask, stopTask;
+    TaskHandle servicesTask, indexTask, selfTestTask, stopTask;
     MainThreadOnly confined;
 };
 

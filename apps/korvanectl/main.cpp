@@ -10,6 +10,8 @@
 #include <cstdio>
 #include <filesystem>
 #include <iostream>
+#include <optional>
+#include <termios.h>
 #include <unistd.h>
 
 using namespace korvane;
@@ -53,6 +55,44 @@ void showProgress(std::string_view line)
     write(stderr, text);
 }
 
+/// What is typed, a secret, is not shown.
+class HiddenTyping {
+public:
+    HiddenTyping()
+    {
+        if (::tcgetattr(STDIN_FILENO, &before) != 0)
+            return;
+        termios silent = before;
+        silent.c_lflag &= ~tcflag_t(ECHO);
+        changed = ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent) == 0;
+    }
+    ~HiddenTyping()
+    {
+        if (changed)
+            ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &before);
+    }
+    HiddenTyping(const HiddenTyping &) = delete;
+    HiddenTyping &operator=(const HiddenTyping &) = delete;
+
+private:
+    termios before{};
+    bool changed = false;
+};
+
+/// Standard input to its end, on a terminal one line.
+std::optional<std::string> input(std::size_t limit)
+{
+    const bool typed = ::isatty(STDIN_FILENO);
+    const std::optional<HiddenTyping> hidden = typed ? std::make_optional<HiddenTyping>() : std::nullopt;
+    std::string all;
+    for (int byte = std::getchar(); byte != EOF && !(typed && byte == '\n'); byte = std::getchar()) {
+        if (all.size() == limit)
+            return std::nullopt;
+        all.push_back(char(byte));
+    }
+    return all;
+}
+
 std::string workingDirectory()
 {
     std::error_code failure;
@@ -76,6 +116,7 @@ int main(int count, char **words)
             .out = [](std::string_view text) { write(stdout, text); },
             .err = [](std::string_view text) { write(stderr, text); },
             .consent = [&](bool yes) { dialogs.yes = yes; },
+            .input = input,
             .workingDirectory = workingDirectory(),
             .progress = ::isatty(STDERR_FILENO) ? std::function<void(std::string_view)>(showProgress) : nullptr});
         const std::vector<std::string> arguments(words + std::min(count, 1), words + count);

@@ -19,6 +19,9 @@ TEST(URL, AnAbsoluteAddressHasASchemeAndPerhapsAHost)
         {"note:milk", "note", ""},
         {"https://example.org/{id}|x", "https", "example.org"},
         {"https://[::1]/x", "https", "[::1]"},
+        {"http://127.0.0.1:80/x", "http", "127.0.0.1"},
+        {"http://127.0.0.1.example.org/x", "http", "127.0.0.1.example.org"},
+        {"http://ada@1.2.3.4x:80?y", "http", "1.2.3.4x"},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.text);

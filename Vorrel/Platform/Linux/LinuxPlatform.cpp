@@ -44,7 +44,7 @@ LinuxPlatform::LinuxPlatform(Executor mainThread, std::vector<std::string> given
     launcher({.pool = pool.executor(), .environment = variables, .activationToken = std::move(token)}),
     workspace(pool.executor(), launcher),
     system(pool.executor(), workspace, launcher, LinuxSystemControl::surroundingsOf(environment, folders)),
-    following(std::make_shared<Following>()),
+    secrets(buses.session), http(CurlHTTPClient::Settings::from(environment)), following(std::make_shared<Following>()),
     walker([following = following](const std::string &folder) { following->entered(folder); })
 {
 }
@@ -93,6 +93,9 @@ Platform LinuxPlatform::ports(Dialogs &dialogs, Pasteboard &pasteboard, bool wat
         .indexPlaces = IndexPlaces::linux(folders),
         .fileEvents = following->events.get(),
         .pasteboardWatching = clipboard.get(),
+        .secrets = &secrets,
+        .http = &http,
+        .environment = variables,
         .shortcutsTool = ShortcutsTool{std::filesystem::path(executablePath()).parent_path() / "korvane-shortcuts", variables}};
 }
 

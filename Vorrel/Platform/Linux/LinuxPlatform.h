@@ -2,6 +2,7 @@
 
 #include "Support/OwnThread.h"
 #include "Vorrel/FileIndex/IndexSnapshot.h"
+#include "Vorrel/Platform/Linux/CurlHTTPClient.h"
 #include "Vorrel/Platform/Linux/DesktopEntries.h"
 #include "Vorrel/Platform/Linux/FolderMonitor.h"
 #include "Vorrel/Platform/Linux/InotifyFileEvents.h"
@@ -9,6 +10,7 @@
 #include "Vorrel/Platform/Linux/LinuxDirectoryWalker.h"
 #include "Vorrel/Platform/Linux/LinuxEnvironment.h"
 #include "Vorrel/Platform/Linux/LinuxPasteboardWatching.h"
+#include "Vorrel/Platform/Linux/LinuxSecretStore.h"
 #include "Vorrel/Platform/Linux/LinuxSystemControl.h"
 #include "Vorrel/Platform/Linux/LinuxWorkspace.h"
 #include "Vorrel/Platform/Platform.h"
@@ -50,6 +52,8 @@ private:
     DesktopLauncher launcher;
     LinuxWorkspace workspace;
     LinuxSystemControl system;
+    LinuxSecretStore secrets;
+    CurlHTTPClient http;
     std::unique_ptr<FolderMonitor> watcher;
     std::unique_ptr<LinuxPasteboardWatching> clipboard;
     std::shared_ptr<Following> following; ///< Shared with walks, which may hang in the system longer than this lives.

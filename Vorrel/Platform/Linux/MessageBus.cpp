@@ -68,32 +68,9 @@ GDBusConnection *connect(const std::string &address, Milliseconds limit, GCancel
     return opening.connection;
 }
 
-bool meansAbsent(const GError *error)
-{
-    if (error->domain != G_DBUS_ERROR)
-        return false;
-    switch (error->code) {
-    case G_DBUS_ERROR_SERVICE_UNKNOWN:
-    case G_DBUS_ERROR_NAME_HAS_NO_OWNER:
-    case G_DBUS_ERROR_UNKNOWN_METHOD:
-    case G_DBUS_ERROR_UNKNOWN_OBJECT:
-    case G_DBUS_ERROR_UNKNOWN_INTERFACE:
-    case G_DBUS_ERROR_NOT_SUPPORTED:
-    case G_DBUS_ERROR_SPAWN_EXEC_FAILED:
-    case G_DBUS_ERROR_SPAWN_FORK_FAILED:
-    case G_DBUS_ERROR_SPAWN_CHILD_EXITED:
-    case G_DBUS_ERROR_SPAWN_CHILD_SIGNALED:
-    case G_DBUS_ERROR_SPAWN_FAILED:
-    case G_DBUS_ERROR_SPAWN_SERVICE_INVALID:
-    case G_DBUS_ERROR_SPAWN_SERVICE_NOT_FOUND:
-    case G_DBUS_ERROR_SPAWN_FILE_INVALID: return true;
-    default: return false;
-    }
-}
-
 BusReply::Outcome outcomeOf(const GError *error)
 {
-    if (meansAbsent(error))
+    if (MessageBus::meansAbsent(error))
         return BusReply::Outcome::absent;
     if (g_error_matches(error, G_IO_ERROR, G_IO_ERROR_TIMED_OUT))
         return BusReply::Outcome::late;
@@ -128,6 +105,29 @@ std::unique_ptr<MessageBus> MessageBus::open(const std::string &address, Millise
     const Stop cancellable(stop);
     GDBusConnection *const connection = connect(address, limit, cancellable.get());
     return connection ? std::unique_ptr<MessageBus>(new MessageBus(connection, limit, std::move(stop))) : nullptr;
+}
+
+bool MessageBus::meansAbsent(const GError *error)
+{
+    if (error->domain != G_DBUS_ERROR)
+        return false;
+    switch (error->code) {
+    case G_DBUS_ERROR_SERVICE_UNKNOWN:
+    case G_DBUS_ERROR_NAME_HAS_NO_OWNER:
+    case G_DBUS_ERROR_UNKNOWN_METHOD:
+    case G_DBUS_ERROR_UNKNOWN_OBJECT:
+    case G_DBUS_ERROR_UNKNOWN_INTERFACE:
+    case G_DBUS_ERROR_NOT_SUPPORTED:
+    case G_DBUS_ERROR_SPAWN_EXEC_FAILED:
+    case G_DBUS_ERROR_SPAWN_FORK_FAILED:
+    case G_DBUS_ERROR_SPAWN_CHILD_EXITED:
+    case G_DBUS_ERROR_SPAWN_CHILD_SIGNALED:
+    case G_DBUS_ERROR_SPAWN_FAILED:
+    case G_DBUS_ERROR_SPAWN_SERVICE_INVALID:
+    case G_DBUS_ERROR_SPAWN_SERVICE_NOT_FOUND:
+    case G_DBUS_ERROR_SPAWN_FILE_INVALID: return true;
+    default: return false;
+    }
 }
 
 MessageBus::~MessageBus() { g_object_unref(connection); }

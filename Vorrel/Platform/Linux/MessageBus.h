@@ -10,6 +10,7 @@
 
 typedef struct _GDBusConnection GDBusConnection;
 typedef struct _GVariant GVariant;
+typedef struct _GError GError;
 
 namespace korvane {
 
@@ -59,6 +60,9 @@ public:
     bool listen(const std::vector<std::string> &rules, std::function<void(BusSignal)> told);
     /// The connection's own name on the bus, such as ":1.42".
     std::string name() const;
+    /// Whether an error of the library (a `GError`) says that there is no such service, or that it does not know what it was
+    /// asked.
+    static bool meansAbsent(const GError *error);
 
 private:
     class Stop;

@@ -2,6 +2,7 @@
 
 #include "Vorrel/Platform/Headless/HeadlessHotkeys.h"
 #include "Vorrel/Platform/Headless/HeadlessPaletteWindow.h"
+#include "Vorrel/Platform/Headless/HeadlessSecretStore.h"
 #include "Vorrel/Shell/AppLog.h"
 #include "Vorrel/Shell/KorvaneApp.h"
 
@@ -36,7 +37,7 @@ struct TestApp : HeadlessDesktop {
     {
         folders.data = data;
         AppDelegate::Host host{
-            .platform = platform(),
+            .platform = platformWithSecrets(),
             .status = status,
             .activation = receiver,
             .hotkeys = hotkeys,
@@ -53,6 +54,7 @@ struct TestApp : HeadlessDesktop {
                     return made;
                 },
             .arguments = std::move(arguments),
+            .selfTestLog = logFolder.path + "/selftest.log",
             .terminate = [this] { terminate(); },
             .stopped = [this](std::string_view step) { log.emplace_back(step); },
         };
@@ -97,6 +99,22 @@ struct TestApp : HeadlessDesktop {
         co_return services;
     }
 
+    Platform platformWithSecrets()
+    {
+        Platform ports = platform();
+        ports.secrets = &secrets;
+        return ports;
+    }
+
+    Strings selfTestLines() const
+    {
+        std::ifstream file(logFolder.path + "/selftest.log");
+        Strings lines;
+        for (std::string line; std::getline(file, line);)
+            lines.push_back(line);
+        return lines;
+    }
+
     void launch()
     {
         delegate->didFinishLaunching();
@@ -112,6 +130,8 @@ struct TestApp : HeadlessDesktop {
         return std::find(messages.begin(), messages.end(), message) != messages.end();
     }
 
+    DataFolder logFolder;
+    HeadlessSecretStore secrets;
     HeadlessStatusItem status;
     HeadlessActivationReceiver receiver;
     HeadlessHotkeys hotkeys;
@@ -512,4 +532,73 @@ TEST(AppDelegate, OnlyTheFirstOfTwoProcessesComesFirstAndTheOtherAsksItForward)
     ::close(done[1]);
     ASSERT_EQ(::waitpid(first, &status, 0), first);
     ::close(done[0]), ::close(ready[0]), ::close(ready[1]);
+}
+
+namespace {
+
+constexpr const char *continuityAccount = "keychain-continuity-test";
+
+/// The one line that a self test with these arguments writes, from behind the time to its end.
+std::string selfTest(TestApp &app)
+{
+    app.launch();
+    const Strings lines = app.selfTestLines();
+    EXPECT_EQ(lines.size(), 1u);
+    EXPECT_EQ(app.replies, 1) << "the program ends by itself";
+    return lines.empty() ? "" : lines[0];
+}
+
+} // namespace
+
+TEST(KeychainSelfTest, StoresItsMarkerWhereThereIsNone)
+{
+    TestApp app({"--keychain-selftest"});
+    EXPECT_EQ(selfTest(app), "2023-11-14T22:13:20Z [0.1.0] verify — stored");
+    EXPECT_EQ(app.secrets.items().at(continuityAccount), "korvane-selftest-continuity-marker");
+    EXPECT_TRUE(app.logged("app: Keychain selftest: stored"));
+    EXPECT_TRUE(app.logged("app: Korvane is ready")) << "it runs after everything else is up";
+}
+
+TEST(KeychainSelfTest, ReadsItsMarkerAgainOrTellsThatItIsAnother)
+{
+    TestApp app({"--keychain-selftest"});
+    app.secrets.keep(continuityAccount, "korvane-selftest-continuity-marker");
+    EXPECT_EQ(selfTest(app), "2023-11-14T22:13:20Z [0.1.0] verify — read after replacement: value matches");
+    TestApp other({"--keychain-selftest"});
+    other.secrets.keep(continuityAccount, "something else");
+    EXPECT_EQ(selfTest(other), "2023-11-14T22:13:20Z [0.1.0] verify — read after replacement: VALUE MISMATCH");
+}
+
+TEST(KeychainSelfTest, BothFlagsTogetherClean)
+{
+    TestApp app({"--keychain-selftest", "--keychain-selftest-clean"});
+    app.secrets.keep(continuityAccount, "korvane-selftest-continuity-marker");
+    EXPECT_EQ(selfTest(app), "2023-11-14T22:13:20Z [0.1.0] clean — cleaned");
+    EXPECT_TRUE(app.secrets.items().empty());
+}
+
+TEST(KeychainSelfTest, ADenialIsAnOutcomeToo)
+{
+    TestApp read({"--keychain-selftest"});
+    read.secrets.readOutcome = SecretStore::Outcome::locked;
+    EXPECT_EQ(selfTest(read), "2023-11-14T22:13:20Z [0.1.0] verify — keychain denied: Keychain access was denied.");
+    TestApp write({"--keychain-selftest"});
+    write.secrets.addOutcome = SecretStore::Outcome::failed;
+    EXPECT_EQ(
+        selfTest(write), "2023-11-14T22:13:20Z [0.1.0] verify — keychain denied: The secret could not be saved to Keychain.");
+    TestApp clean({"--keychain-selftest-clean"});
+    clean.secrets.removeOutcome = SecretStore::Outcome::denied;
+    EXPECT_EQ(selfTest(clean), "2023-11-14T22:13:20Z [0.1.0] clean — keychain denied: The Keychain item could not be removed.");
+}
+
+TEST(KeychainSelfTest, TheLogAccumulatesALineForEachRunAndAMissingPlaceIsIgnored)
+{
+    TestApp app({"--keychain-selftest-clean"});
+    std::ofstream(app.logFolder.path + "/selftest.log") << "an earlier run\n";
+    app.launch();
+    EXPECT_EQ(app.selfTestLines(), (Strings{"an earlier run", "2023-11-14T22:13:20Z [0.1.0] clean — cleaned"}));
+    TestApp nowhere({"--keychain-selftest-clean"});
+    std::filesystem::remove_all(nowhere.logFolder.path);
+    nowhere.launch();
+    EXPECT_EQ(nowhere.replies, 1);
 }

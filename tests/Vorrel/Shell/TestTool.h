@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Vorrel/Platform/Headless/HeadlessDirectoryWalker.h"
+#include "Vorrel/Platform/Headless/HeadlessSecretStore.h"
 #include "Vorrel/Shell/CommandLineTool.h"
 #include "tests/support/Await.h"
 #include "tests/support/HeadlessDesktop.h"
@@ -64,19 +65,22 @@ struct TestTool : testing::Test {
             .dialogs = dialogs,
             .pasteboard = given.pasteboard,
             .walker = &*walker,
-            .indexPlaces = {.defaultRoots = {root + "/home"}, .skippedPrefixes = {root + "/data/Korvane"}, .aliasPrefix = {}}};
+            .indexPlaces = {.defaultRoots = {root + "/home"}, .skippedPrefixes = {root + "/data/Korvane"}, .aliasPrefix = {}},
+            .secrets = &secrets};
         CommandLineTool tool({.loop = desktop->loop,
             .platform = ports,
             .out = [this](std::string_view text) { out += text; },
             .err = [this](std::string_view text) { err += text; },
             .consent = [this](bool yes) { dialogs.yes = yes; },
+            .input = [this](std::size_t limit) { return input.size() > limit ? std::nullopt : std::optional(input); },
             .workingDirectory = root + "/home",
             .progress = showsProgress ? [this](std::string_view line) { progress.emplace_back(line); }
                                       : std::function<void(std::string_view)>()});
         return tool.run(arguments);
     }
 
-    std::string root, out, err;
+    HeadlessSecretStore secrets;
+    std::string root, out, err, input;
     Strings progress;
     bool showsProgress = false;
     std::optional<HeadlessDesktop> desktop;
