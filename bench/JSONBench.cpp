@@ -49,15 +49,16 @@ std::string body(std::size_t size)
             content += words[random() % std::size(words)];
         text += text.size() > 1 ? "," : "";
         text += R"({"role":"assistant","id":"call_)" + number(1'000'000) + R"(","content":")" + content + R"(","size":)"
-            + number(1'000'000'000) + R"(,"modified":17)" + number(100'000'000) + "." + number(1'000'000)
-            + R"(,"isDirectory":)" + (random() % 2 ? "true" : "false") + R"(,"path":"\/home\/ada\/file-)" + number(100'000)
-            + R"(.txt","tags":[)" + number(100) + ",null,\"" + number(1000) + "\"]}";
+            + number(1'000'000'000) + R"(,"modified":17)" + number(100'000'000) + "." + number(1'000'000) + R"(,"isDirectory":)"
+            + (random() % 2 ? "true" : "false") + R"(,"path":"\/home\/ada\/file-)" + number(100'000) + R"(.txt","tags":[)"
+            + number(100) + ",null,\"" + number(1000) + "\"]}";
     }
     return text + "]";
 }
 
 /// One line of the table. True when the limit is kept.
-bool compare(Table &table, const std::string &what, const std::vector<double> &ours, const std::vector<double> &theirs, double limit)
+bool compare(
+    Table &table, const std::string &what, const std::vector<double> &ours, const std::vector<double> &theirs, double limit)
 {
     const double ratio = median(ours) / median(theirs);
     table.add({what, number(median(ours), 2), number(median(theirs), 2), number(ratio, 2), number(limit, 1),
@@ -92,7 +93,8 @@ bool measureSkills(int runs)
         places.push_back(folder / std::to_string(root));
         for (int skill = 0; skill < skillsOfRoot; ++skill)
             folder.file(std::to_string(root) + "/skill-" + std::to_string(skill) + "/SKILL.md",
-                "---\nname: Skill " + std::to_string(skill) + "\ndescription: >\n  What it\n  is for\n---\n" + std::string(4000, 'x'));
+                "---\nname: Skill " + std::to_string(skill) + "\ndescription: >\n  What it\n  is for\n---\n"
+                    + std::string(4000, 'x'));
     }
     MainLoop loop;
     ThreadPool pool(1);
