@@ -1,5 +1,7 @@
 #pragma once
 
+#include "CommandCore/JSONValue.h"
+
 #include <string>
 #include <vector>
 
@@ -14,6 +16,11 @@ struct Agent {
     std::string model = "gpt-4.1-mini";
     std::vector<std::string> tools; ///< Names; empty means that it may use none.
     std::vector<std::string> skills; ///< Paths.
+
+    /// With exactly these seven keys.
+    JSONValue json() const;
+    /// Throws `JSONError` for a missing key and one of another type; does not look at further ones.
+    static Agent fromJSON(const JSONValue &json);
     bool operator==(const Agent &) const = default;
 };
 

@@ -6,6 +6,8 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
+#include <array>
 #include <charconv>
 #include <cmath>
 #include <utility>
@@ -80,25 +82,39 @@ private:
     std::vector<Container> open; ///< Outermost first.
 };
 
+/// Which bytes stand for themselves in a written text.
+constexpr std::array<bool, 256> plainBytes = [] {
+    std::array<bool, 256> plain{};
+    for (std::size_t byte = 0x20; byte < plain.size(); ++byte)
+        plain[byte] = byte != '"' && byte != '\\' && byte != '/';
+    return plain;
+}();
+
+void writeEscaped(std::string &out, char c)
+{
+    switch (c) {
+    case '"': out += "\\\""; break;
+    case '\\': out += "\\\\"; break;
+    case '/': out += "\\/"; break;
+    case '\b': out += "\\b"; break;
+    case '\f': out += "\\f"; break;
+    case '\n': out += "\\n"; break;
+    case '\r': out += "\\r"; break;
+    case '\t': out += "\\t"; break;
+    default: out += fmt::format("\\u{:04x}", static_cast<unsigned>(c)); break;
+    }
+}
+
 void writeString(std::string &out, std::string_view text)
 {
+    const auto isPlain = [](char c) { return plainBytes[static_cast<unsigned char>(c)]; };
     out += '"';
-    for (const char c : text) {
-        switch (c) {
-        case '"': out += "\\\""; break;
-        case '\\': out += "\\\\"; break;
-        case '/': out += "\\/"; break;
-        case '\b': out += "\\b"; break;
-        case '\f': out += "\\f"; break;
-        case '\n': out += "\\n"; break;
-        case '\r': out += "\\r"; break;
-        case '\t': out += "\\t"; break;
-        default:
-            if (static_cast<unsigned char>(c) < 0x20)
-                out += fmt::format("\\u{:04x}", static_cast<unsigned>(c));
-            else
-                out += c;
-        }
+    for (auto at = text.begin(); at != text.end();) {
+        const auto end = std::find_if_not(at, text.end(), isPlain);
+        out.append(at, end);
+        at = end;
+        if (at != text.end())
+            writeEscaped(out, *at++);
     }
     out += '"';
 }
@@ -115,56 +131,88 @@ void writeNumber(std::string &out, double value)
 {
     if (!std::isfinite(value))
         throw JSONError("a number that JSON cannot express");
+    constexpr double largestExact = 0x1p53; // below it every whole number is one of 64 bits, which is written faster
     // Whole numbers up to here are written digit by digit; from there on an exponent is shorter.
     constexpr double longestInFull = 1e21;
-    const bool whole = value == std::trunc(value) && std::abs(value) < longestInFull;
     char digits[40];
-    const auto [end, error] = whole ? std::to_chars(digits, std::end(digits), value, std::chars_format::fixed)
-                                    : std::to_chars(digits, std::end(digits), value);
-    out.append(digits, end);
+    const auto written = [&] {
+        const double size = std::abs(value);
+        if (value != std::trunc(value) || size >= longestInFull)
+            return std::to_chars(digits, std::end(digits), value);
+        if (size >= largestExact || size == 0) // a zero keeps its sign
+            return std::to_chars(digits, std::end(digits), value, std::chars_format::fixed);
+        return std::to_chars(digits, std::end(digits), static_cast<std::int64_t>(value));
+    }();
+    out.append(digits, written.ptr);
 }
 
-void write(std::string &out, const JSONValue &value);
+/// Writes a tree. The containers that are open wait in `open`, so that nothing recurses.
+class Writer {
+public:
+    std::string text(const JSONValue &value)
+    {
+        write(value);
+        while (!open.empty())
+            std::visit([this](auto &members) { writeNext(members); }, open.back());
+        return std::move(out);
+    }
 
-void writeArray(std::string &out, const JSONValue::Array &array)
-{
-    out += '[';
-    for (const auto &element : array) {
-        if (&element != &array.front())
+private:
+    /// What is left to write of a container.
+    template <class Container> struct Members {
+        typename Container::const_iterator begin, next, end;
+    };
+    using Elements = Members<JSONValue::Array>;
+    using Pairs = Members<JSONValue::Object>;
+
+    void write(const JSONValue &value)
+    {
+        if (const auto *object = value.object()) {
+            out += '{';
+            open.emplace_back(Pairs{object->begin(), object->begin(), object->end()});
+        } else if (const auto *array = value.array()) {
+            out += '[';
+            open.emplace_back(Elements{array->begin(), array->begin(), array->end()});
+        } else {
+            writeScalar(value);
+        }
+    }
+
+    void writeScalar(const JSONValue &value)
+    {
+        if (const auto *string = value.string())
+            writeText(out, *string);
+        else if (const auto *number = value.number())
+            writeNumber(out, *number);
+        else if (const auto *boolean = value.boolean())
+            out += *boolean ? "true" : "false";
+        else
+            out += "null";
+    }
+
+    template <class Container> void writeNext(Members<Container> &members)
+    {
+        constexpr bool isObject = std::is_same_v<Container, JSONValue::Object>;
+        if (members.next == members.end) {
+            out += isObject ? '}' : ']';
+            open.pop_back();
+            return;
+        }
+        if (members.next != members.begin)
             out += ',';
-        write(out, element);
+        const auto &member = *members.next++; // before `write`, which may move `members`
+        if constexpr (isObject) {
+            writeText(out, member.first);
+            out += ':';
+            write(member.second);
+        } else {
+            write(member);
+        }
     }
-    out += ']';
-}
 
-void writeObject(std::string &out, const JSONValue::Object &object)
-{
-    const char *before = "";
-    out += '{';
-    for (const auto &[key, value] : object) {
-        out += std::exchange(before, ",");
-        writeText(out, key);
-        out += ':';
-        write(out, value);
-    }
-    out += '}';
-}
-
-void write(std::string &out, const JSONValue &value)
-{
-    if (const auto *object = value.object())
-        writeObject(out, *object);
-    else if (const auto *array = value.array())
-        writeArray(out, *array);
-    else if (const auto *string = value.string())
-        writeText(out, *string);
-    else if (const auto *number = value.number())
-        writeNumber(out, *number);
-    else if (const auto *boolean = value.boolean())
-        out += *boolean ? "true" : "false";
-    else
-        out += "null";
-}
+    std::string out;
+    std::vector<std::variant<Elements, Pairs>> open; ///< Outermost first.
+};
 
 /// The reader takes these two for harmless: it skips a byte order mark, and takes a NUL for the end.
 void refuseWhatTheReaderAccepts(std::string_view text)
@@ -186,11 +234,115 @@ JSONValue JSONValue::parse(std::string_view text)
     return std::move(tree.result);
 }
 
-std::string JSONValue::encodedString() const
+std::string JSONValue::encodedString() const { return Writer().text(*this); }
+
+/// Copies a tree. Containers whose members are still to be copied wait in `left`.
+struct JSONValue::Copying {
+    struct Pair {
+        const JSONValue *from;
+        JSONValue *to;
+    };
+
+    void copy(const JSONValue &from, JSONValue &to)
+    {
+        if (from.isContainer())
+            left.push_back({&from, &to});
+        else
+            to.value = from.value;
+    }
+
+    void copyMembers(Pair pair)
+    {
+        if (const auto *array = pair.from->array()) {
+            auto &elements = pair.to->value.emplace<Array>(array->size());
+            for (std::size_t i = 0; i < elements.size(); ++i)
+                copy((*array)[i], elements[i]);
+            return;
+        }
+        auto &members = pair.to->value.emplace<Object>();
+        for (const auto &[key, member] : *pair.from->object())
+            copy(member, members.emplace_hint(members.end(), key, nullptr)->second);
+    }
+
+    std::vector<Pair> left;
+};
+
+JSONValue::JSONValue(const JSONValue &other)
 {
-    std::string out;
-    write(out, *this);
-    return out;
+    if (!other.isContainer()) {
+        value = other.value;
+        return;
+    }
+    Copying copying;
+    copying.copy(other, *this);
+    while (!copying.left.empty()) {
+        const auto next = copying.left.back();
+        copying.left.pop_back();
+        copying.copyMembers(next);
+    }
+}
+
+JSONValue &JSONValue::operator=(const JSONValue &other) { return *this = JSONValue(other); }
+
+JSONValue &JSONValue::operator=(JSONValue &&other) noexcept
+{
+    JSONValue old(std::move(*this)); // ends behind the assignment, for `other` may be a part of it
+    value = std::move(other.value);
+    return *this;
+}
+
+/// Takes the containers out of the tree before they are destroyed, so that each is destroyed without others inside.
+void JSONValue::dismantle() noexcept
+{
+    std::vector<JSONValue> left;
+    const auto take = [&left](JSONValue &member) {
+        if (member.isContainer())
+            left.push_back(std::move(member));
+    };
+    const auto takeMembers = [&take](JSONValue &from) {
+        if (auto *array = std::get_if<Array>(&from.value)) {
+            std::ranges::for_each(*array, take);
+            array->clear();
+        } else if (auto *object = std::get_if<Object>(&from.value)) {
+            for (auto &[key, member] : *object)
+                take(member);
+            object->clear();
+        }
+    };
+    takeMembers(*this);
+    while (!left.empty()) {
+        JSONValue next = std::move(left.back());
+        left.pop_back();
+        takeMembers(next);
+    }
+}
+
+bool JSONValue::operator==(const JSONValue &other) const
+{
+    std::vector<std::pair<const JSONValue *, const JSONValue *>> left{{this, &other}};
+    while (!left.empty()) {
+        const auto [one, two] = left.back();
+        left.pop_back();
+        if (const auto *object = one->object()) {
+            const auto *same = two->object();
+            if (!same || object->size() != same->size())
+                return false;
+            for (auto at = object->begin(), with = same->begin(); at != object->end(); ++at, ++with) {
+                if (at->first != with->first)
+                    return false;
+                left.emplace_back(&at->second, &with->second);
+            }
+        } else if (const auto *array = one->array()) {
+            const auto *same = two->array();
+            if (!same || array->size() != same->size())
+                return false;
+            for (std::size_t i = 0; i < array->size(); ++i)
+                left.emplace_back(&(*array)[i], &(*same)[i]);
+        } else if (one->value != two->value) {
+            return false;
+        }
+    }
+    return true;
 }
 
 const JSONValue &JSONValue::operator[](std::string_view key) const
@@ -215,6 +367,11 @@ const std::string &JSONValue::requiredString(std::string_view key) const
     const auto *text = (*this)[key].string();
     if (text && !text->empty())
         return *text;
+    refuseInput(key);
+}
+
+void JSONValue::refuseInput(std::string_view key)
+{
     // The name makes it a sentence that no table can have.
     std::string sentence = "Missing or invalid input: ";
     sentence.append(key).push_back('.');

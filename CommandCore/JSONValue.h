@@ -11,6 +11,7 @@ namespace korvane {
 
 /// The one dynamically typed JSON tree of the program (RFC 8259): a value with structural equality, free
 /// to pass between threads. Numbers are doubles; there is no integer case. Objects have no key order.
+/// A tree may be nested without bound: nothing that works on all of it uses the call stack for its levels.
 class JSONValue {
 public:
     using Object = std::map<std::string, JSONValue, std::less<>>;
@@ -26,6 +27,15 @@ public:
     JSONValue(const char *value) : value(std::string(value)) { }
     JSONValue(Array value) : value(std::move(value)) { }
     JSONValue(Object value) : value(std::move(value)) { }
+    JSONValue(const JSONValue &other);
+    JSONValue(JSONValue &&other) noexcept;
+    JSONValue &operator=(const JSONValue &other);
+    JSONValue &operator=(JSONValue &&other) noexcept;
+    ~JSONValue()
+    {
+        if (isContainer())
+            dismantle();
+    }
 
     /// Reads one JSON text in UTF-8. Throws `JSONError` for anything else: bad syntax or UTF-8, a byte
     /// order mark, text behind the value, a number that overflows a double, more than 512 levels of
@@ -50,15 +60,25 @@ public:
     const std::string &text(std::string_view key) const;
     /// The text of a tool's input that must be there and not empty. Throws `toolExecution` "Missing or invalid input: KEY."
     const std::string &requiredString(std::string_view key) const;
+    /// Refuses a tool's input for this member. Throws the same.
+    [[noreturn]] static void refuseInput(std::string_view key);
     /// The schema (json-schema.org) of an object whose members are texts: their descriptions by name, and the names of those
     /// that must be there, which are not compared with the former.
     static JSONValue schema(const std::map<std::string, std::string> &properties, const std::vector<std::string> &required);
 
-    bool operator==(const JSONValue &) const = default;
+    bool operator==(const JSONValue &other) const;
 
 private:
-    std::variant<std::monostate, Object, Array, std::string, double, bool> value;
+    using Value = std::variant<std::monostate, Object, Array, std::string, double, bool>;
+    struct Copying;
+
+    bool isContainer() const { return value.index() == 1 || value.index() == 2; }
+    void dismantle() noexcept;
+
+    Value value;
 };
+
+inline JSONValue::JSONValue(JSONValue &&other) noexcept = default;
 
 /// A text that is no JSON, or a value that JSON cannot express. Its wording is for logs only.
 class JSONError : public std::exception {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "CommandCore/JSONValue.h"
+
 #include <string>
 
 namespace korvane {
@@ -11,6 +13,10 @@ struct Skill {
     std::string instructions;
     std::string path; ///< What identifies it.
     const std::string &id() const { return path; }
+
+    /// An object whose keys are the field names. A path that is not UTF-8 is shown with U+FFFD, and its bytes are added in
+    /// base64 as `pathBytes`.
+    JSONValue json() const;
     bool operator==(const Skill &) const = default;
 };
 

@@ -2,6 +2,7 @@
 
 #include "CommandCore/Agent.h"
 #include "CommandCore/Tools.h"
+#include "Support/MainLoop.h"
 #include "Support/Observed.h"
 #include "Vorrel/AI/SkillLoader.h"
 #include "Vorrel/Store/Database.h"
@@ -37,14 +38,14 @@ public:
         UserFolders folders;
         const ToolRegistry &tools; ///< Outlives the store.
         AgentRepository repository;
-        std::unique_ptr<SkillLoader> loader;
+        std::shared_ptr<SkillLoader> loader; ///< Shared with scans, which may outlive the store.
     };
     explicit AgentStore(Parts parts);
     virtual ~AgentStore() = default;
 
     /// Reads the Agents and tells `onChange`. Throws what the repository throws.
     virtual Task<void> load();
-    void newAgent(); ///< Begins a new draft.
+    void newAgent(); ///< Begins a new draft and clears the message.
     void save(); ///< Stores the draft and loads again; how it ended stands in `message`. Nothing while `working`.
     void scanSkills(); ///< Looks for skills; what it found stands in `message`. Nothing while `working`.
 
@@ -55,10 +56,10 @@ public:
     /// Calls `changed` after a change of any observed property.
     [[nodiscard]] std::vector<Subscription> observe(const std::function<void()> &changed);
 
-    // Observed. Sentences are English, keys of `L10n`, or already localised where they hold a number.
-    Observed<std::vector<Agent>> _agents;
+    // Observed. The message is English, a key of `L10n`, or already localised where it holds a number.
+    Observed<std::vector<Agent>> _agents; ///< As last loaded.
     Observed<std::vector<Skill>> skills; ///< Of the last scan, as the next.
-    Observed<std::vector<std::string>> warnings;
+    Observed<std::vector<std::string>> warnings; ///< Localised.
     Observed<Agent> draft;
     Observed<std::optional<std::string>> message;
     Observed<bool> working{false};
@@ -66,10 +67,12 @@ public:
     std::function<void()> onChange = [] {};
 
 private:
-    Task<void> saveTask(Agent agent);
-    Task<void> scanTask();
+    using Weak = std::weak_ptr<AgentStore>;
+    static Task<void> saveTask(Weak weak, AgentRepository repository, Agent agent);
+    static Task<void> scanTask(Weak weak, std::shared_ptr<SkillLoader> loader, std::vector<std::string> roots);
 
-    Parts parts;
+    const Parts parts;
+    MainThreadOnly confined;
     TaskHandle task;
 };
 

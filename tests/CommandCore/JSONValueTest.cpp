@@ -1,10 +1,12 @@
 #include "CommandCore/JSONValue.h"
 
+#include "CommandCore/Commands.h"
 #include "Support/Text.h"
 
 #include <gtest/gtest.h>
 #include <rapidcheck/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -29,6 +31,37 @@ bool isRefused(std::string_view text)
 std::string nested(std::size_t levels, char open = '[', char close = ']')
 {
     return std::string(levels, open) + std::string(levels, close);
+}
+
+constexpr int veryDeep = 100'000; // levels: more than a call stack has room for
+
+/// Arrays and objects in turn inside each other, a number in the innermost.
+JSONValue deepTree(int levels, int innermost)
+{
+    JSONValue tree(innermost);
+    for (int level = 0; level < levels; ++level) {
+        JSONValue::Object object;
+        JSONValue::Array array;
+        if (level % 2) {
+            object.emplace("a", std::move(tree));
+            tree = std::move(object);
+        } else {
+            array.push_back(std::move(tree));
+            tree = std::move(array);
+        }
+    }
+    return tree;
+}
+
+/// The sentence with which a tool refuses its input; empty when it does not.
+std::string refusalOf(const JSONValue &input, std::string_view key)
+{
+    try {
+        input.requiredString(key);
+    } catch (const AppError &error) {
+        return error.kind() == AppError::Kind::toolExecution ? error.errorDescription() : "another kind";
+    }
+    return "";
 }
 
 JSONValue anyValue(int depth)
@@ -299,6 +332,72 @@ TEST(JSONWriting, RepairsTextThatIsNotUTF8)
                   .encodedString(),
         "\"a\uFFFDb\"");
     EXPECT_EQ(JSONValue(Object{{"\xC3", 1}}).encodedString(), "{\"\uFFFD\":1}");
+}
+
+TEST(JSONReading, AnArrayOfScalarsKeepsTheirCasesInOrder)
+{
+    const auto value = JSONValue::parse(R"([1, true, "a", null])");
+    const auto &array = *value.array();
+    ASSERT_EQ(array.size(), 4U);
+    EXPECT_TRUE(array[0].number() && array[1].boolean() && array[2].string() && array[3].isNull());
+}
+
+TEST(JSONRequiredText, EveryWayToLackItGivesTheSameSentence)
+{
+    for (const auto text : {R"({"x":""})", R"({"x":5})", R"({"x":null})", "{}", "[]", "\"x\"", "null"})
+        EXPECT_EQ(refusalOf(JSONValue::parse(text), "x"), "Missing or invalid input: x.") << text;
+    EXPECT_EQ(refusalOf(JSONValue(Object{}), "query"), "Missing or invalid input: query.");
+}
+
+TEST(JSONRequiredText, BlanksAreAText) { EXPECT_EQ(JSONValue::parse(R"({"x":"  "})").requiredString("x"), "  "); }
+
+TEST(JSONSchema, WithNothingToDescribeItStillHasAllFourMembers)
+{
+    EXPECT_EQ(JSONValue::schema({}, {}),
+        JSONValue(Object{{"type", "object"}, {"properties", Object{}}, {"required", Array{}}, {"additionalProperties", false}}));
+}
+
+TEST(JSONSchema, DescribesTextsAndNamesTheRequiredOnesInTheirOrder)
+{
+    const auto schema = JSONValue::schema({{"path", "Where"}, {"sort", "How"}}, {"sort", "elsewhere", "path"});
+    EXPECT_EQ(schema["properties"],
+        JSONValue(Object{{"path", Object{{"type", "string"}, {"description", "Where"}}},
+            {"sort", Object{{"type", "string"}, {"description", "How"}}}}));
+    EXPECT_EQ(schema["required"], JSONValue(Array{"sort", "elsewhere", "path"}));
+}
+
+TEST(JSONDeepTrees, AreWrittenCopiedComparedAndDestroyedWithoutHarm)
+{
+    const JSONValue tree = deepTree(veryDeep, 1);
+    const JSONValue same(tree); // NOLINT(performance-unnecessary-copy-initialization)
+    EXPECT_TRUE(tree == same);
+    EXPECT_FALSE(tree == deepTree(veryDeep, 2));
+    const std::string text = tree.encodedString();
+    EXPECT_EQ(std::ranges::count(text, '['), veryDeep / 2);
+    EXPECT_EQ(std::ranges::count(text, '}'), veryDeep / 2);
+    EXPECT_TRUE(isRefused(text)) << "deeper than what is read";
+    JSONValue assigned(Array{1});
+    assigned = tree;
+    EXPECT_TRUE(assigned == tree);
+}
+
+TEST(JSONCopies, AreIndependentAndEqual)
+{
+    const JSONValue value(Object{{"a", Array{1, "b", Object{{"c", nullptr}}}}, {"d", Object{}}, {"e", Array{}}});
+    JSONValue copy(value);
+    EXPECT_EQ(copy, value);
+    copy = Array{value, value};
+    EXPECT_EQ(copy.array()->back(), value);
+    EXPECT_NE(copy, value);
+}
+
+TEST(JSONCopies, APartOfATreeMayTakeItsPlace)
+{
+    JSONValue value(Object{{"a", Array{1, Object{{"b", "c"}}}}});
+    value = value["a"];
+    EXPECT_EQ(value, JSONValue(Array{1, Object{{"b", "c"}}}));
+    value = JSONValue(value.array()->back());
+    EXPECT_EQ(value, JSONValue(Object{{"b", "c"}}));
 }
 
 RC_GTEST_PROP(JSONLaws, WhatIsWrittenReadsBackEqual, ())
