@@ -353,11 +353,9 @@ bool isValidUTF8(std::string_view text)
 {
     if (isASCII(text))
         return true;
-    const CodePoints points(text);
-    for (std::int32_t at = 0; !points.atEnd(at);)
-        if (points.nextIfValid(at) < 0)
-            return false;
-    return true;
+    while (const auto length = codePointLength(text))
+        text.remove_prefix(length);
+    return text.empty();
 }
 
 std::string lowercased(std::string_view text) { return isASCII(text) ? folded(text) : mapped(text, icu::CaseMap::utf8ToLower); }
