@@ -56,13 +56,6 @@ public:
         U8_PREV_OR_FFFD(bytes, 0, at, point);
         return point;
     }
-    /// Like `next`, but negative for an ill-formed sequence.
-    UChar32 nextIfValid(std::int32_t &at) const
-    {
-        UChar32 point;
-        U8_NEXT(bytes, at, size, point);
-        return point;
-    }
 
 private:
     const std::uint8_t *bytes;
