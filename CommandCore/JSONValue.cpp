@@ -82,10 +82,10 @@ private:
     std::vector<Container> open; ///< Outermost first.
 };
 
-/// Which bytes stand for themselves in a written text.
+/// Which bytes stand for themselves in a written text, without regard to others.
 constexpr std::array<bool, 256> plainBytes = [] {
     std::array<bool, 256> plain{};
-    for (std::size_t byte = 0x20; byte < plain.size(); ++byte)
+    for (std::size_t byte = 0x20; byte < 0x80; ++byte)
         plain[byte] = byte != '"' && byte != '\\' && byte != '/';
     return plain;
 }();
@@ -105,26 +105,40 @@ void writeEscaped(std::string &out, char c)
     }
 }
 
-void writeString(std::string &out, std::string_view text)
+/// How many bytes at the beginning of the text are written as they are.
+std::size_t plainLength(std::string_view text)
 {
-    const auto isPlain = [](char c) { return plainBytes[static_cast<unsigned char>(c)]; };
-    out += '"';
-    for (auto at = text.begin(); at != text.end();) {
-        const auto end = std::find_if_not(at, text.end(), isPlain);
-        out.append(at, end);
-        at = end;
-        if (at != text.end())
-            writeEscaped(out, *at++);
+    std::size_t length = 0;
+    while (length < text.size()) {
+        if (plainBytes[static_cast<unsigned char>(text[length])])
+            ++length;
+        else if (const auto bytes = codePointLength(text.substr(length)); bytes > 1)
+            length += bytes;
+        else
+            break;
     }
-    out += '"';
+    return length;
 }
 
-void writeText(std::string &out, const std::string &text)
+void writeText(std::string &out, std::string_view text)
 {
-    if (isValidUTF8(text))
-        writeString(out, text);
-    else
-        writeString(out, displayable(text));
+    const std::size_t before = out.size();
+    const std::string_view whole = text;
+    out += '"';
+    for (;;) {
+        const auto plain = plainLength(text);
+        out.append(text, 0, plain);
+        text.remove_prefix(plain);
+        if (text.empty())
+            break;
+        if (static_cast<unsigned char>(text.front()) >= 0x80) { // found on the way: most texts need no repair
+            out.resize(before);
+            return writeText(out, displayable(whole));
+        }
+        writeEscaped(out, text.front());
+        text.remove_prefix(1);
+    }
+    out += '"';
 }
 
 void writeNumber(std::string &out, double value)

@@ -56,13 +56,6 @@ public:
         U8_PREV_OR_FFFD(bytes, 0, at, point);
         return point;
     }
-    /// Like `next`, but negative for an ill-formed sequence.
-    UChar32 nextIfValid(std::int32_t &at) const
-    {
-        UChar32 point;
-        U8_NEXT(bytes, at, size, point);
-        return point;
-    }
 
 private:
     const std::uint8_t *bytes;
@@ -353,11 +346,9 @@ bool isValidUTF8(std::string_view text)
 {
     if (isASCII(text))
         return true;
-    const CodePoints points(text);
-    for (std::int32_t at = 0; !points.atEnd(at);)
-        if (points.nextIfValid(at) < 0)
-            return false;
-    return true;
+    while (const auto length = codePointLength(text))
+        text.remove_prefix(length);
+    return text.empty();
 }
 
 std::string lowercased(std::string_view text) { return isASCII(text) ? folded(text) : mapped(text, icu::CaseMap::utf8ToLower); }

@@ -43,6 +43,25 @@ bool isWhitespace(std::string_view character);
 
 /// `text` with everything that is not valid UTF-8 replaced by U+FFFD: the form to show.
 std::string displayable(std::string_view text);
+/// How many bytes the code point takes with which `text` begins; 0 when that is empty or no UTF-8 there.
+inline std::size_t codePointLength(std::string_view text)
+{
+    const auto byte = [text](std::size_t at) { return static_cast<unsigned char>(text[at]); };
+    const auto follows = [&](std::size_t at) { return (byte(at) & 0xC0) == 0x80; };
+    if (text.empty())
+        return 0;
+    const unsigned char lead = byte(0);
+    if (lead < 0x80)
+        return 1;
+    if (lead < 0xE0)
+        return lead >= 0xC2 && text.size() >= 2 && follows(1) ? 2 : 0;
+    if (text.size() < 3 || !follows(1) || !follows(2) || (lead == 0xE0 && byte(1) < 0xA0) || (lead == 0xED && byte(1) >= 0xA0))
+        return 0;
+    if (lead < 0xF0)
+        return 3;
+    const bool outside = lead > 0xF4 || (lead == 0xF0 && byte(1) < 0x90) || (lead == 0xF4 && byte(1) >= 0x90);
+    return text.size() >= 4 && follows(3) && !outside ? 4 : 0;
+}
 /// Whether `text` is UTF-8 throughout: no stray bytes, no surrogates, no overlong forms.
 bool isValidUTF8(std::string_view text);
 

@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 
 namespace korvane {
 
@@ -45,6 +46,9 @@ constexpr std::string_view usage = R"(Usage: korvanectl COMMAND [ARGUMENTS] [--j
   secret set ACCOUNT        keeps standard input, without its last line feed, in the keyring
   secret has ACCOUNT        whether there is one; ai.openai is the key of the AI provider
   secret delete ACCOUNT     forgets one
+  agents list               the saved Agents: identifier, name, model
+  agents save FILE          saves the Agent that FILE describes in JSON
+  skills scan               skills that an Agent may be given: name, path, description
 
   --json      lists as a JSON array of objects
   --yes       gives the consent that an action asks for
@@ -58,6 +62,7 @@ Exit status: 0 done, 1 no or failed (one sentence on standard error), 2 wrong us
 constexpr Milliseconds writeWait{30'000};
 constexpr std::size_t longestSecret = 65'536; // bytes
 constexpr long long filesLimit = 100; // what a search gives
+constexpr std::size_t largestAgent = 4U << 20; // bytes of a file; far more than an Agent may have
 constexpr double secondsBetweenProgress = 0.2;
 
 std::string_view nameOf(ResultKind kind)
@@ -107,6 +112,17 @@ SearchCategory categoryNamed(const std::string &name)
 }
 
 bool takesValue(const std::string &option) { return option == "--category" || option == "--in" || option == "--limit"; }
+
+/// What a file holds, cut behind `limit` bytes; nothing for one that cannot be read.
+std::optional<std::string> beginningOf(const std::string &path, std::size_t limit)
+{
+    std::ifstream file(path, std::ios::binary);
+    std::string bytes(limit, '\0');
+    if (!file.read(bytes.data(), std::streamsize(limit)) && !file.eof())
+        return std::nullopt;
+    bytes.resize(std::size_t(file.gcount()));
+    return bytes;
+}
 
 /// A sentence for standard error and exit status 1; without a sentence nothing is printed.
 struct Refusal {
@@ -197,6 +213,8 @@ int CommandLineTool::dispatch(const Line &line)
         {"quicklink", 1, 3, {}, &CommandLineTool::quicklink},
         {"clipboard", 1, 2, {}, &CommandLineTool::clipboard},
         {"secret", 2, 2, {}, &CommandLineTool::secret},
+        {"agents", 1, 2, {}, &CommandLineTool::agents},
+        {"skills", 1, 1, {}, &CommandLineTool::skills},
     };
     if (line.words.empty())
         throw UsageError("A command is missing.");
@@ -434,6 +452,70 @@ int CommandLineTool::copyFromClipboard(const std::string &id)
         throw Refusal{"There is no copied text with the identifier " + id + "."};
     if (!wait(host.platform.pasteboard.setText(std::move(entry->content))))
         throw AppError(AppError::Kind::recoverable, "Could not update the clipboard.");
+    return 0;
+}
+
+// Agents
+
+int CommandLineTool::agents(const Line &line)
+{
+    const std::string &what = line.words[1];
+    if (what == "list" && line.words.size() == 2)
+        return listAgents(line);
+    if (what == "save" && line.words.size() == 3)
+        return saveAgent(absolute(line.words[2]));
+    throw UsageError("These are not the arguments of agents.");
+}
+
+int CommandLineTool::listAgents(const Line &line)
+{
+    const auto services = wait(openServices(Use::Read));
+    wait(services->agents().load());
+    Table table;
+    for (const Agent &agent : services->agents().agents()) {
+        table.plain.push_back({agent.id, agent.name, agent.model});
+        table.json.push_back(agent.json());
+    }
+    print(table, line.json);
+    return 0;
+}
+
+int CommandLineTool::saveAgent(const std::string &path)
+{
+    const auto text = beginningOf(path, largestAgent);
+    if (!text)
+        throw Refusal{"The file " + path + " could not be read."};
+    Agent agent;
+    try {
+        agent = Agent::fromJSON(JSONValue::parse(*text));
+    } catch (const JSONError &) {
+        throw Refusal{"The file " + path + " describes no Agent."};
+    }
+    const auto services = wait(openServices(Use::Write));
+    wait(AgentRepository(services->database).save(std::move(agent)));
+    wait(services->database->close());
+    return 0;
+}
+
+int CommandLineTool::skills(const Line &line)
+{
+    if (line.words[1] != "scan")
+        throw UsageError("These are not the arguments of skills.");
+    SkillLoader loader(host.platform.pool);
+    const SkillLoader::Scan scan = wait(loader.scan(SkillLocations::roots(host.platform.folders)));
+    Table table;
+    for (const Skill &skill : scan.skills) {
+        table.plain.push_back({skill.name, skill.path, skill.description});
+        table.json.push_back(skill.json());
+    }
+    if (line.json) {
+        const JSONValue::Array warnings(scan.warnings.begin(), scan.warnings.end());
+        host.out(JSONValue(JSONValue::Object{{"skills", table.json}, {"warnings", warnings}}).encodedString() + "\n");
+        return 0;
+    }
+    print(table, false);
+    for (const std::string &warning : scan.warnings)
+        host.err(cell(warning) + "\n");
     return 0;
 }
 

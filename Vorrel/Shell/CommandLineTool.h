@@ -61,11 +61,15 @@ private:
     int quicklink(const Line &line);
     int clipboard(const Line &line);
     int secret(const Line &line);
+    int agents(const Line &line);
+    int skills(const Line &line);
 
     // What else the store holds
     int listQuicklinks(const Line &line);
     int listClipboard(const Line &line);
     int copyFromClipboard(const std::string &id);
+    int listAgents(const Line &line);
+    int saveAgent(const std::string &path);
 
     // The keyring
     int setSecret(const std::string &account);

@@ -392,6 +392,28 @@ TEST(TextNumbers, ARealBeyondTheRangeIsInfiniteOrZero)
     EXPECT_EQ(realFrom(std::string(400, '9')), infinity);
 }
 
+TEST(TextUTF8, EverySequenceIsTakenForWhatTheLibraryTakesItFor)
+{
+    const auto asLibrary = [](const std::string &bytes) {
+        for (std::size_t length = 1; length <= std::min<std::size_t>(4, bytes.size()); ++length)
+            if (const auto part = bytes.substr(0, length); displayable(part) == part)
+                return length;
+        return std::size_t(0);
+    };
+    const auto check = [&](std::string bytes) {
+        ASSERT_EQ(codePointLength(bytes), asLibrary(bytes)) << testing::PrintToString(bytes);
+    };
+    for (int lead = 0x80; lead < 256; ++lead)
+        for (int second = 0x7F; second <= 0xC0; ++second)
+            for (const char third : {'\x7F', '\x80', '\xBF', '\xC0'}) {
+                check({char(lead), char(second), third, '\x80'});
+                check({char(lead), char(second), third, '\xC0'});
+            }
+    EXPECT_EQ(codePointLength(""), 0U);
+    for (const char *cut : {"\xC3", "\xE6\x97", "\xF0\x9F\x98"})
+        EXPECT_EQ(codePointLength(cut), 0U);
+}
+
 TEST(FirstCharacters, AreWholeCharactersHoweverLongTheyAre)
 {
     EXPECT_EQ(firstCharacters("", 3), "");
