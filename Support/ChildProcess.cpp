@@ -36,7 +36,7 @@ struct Prepared {
     char *const *environment;
     const char *workingDirectory; ///< Null to stay.
     int reports;
-    int output = -1, errors = -1; ///< For the standard streams; -1 for "/dev/null".
+    int input = -1, output = -1, errors = -1; ///< For the standard streams; -1 for "/dev/null".
     pid_t boundTo = 0; ///< The process with which the program ends; 0 for none.
 };
 
@@ -82,7 +82,8 @@ int arrangeDescriptors(const Prepared &prepared)
     const int null = ::open("/dev/null", O_RDWR);
     if (null < 0)
         giveUp(reports);
-    const int streams[] = {null, prepared.output < 0 ? null : prepared.output, prepared.errors < 0 ? null : prepared.errors};
+    const int streams[] = {prepared.input < 0 ? null : prepared.input, prepared.output < 0 ? null : prepared.output,
+        prepared.errors < 0 ? null : prepared.errors};
     for (int stream = 0; stream < 3; ++stream)
         if (::dup2(streams[stream], stream) < 0)
             giveUp(reports);
@@ -182,13 +183,18 @@ bool holdsNul(const std::vector<std::string> &texts)
 }
 
 /// Above the standard streams and the place that the pipe takes in the child.
-Descriptor movedUp(int number)
+Descriptor copiedUp(int number)
 {
-    Descriptor low(number);
-    Descriptor high(::fcntl(low.get(), F_DUPFD_CLOEXEC, 4));
+    Descriptor high(::fcntl(number, F_DUPFD_CLOEXEC, 4));
     if (!high)
         fail(errno, "descriptor");
     return high;
+}
+
+Descriptor movedUp(int number)
+{
+    const Descriptor low(number);
+    return copiedUp(low.get());
 }
 
 struct Pipe {
@@ -224,6 +230,10 @@ public:
         environment = pointers(options.environment);
         prepared = {program.c_str(), arguments.data(), shellArguments.data(), environment.data(),
             options.workingDirectory.empty() ? nullptr : options.workingDirectory.c_str(), reports.writing.get()};
+        if (options.input >= 0) {
+            input = copiedUp(options.input);
+            prepared.input = input.get();
+        }
     }
     Start(const Start &) = delete;
 
@@ -247,6 +257,7 @@ public:
     Prepared prepared{};
 
 private:
+    Descriptor input;
     std::string program;
     std::vector<std::string> shellTexts;
     std::vector<char *> arguments, shellArguments, environment;

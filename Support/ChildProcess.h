@@ -23,12 +23,14 @@ struct ChildProcess {
         /// A piped child leads a process group, by which it and what it starts can be ended, and it is ended when the thread
         /// that started it ends, however this process goes.
         bool endsWithUs = false;
+        /// Becomes its standard input and stays the caller's too; -1 for "/dev/null".
+        int input = -1;
     };
 };
 
 /// Starts a program that lives on whatever becomes of this one: a session of its own, no parent that
-/// waits for it, "/dev/null" as its three standard streams, no other descriptor, every signal as by
-/// default. Returns its process id when it has begun; throws `std::system_error` when it could not.
+/// waits for it, "/dev/null" as its three standard streams (but for an input of its own), no other descriptor, every
+/// signal as by default. Returns its process id when it has begun; throws `std::system_error` when it could not.
 pid_t spawnDetachedProcess(const ChildProcess::Options &options);
 
 /// A child of this process, which its owner must wait for, with its two output streams to read.
@@ -37,7 +39,7 @@ struct PipedProcess {
     Descriptor output, errors; ///< Reading ends, non-blocking.
 };
 
-/// Starts a program as a child: "/dev/null" as its input, a pipe for each output stream, no other descriptor, every signal
+/// Starts a program as a child: the input of the options, a pipe for each output stream, no other descriptor, every signal
 /// as by default. Returns when it has begun; throws `std::system_error` when it could not.
 PipedProcess spawnPipedProcess(const ChildProcess::Options &options);
 

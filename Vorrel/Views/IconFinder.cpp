@@ -253,6 +253,11 @@ QImage IconFinder::icon(const std::string &path, int size, qreal ratio)
     } else {
         names = typeNames(file);
     }
+    return firstOf(names, size, ratio);
+}
+
+QImage IconFinder::firstOf(const QStringList &names, int size, qreal ratio)
+{
     for (const QString &name : names)
         if (QImage found = named(name, size, ratio); !found.isNull())
             return found;

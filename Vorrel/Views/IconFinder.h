@@ -24,6 +24,9 @@ public:
     /// `ratio` pixels a unit. A null image when nothing suits.
     QImage icon(const std::string &path, int size, qreal ratio);
 
+    /// The first of these that a theme has, by its name. A null image when none does.
+    QImage firstOf(const QStringList &names, int size, qreal ratio);
+
     /// The value of `Icon` in the main group of a desktop entry's text; empty when there is none.
     static QByteArray iconNameIn(const QByteArray &entry);
 

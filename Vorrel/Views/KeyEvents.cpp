@@ -51,6 +51,39 @@ std::optional<HotkeyConfiguration> hotkeyOf(const QKeyEvent &event)
     return hotkey;
 }
 
+/// What a key is called in the shortcuts: by its letter or digit. A key that has neither, as in other scripts, goes by
+/// its place on a US keyboard; but a sign that Shift makes of a digit is a sign.
+static QChar latinName(const QKeyEvent &event)
+{
+    const auto isPlain = [](int name) { return name > 0 && name < 0x80 && QChar(char16_t(name)).isLetterOrNumber(); };
+    const int key = event.key();
+    if (isPlain(key))
+        return QChar(char16_t(key)).toLower();
+    constexpr int firstNamedKey = 0x1000000; // from here on keys stand for no character
+    const VirtualKey *place = virtualKeyAt(event.nativeScanCode() - firstScanCode);
+    if (key == 0 || key >= firstNamedKey || !place || !isPlain(int(place->keysym)))
+        return {};
+    const QChar name(char16_t(place->keysym));
+    const bool shiftedSign = name.isDigit() && key < 0x80 && (event.modifiers() & Qt::ShiftModifier);
+    return shiftedSign ? QChar() : name;
+}
+
+KeyPress keyPressOf(const QKeyEvent &event)
+{
+    KeyPress press;
+    press.command = event.modifiers() & Qt::ControlModifier;
+    press.shift = event.modifiers() & Qt::ShiftModifier;
+    if (event.key() == Qt::Key_Return || event.key() == Qt::Key_Enter)
+        press.key = KeyPress::Key::Return;
+    else if (event.key() == Qt::Key_Escape)
+        press.key = KeyPress::Key::Escape;
+    else if (const QChar name = latinName(event); !name.isNull()) {
+        press.key = KeyPress::Key::Character;
+        press.character = QString(name).toStdString();
+    }
+    return press;
+}
+
 KeyDownFilter::KeyDownFilter(Taken taken) : taken(std::move(taken)) { QCoreApplication::instance()->installEventFilter(this); }
 
 KeyDownFilter::~KeyDownFilter() { QCoreApplication::instance()->removeEventFilter(this); }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Vorrel/Platform/HotkeyRegistering.h"
+#include "Vorrel/Platform/KeyPress.h"
 
 #include <QObject>
 
@@ -14,6 +15,9 @@ namespace korvane {
 /// The key of an event with its modifiers, whatever they are, and labelled with what is printed on it. Nothing for a
 /// modifier alone and for a key that no shortcut can have.
 std::optional<HotkeyConfiguration> hotkeyOf(const QKeyEvent &event);
+
+/// The key of an event as the model's shortcuts know it.
+KeyPress keyPressOf(const QKeyEvent &event);
 
 /// Shows every key that goes down in one of the program's windows to the application before any view sees it.
 class KeyDownFilter : public QObject {

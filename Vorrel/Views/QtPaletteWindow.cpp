@@ -1,8 +1,8 @@
 #include "Vorrel/Views/QtPaletteWindow.h"
 
-#include "Vorrel/Platform/VirtualKeys.h"
 #include "Vorrel/Views/Appearance.h"
 #include "Vorrel/Views/IconStore.h"
+#include "Vorrel/Views/KeyEvents.h"
 #include "Vorrel/Views/Painting.h"
 #include "Vorrel/Views/PaletteInput.h"
 #include "Vorrel/Views/PaletteView.h"
@@ -31,24 +31,6 @@ static constexpr int shadowReach = 40;
 static constexpr int shadowDrop = 10;
 
 static constexpr double freshFor = 0.5; // seconds
-
-/// What a key is called in the shortcuts: by its letter or digit. A key that has neither, as in other scripts, goes by
-/// its place on a US keyboard; but a sign that Shift makes of a digit is a sign.
-static QChar latinName(const QKeyEvent &event)
-{
-    const auto isPlain = [](int name) { return name > 0 && name < 0x80 && QChar(char16_t(name)).isLetterOrNumber(); };
-    const int key = event.key();
-    if (isPlain(key))
-        return QChar(char16_t(key)).toLower();
-    constexpr int firstNamedKey = 0x1000000; // from here on keys stand for no character
-    constexpr std::uint32_t firstCode = 8; // of the server; the places count from 0
-    const VirtualKey *place = virtualKeyAt(event.nativeScanCode() - firstCode);
-    if (key == 0 || key >= firstNamedKey || !place || !isPlain(int(place->keysym)))
-        return {};
-    const QChar name(char16_t(place->keysym));
-    const bool shiftedSign = name.isDigit() && key < 0x80 && (event.modifiers() & Qt::ShiftModifier);
-    return shiftedSign ? QChar() : name;
-}
 
 // The window itself
 
@@ -240,18 +222,7 @@ private:
     {
         if (target->window() != this || !isVisible() || !_view || _view->field().composing())
             return false;
-        KeyPress press;
-        press.command = event.modifiers() & Qt::ControlModifier;
-        press.shift = event.modifiers() & Qt::ShiftModifier;
-        if (event.key() == Qt::Key_Return || event.key() == Qt::Key_Enter)
-            press.key = KeyPress::Key::Return;
-        else if (event.key() == Qt::Key_Escape)
-            press.key = KeyPress::Key::Escape;
-        else if (const QChar name = latinName(event); !name.isNull()) {
-            press.key = KeyPress::Key::Character;
-            press.character = QString(name).toStdString();
-        }
-        return controller.handleKey(press);
+        return controller.handleKey(keyPressOf(event));
     }
 
     void reportPress(const QWindow *target, const QMouseEvent &event)
@@ -626,7 +597,8 @@ bool QtPaletteWindow::keyboardIsLost() const
 bool QtPaletteWindow::overtakenByOwnWindow() const
 {
     const QWidget *active = QApplication::activeWindow();
-    return isFresh() && active && active != _surface.get() && !hasSheet();
+    const bool isAbove = active && active->windowFlags() & Qt::WindowStaysOnTopHint; // such as the preview of a file
+    return isFresh() && active && active != _surface.get() && !isAbove && !hasSheet();
 }
 
 void QtPaletteWindow::deactivated()

@@ -185,15 +185,9 @@ void QtSettingsWindow::showCentred()
         frame.moveCenter(screen->availableGeometry().center());
         _surface->move(frame.topLeft());
     }
-    const std::uint32_t time = x11::serverTime();
-    _surface->winId();
-    x11::setUserTime(*_surface, time);
     _surface->setWindowState(_surface->windowState() & ~Qt::WindowMinimized);
-    _surface->show();
+    x11::showInFront(*_surface);
     _surface->setFocus(Qt::OtherFocusReason); // no control is marked before the user asks for one
-    _surface->raise();
-    _surface->activateWindow();
-    x11::activate(*_surface, time);
 }
 
 } // namespace korvane

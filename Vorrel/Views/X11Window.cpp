@@ -157,6 +157,17 @@ bool activate(const QWidget &window, std::uint32_t time)
     return true;
 }
 
+void showInFront(QWidget &window)
+{
+    const std::uint32_t time = serverTime();
+    window.winId();
+    setUserTime(window, time);
+    window.show();
+    window.raise();
+    window.activateWindow();
+    activate(window, time);
+}
+
 /// Whether the window is a program's, or within one: window managers mark those that they manage.
 static bool isManaged(xcb_connection_t *x, xcb_window_t window)
 {

@@ -35,6 +35,9 @@ bool activate(const QWidget &window, std::uint32_t time);
 /// Tells when the user asked for the window; before it is mapped.
 void setUserTime(const QWidget &window, std::uint32_t time);
 
+/// Shows an ordinary window in front of all others and gives it the keyboard, as the answer to what the user did just now.
+void showInFront(QWidget &window);
+
 /// Who has the keyboard by the server's own word: reports of the toolkit may be older than what has happened since.
 enum class Keyboard {
     Ours, ///< The given window.

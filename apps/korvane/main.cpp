@@ -11,15 +11,18 @@
 #include "Vorrel/Views/QtPaletteWindow.h"
 #include "Vorrel/Views/QtPasteboard.h"
 #include "Vorrel/Views/QtSettingsWindow.h"
+#include "Vorrel/Views/QuickLookWindow.h"
 #include "Vorrel/Views/TrayStatusItem.h"
 #include "Vorrel/Views/X11Window.h"
 
 #include <QApplication>
+#include <QLocale>
 #include <QPointer>
 #include <QWidget>
 
 #include <csignal>
 #include <cstdio>
+#include <filesystem>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -79,13 +82,18 @@ int main(int count, char **words)
     QtMainLoop mainLoop;
     LinuxPlatform system(mainLoop.executor(), variables, x11::launchToken);
     L10n::use(L10n::load(system.textPlaces(executablePath())));
+    QLocale::setDefault(
+        QLocale(QString::fromStdString(L10n::languageInUse()))); // the toolkit's own words, such as kinds of files
     Appearance appearance;
     QtDialogs dialogs(appearance);
     QtPasteboard pasteboard;
     TrayStatusItem status;
     ActivationListener activation;
     LinuxHotkeys hotkeys(mainLoop.executor(), system.pool.executor(), system.clock, environment, L10n::shown("Open Korvane"));
-    const Platform ports = system.ports(dialogs, pasteboard, true);
+    QtPreviewWindow preview(mainLoop.executor(), system.pool.executor(), system.clock, appearance,
+        std::filesystem::path(executablePath()).parent_path() / "korvane-preview");
+    Platform ports = system.ports(dialogs, pasteboard, true);
+    ports.preview = &preview;
 
     std::unique_ptr<AppDelegate> delegate;
     const auto quit = [&] { delegate->shouldTerminate([] { QApplication::exit(0); }); };

@@ -12,6 +12,7 @@
 
 #include <QApplication>
 #include <QDir>
+#include <QLocale>
 
 #include <algorithm>
 #include <cstdio>
@@ -41,6 +42,8 @@ constexpr struct {
     {"query", {"en", false}, 2},
     {"typemenu", {"en", true}, 2},
     {"actions", {"zh", true}, 2},
+    {"previewfolder", {"zh", false}, 1},
+    {"previewtext", {"en", false}, 2},
 };
 
 // Text is drawn alike wherever the fonts are the same; a picture differs when a few letters do.
@@ -66,6 +69,7 @@ void use(const Look &look)
         .fixedAtBuild = {},
         .languages = {std::string(look.language)},
         .platform = "linux"}));
+    QLocale::setDefault(QLocale(QString::fromStdString(L10n::languageInUse()))); // names of kinds of files
 }
 
 QImage pictureOf(const PictureState &state)

@@ -6,8 +6,16 @@
 #include "Vorrel/Views/PaletteInput.h"
 
 #include <QApplication>
+#include <QDir>
+#include <QFile>
 #include <QKeyEvent>
+#include <QPageSize>
 #include <QPainter>
+#include <QPdfWriter>
+
+#include <cmath>
+#include <fcntl.h>
+#include <sys/stat.h>
 
 namespace korvane::test {
 
@@ -162,6 +170,97 @@ void record(Stage &scene)
 {
     scene.showSettings();
     scene.settingsWindow().hotkeySection().recorder().click();
+}
+
+// Samples of files
+
+void writeBytes(const QString &path, const QByteArray &bytes)
+{
+    QFile file(path);
+    if (file.open(QIODevice::WriteOnly))
+        file.write(bytes);
+}
+
+void writeNotes(const QString &path)
+{
+    writeBytes(path,
+        "#!/usr/bin/env python3\n\"\"\"Prints when boats may enter the inner harbour.\"\"\"\n\nimport csv\nimport datetime\n\n"
+        "BEFORE = AFTER = datetime.timedelta(hours=2)\n\n\ndef windows(tides):\n    for name, time, height in tides:\n"
+        "        if name == \"high\" and float(height) > 3.0:\n            yield time - BEFORE, time + AFTER\n\n\n"
+        "# 内港在每次高潮前后两小时内开放。\ndef main():\n    with open(\"tides.csv\") as file:\n"
+        "        for begin, end in windows(csv.reader(file)):\n            print(f\"{begin:%H:%M} – {end:%H:%M}\")\n\n\n"
+        "if __name__ == \"__main__\":\n    main()\n");
+}
+
+/// Hills behind a lake in the evening.
+void writePhotograph(const QString &path)
+{
+    constexpr int width = 960, height = 600;
+    QImage image(width, height, QImage::Format_RGB32);
+    QPainter painter(&image);
+    painter.setRenderHint(QPainter::Antialiasing);
+    QLinearGradient sky(0, 0, 0, 380);
+    sky.setColorAt(0, QColor(0x31, 0x3e, 0x6b));
+    sky.setColorAt(0.7, QColor(0xe3, 0x8f, 0x7c));
+    sky.setColorAt(1, QColor(0xf7, 0xd0, 0x9a));
+    painter.fillRect(0, 0, width, height, sky);
+    painter.setPen(Qt::NoPen);
+    painter.setBrush(QColor(0xff, 0xf1, 0xd0));
+    painter.drawEllipse(QPointF(640, 318), 38, 38);
+    const QColor hills[] = {QColor(0x6d, 0x5b, 0x86), QColor(0x4a, 0x45, 0x70), QColor(0x2b, 0x2e, 0x52)};
+    for (int hill = 0; hill < 3; hill++) {
+        QPolygonF outline{{0, height}};
+        for (int x = 0; x <= width; x += 10)
+            outline << QPointF(
+                x, 336 + 42 * hill + 36 * std::sin(x / (102.0 + 36 * hill) + 2 * hill) + 13 * std::sin(x / 37.0 + hill));
+        painter.setBrush(hills[hill]);
+        painter.drawPolygon(outline << QPointF(width, height));
+    }
+    QLinearGradient water(0, 480, 0, height);
+    water.setColorAt(0, QColor(0xb0, 0x78, 0x80));
+    water.setColorAt(1, QColor(0x24, 0x2a, 0x4c));
+    painter.fillRect(0, 480, width, 120, water);
+    painter.end();
+    image.save(path, "JPG", 90);
+}
+
+void writeMark(const QString &path)
+{
+    writeBytes(path,
+        "<svg xmlns='http://www.w3.org/2000/svg' viewBox='0 0 64 64' width='64' height='64'><circle cx='32' cy='32' r='28' "
+        "fill='#4a4fcf'/><path d='M20 40 L32 16 L44 40 Z' fill='none' stroke='#fff' stroke-width='5' "
+        "stroke-linejoin='round'/></svg>");
+}
+
+void writeReport(const QString &path)
+{
+    QPdfWriter writer(path);
+    writer.setPageSize(QPageSize(QPageSize::A4));
+    writer.setResolution(150);
+    QPainter painter(&writer);
+    for (int page = 0; page < 3; page++) {
+        if (page > 0)
+            writer.newPage();
+        QFont font(QStringLiteral("Inter"));
+        font.setPixelSize(52);
+        font.setBold(true);
+        painter.setFont(font);
+        painter.drawText(80, 140, page == 0 ? QStringLiteral("The first expedition") : QStringLiteral("Chapter %1").arg(page));
+        font.setPixelSize(25);
+        font.setBold(false);
+        painter.setFont(font);
+        const QString line = QStringLiteral("We left the harbour two hours before high water and had the light behind us. ");
+        painter.drawText(QRect(80, 220, writer.width() - 160, 900), Qt::TextWordWrap, line.repeated(9));
+        painter.fillRect(QRect(80, 720, writer.width() - 160, 360), QColor(0xdf, 0xe4, 0xf2));
+    }
+}
+
+void writeFolder(const QString &path)
+{
+    QDir().mkpath(path + QStringLiteral("/old"));
+    writeBytes(path + QStringLiteral("/old/notes.txt"), QByteArray(48'230, 'x'));
+    for (int i = 0; i < 14; i++)
+        writeBytes(path + QStringLiteral("/%1.jpg").arg(i), QByteArray(312'000, 'x'));
 }
 
 constexpr PictureState states[] = {
@@ -363,6 +462,25 @@ constexpr PictureState states[] = {
             openActions(scene, 0);
             scene.palette().setActionQuery("zzz");
         }},
+    {"previewtext", [](Stage &scene) { scene.showPreview(QStringLiteral("harbour_windows.py"), writeNotes); }},
+    {"previewpicture", [](Stage &scene) { scene.showPreview(QStringLiteral("fjord at dawn.jpg"), writePhotograph); }},
+    {"previewdrawing", [](Stage &scene) { scene.showPreview(QStringLiteral("mark.svg"), writeMark); }},
+    {"previewpages",
+        [](Stage &scene) { scene.showPreview(QStringLiteral("Final report of the first expedition.pdf"), writeReport); }},
+    {"previewfolder", [](Stage &scene) { scene.showPreview(QStringLiteral("Field recordings"), writeFolder); }},
+    {"previewother",
+        [](Stage &scene) {
+            scene.showPreview(
+                QStringLiteral("项目 Backup of the photographs and the field notes 2026.tar.gz"), [](const QString &path) {
+                    writeBytes(path, QByteArray("\x1f\x8b\x08\0\0\0\0\0", 8).leftJustified(2'483'112, 'x'));
+                });
+        }},
+    {"previewfailure",
+        [](Stage &scene) {
+            scene.showPreview(QStringLiteral("scan 0042.png"),
+                [](const QString &path) { writeBytes(path, QByteArray("\x89PNG\r\n\x1a\n").leftJustified(48'230, 'x')); });
+        }},
+    {"previewloading", [](Stage &scene) { scene.showLoadingPreview(QStringLiteral("panorama.png")); }},
     {"settings", [](Stage &scene) { scene.showSettings(); }},
     {"settingsdraft", [](Stage &scene) { scene.showSettings().draftSpotlightHotkey(); }},
     {"settingsissue", [](Stage &scene) { showIssue(scene, HotkeyConfiguration()); }},
@@ -395,9 +513,61 @@ SettingsState &Stage::showSettings()
     return services->preferences();
 }
 
+QtPreviewWindow &Stage::makePreview(const std::string &decoder)
+{
+    preview = std::make_unique<QtPreviewWindow>(loop.executor(), loop.executor(), clock, appearance, decoder);
+    controller->coordinator()._isPresenting = true; // the palette stays
+    return *preview;
+}
+
+/// A place whose name stands in the picture.
+static QDir sampleFolder()
+{
+    const QDir folder(QStringLiteral("/tmp/korvane-pictures-%1").arg(qRound(qApp->devicePixelRatio())));
+    folder.mkpath(QStringLiteral("."));
+    return folder;
+}
+
+/// Also of a folder, which the toolkit cannot do.
+static void setModified(const QString &path)
+{
+    const timespec moment{1'771'412'580, 0}, times[] = {moment, moment};
+    ::utimensat(AT_FDCWD, path.toUtf8().constData(), times, 0);
+}
+
+void Stage::showPreview(const QString &name, const std::function<void(const QString &)> &sample)
+{
+    const QString path = sampleFolder().filePath(name);
+    sample(path);
+    setModified(path);
+    makePreview(KORVANE_BINARIES "/korvane-preview").show(path.toStdString(), {});
+    waitFor([this] { return preview->settled() && preview->surface()->isActiveWindow(); });
+}
+
+void Stage::showLoadingPreview(const QString &name)
+{
+    const QString decoder = folder.filePath(QStringLiteral("decoder"));
+    writeBytes(decoder, "#!/bin/sh\nexec sleep 60\n");
+    QFile::setPermissions(decoder, QFile::ReadOwner | QFile::ExeOwner);
+    const QString path = sampleFolder().filePath(name);
+    QImage image(8, 8, QImage::Format_RGB32);
+    image.fill(Qt::red);
+    image.save(path);
+    setModified(path);
+    makePreview(decoder.toStdString()).show(path.toStdString(), {});
+    waitFor([this] { return preview->surface()->isActiveWindow(); });
+}
+
+QWidget &Stage::shownWidget() const
+{
+    if (preview)
+        return *preview->surface();
+    return settings ? *settings->surface() : *window->surface();
+}
+
 QImage Stage::picture()
 {
-    QWidget &main = settings ? *settings->surface() : *window->surface();
+    QWidget &main = shownWidget();
     const qreal ratio = main.devicePixelRatioF();
     QImage image(main.size() * ratio, QImage::Format_RGB32);
     image.setDevicePixelRatio(ratio);

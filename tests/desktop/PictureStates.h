@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Vorrel/Views/QtSettingsWindow.h"
+#include "Vorrel/Views/QuickLookWindow.h"
 #include "tests/desktop/Scene.h"
 
 #include <QImage>
@@ -15,11 +16,20 @@ public:
     /// Shows the settings beside the palette; the picture is theirs then.
     SettingsState &showSettings();
     QtSettingsWindow &settingsWindow() { return *settings; }
+    /// Shows the preview of a file over the palette; the picture is the preview's then. `sample` writes the file to the path
+    /// that it is given, always the same for the same name.
+    void showPreview(const QString &name, const std::function<void(const QString &path)> &sample);
+    /// The same while the file is still being decoded.
+    void showLoadingPreview(const QString &name);
     /// What the window shows now, and the menu over it if one is open, on a plain ground.
     QImage picture();
 
 private:
+    QtPreviewWindow &makePreview(const std::string &decoder);
+    QWidget &shownWidget() const;
+
     std::unique_ptr<QtSettingsWindow> settings;
+    std::unique_ptr<QtPreviewWindow> preview;
 };
 
 /// One state of a window: how it looks is kept as a picture.

@@ -379,6 +379,37 @@ TEST(Program, AFileIsFoundWhetherItCameWhileTheProgramRanOrWhileItWasAway)
         "Korvane runs and keeps the index itself. Quit it first.\n");
 }
 
+TEST(Program, QuickLookShowsAFileOverThePaletteAndGivesTheKeyboardBack)
+{
+    const fs::path letter = fs::path(::getenv("HOME")) / "zebraquick.txt";
+    std::ofstream(letter) << "Dear Zebra,\n\nthe tide comes at noon.\n";
+    const Program program({korvane, "--show"});
+    ASSERT_TRUE(program.ready());
+    ASSERT_TRUE(appears(program));
+    ASSERT_TRUE(takesKeyboard(program));
+    const std::string palette = windowOf(program);
+    const auto inFront = [] { return output("xdotool getwindowfocus"); };
+    const auto shown = [&] { return soon([&] { return titleInFront() == letter.filename(); }); };
+    ASSERT_TRUE(soon([&] { return output(KORVANE_BINARIES "/korvanectl files zebraquick") == letter.string() + "\n"; }, 20s));
+    type("zebraquick");
+    // The list follows the typing after a moment; until then the key finds nothing to show.
+    ASSERT_TRUE(soon([&] {
+        press("ctrl+y");
+        return soon([&] { return titleInFront() == letter.filename(); }, 500ms);
+    }));
+    if (const char *picture = ::getenv("KORVANE_PICTURE"))
+        output("sleep 0.3; import -window root " + std::string(picture));
+    press("Escape");
+    EXPECT_TRUE(soon([&] { return inFront() == palette + "\n"; })) << "the palette is there and has the keyboard";
+    press("ctrl+y");
+    EXPECT_TRUE(shown());
+    press("ctrl+y");
+    EXPECT_TRUE(soon([&] { return inFront() == palette + "\n"; }));
+    fs::remove(letter);
+    press("Escape");
+    EXPECT_TRUE(disappears(program));
+}
+
 TEST(Program, TheFlagForTheIndexScansEveryRootAnew)
 {
     Program program({korvane, "--rebuild-index"});

@@ -18,7 +18,7 @@ struct ClipboardScenario : testing::Test, HeadlessDesktop {
         Platform ports = platform();
         ports.pasteboardWatching = &clipboard;
         services = std::make_shared<AppServices>(std::move(ports), std::move(database), AppServices::Injected());
-        coordinator = std::make_unique<ScriptedCoordinator>(dialogs);
+        coordinator = std::make_unique<ActionCoordinator>(services->platform);
         state = std::make_shared<PaletteState>(*services, *coordinator);
         state->hide = [this] { hidden = true; };
         state->enter(Mode::commands);
@@ -59,7 +59,7 @@ struct ClipboardScenario : testing::Test, HeadlessDesktop {
 
     HeadlessPasteboardWatching clipboard;
     std::shared_ptr<AppServices> services;
-    std::unique_ptr<ScriptedCoordinator> coordinator;
+    std::unique_ptr<ActionCoordinator> coordinator;
     std::shared_ptr<PaletteState> state;
     bool hidden = false;
 };
