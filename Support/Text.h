@@ -43,6 +43,10 @@ bool isWhitespace(std::string_view character);
 
 /// `text` with everything that is not valid UTF-8 replaced by U+FFFD: the form to show.
 std::string displayable(std::string_view text);
+
+/// `text` to be shown as somebody else's, on a terminal too: what is not valid UTF-8, control characters other than line
+/// feeds and tabs, and characters that turn the direction of what follows are replaced by U+FFFD; lines end with a line feed.
+std::string withoutControls(std::string_view text);
 /// Whether `text` is UTF-8 throughout: no stray bytes, no surrogates, no overlong forms.
 bool isValidUTF8(std::string_view text);
 

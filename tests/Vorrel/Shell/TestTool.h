@@ -72,12 +72,16 @@ struct TestTool : testing::Test {
             .consent = [this](bool yes) { dialogs.yes = yes; },
             .workingDirectory = root + "/home",
             .progress = showsProgress ? [this](std::string_view line) { progress.emplace_back(line); }
-                                      : std::function<void(std::string_view)>()});
+                                      : std::function<void(std::string_view)>(),
+            .onInterrupt = onInterrupt,
+            .makeProvider = makeProvider});
         return tool.run(arguments);
     }
 
     std::string root, out, err;
     Strings progress;
+    std::function<void(std::function<void()>)> onInterrupt;
+    AppServices::MakeProvider makeProvider;
     bool showsProgress = false;
     std::optional<HeadlessDesktop> desktop;
     std::optional<HeadlessDirectoryWalker> walker;
