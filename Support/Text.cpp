@@ -342,6 +342,30 @@ std::string displayable(std::string_view text)
     return result;
 }
 
+/// Whether it is drawn as nothing and changes how others are drawn, or what a terminal does.
+static bool controls(UChar32 point)
+{
+    const bool control = point < 0x20 || (point >= 0x7f && point < 0xa0);
+    const bool turns = (point >= 0x202a && point <= 0x202e) || (point >= 0x2066 && point <= 0x2069);
+    return (control && point != '\n' && point != '\t') || turns;
+}
+
+std::string withoutControls(std::string_view text)
+{
+    constexpr UChar32 replacement = 0xfffd;
+    std::string result;
+    result.reserve(text.size());
+    const CodePoints points(text);
+    for (std::int32_t at = 0; !points.atEnd(at);) {
+        const UChar32 point = points.next(at);
+        if (point != '\r')
+            append(result, controls(point) ? replacement : point);
+        else if (static_cast<std::size_t>(at) == text.size() || text[static_cast<std::size_t>(at)] != '\n')
+            append(result, '\n');
+    }
+    return result;
+}
+
 bool isValidUTF8(std::string_view text)
 {
     if (isASCII(text))

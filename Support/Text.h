@@ -62,6 +62,10 @@ inline std::size_t codePointLength(std::string_view text)
     const bool outside = lead > 0xF4 || (lead == 0xF0 && byte(1) < 0x90) || (lead == 0xF4 && byte(1) >= 0x90);
     return text.size() >= 4 && follows(3) && !outside ? 4 : 0;
 }
+
+/// `text` to be shown as somebody else's, on a terminal too: what is not valid UTF-8, control characters other than line
+/// feeds and tabs, and characters that turn the direction of what follows are replaced by U+FFFD; lines end with a line feed.
+std::string withoutControls(std::string_view text);
 /// Whether `text` is UTF-8 throughout: no stray bytes, no surrogates, no overlong forms.
 bool isValidUTF8(std::string_view text);
 

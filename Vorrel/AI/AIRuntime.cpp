@@ -1,6 +1,7 @@
 #include "Vorrel/AI/AIRuntime.h"
 
 #include "CommandCore/Commands.h"
+#include "Vorrel/Shell/L10n.h"
 
 #include <algorithm>
 #include <set>
@@ -65,7 +66,7 @@ public:
         std::optional<std::string> continuation;
         for (int step = 0; step < mostSteps; ++step) {
             co_await throwIfCancelled();
-            status("Thinking…");
+            status(L10n::key("Thinking…"));
             ModelResponse response = co_await provider.chat(std::move(request), tools, std::move(continuation));
             continuation = std::move(response.continuation);
             if (!response.text.empty())

@@ -877,28 +877,6 @@ Task<void> PaletteState::argumentLaunch(std::shared_ptr<PaletteState> self, std:
     self->endRun();
 }
 
-// AI
-
-std::string PaletteState::aiIntroduction() const
-{
-    if (!activeAgent())
-        return L10n::text("Describe an action, then press Return.\n\nTry: 帮我打开 Safari\n\nTool operations appear for approval "
-                          "when required.");
-    const std::string request =
-        L10n::text("Enter a request for ") + activeAgent()->name + L10n::text(", then press Return.") + "\n\n";
-    if (activeAgent()->tools.empty())
-        return request + L10n::text("This Agent has no access to tools.");
-    return request + L10n::text("This Agent can use ") + std::to_string(activeAgent()->tools.size())
-        + L10n::text(" selected tools. Permission approvals still apply.");
-}
-
-void PaletteState::askAI()
-{
-    // Requests cannot be switched on in this build, so there is nothing to run behind this gate.
-    if (!blank(query()) && !services.preferences().preferences->aiEnabled)
-        _error = L10n::key("Enable AI Requests and save an API key in Settings → AI.");
-}
-
 // Sources
 
 Task<void> PaletteState::start()
@@ -1006,6 +984,16 @@ void PaletteState::registerWindowCommands()
         .actions = {{.id = "clipboard", .title = clipboard, .execute = doing([](PaletteState &state) {
                          state.enter(Mode::clipboard);
                      })}},
+    }));
+    const char *const ai = L10n::key("Ask AI");
+    registry.registerCommand(std::make_shared<StaticCommand>(CommandResultFields{
+        .id = "ai",
+        .title = ai,
+        .subtitle = L10n::key("Open Ask AI"),
+        .keywords = {"ai", L10n::text(ai), L10n::simplifiedChinese(ai)},
+        .icon = CommandIcon::symbol("sparkles"),
+        .keepsOpen = true,
+        .actions = {{.id = "ai", .title = ai, .execute = doing([](PaletteState &state) { state.enter(Mode::ai); })}},
     }));
     const char *const settings = L10n::key("Open Settings");
     registry.registerCommand(std::make_shared<StaticCommand>(CommandResultFields{

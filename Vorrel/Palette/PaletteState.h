@@ -186,11 +186,21 @@ private:
     void launchWithArguments(std::string text);
     static Task<void> argumentLaunch(std::shared_ptr<PaletteState> self, std::string id, std::string text, int generation);
     Task<void> openWith(std::string path, int generation);
-    void askAI();
     void clearFailure();
     void closeActions() { setShowsActions(false); }
     void setShowsActions(bool shows);
     void endRun();
+
+    // A request to a model
+    struct Request {
+        std::string query;
+        std::optional<Agent> agent;
+        int generation;
+    };
+    void askAI();
+    static Task<void> answer(std::weak_ptr<PaletteState> weak, AppServices &services, Request request);
+    static Task<Conversation> converse(std::weak_ptr<PaletteState> weak, AppServices &services, const Request &request);
+    void endAnswer(const std::exception_ptr &failure, int generation);
 
     // Sources
     Task<void> startSources();

@@ -87,8 +87,10 @@ AppServices::MakeProvider providersOf(const Platform &platform, KeychainService 
 }
 
 /// Asks whether a tool may be called with this input, of which the user sees the beginning.
-Task<void> askFor(PermissionService &permissions, const ToolDefinition &tool, const JSONValue &input)
+Task<void> askFor(const AppServices &services, const ToolDefinition &tool, const JSONValue &input)
 {
+    if (services.allowedTools.contains(tool.name))
+        co_return;
     std::string shown;
     try {
         shown = input.encodedString();
@@ -96,12 +98,13 @@ Task<void> askFor(PermissionService &permissions, const ToolDefinition &tool, co
     }
     std::string title = L10n::format("AI wants to run %@", tool.name);
     std::string detail = tool.description + "\n\n" + std::string(firstCharacters(shown, shownInput));
-    co_await permissions.confirm(std::move(title), std::move(detail));
+    co_await services.permissions.confirm(std::move(title), std::move(detail));
 }
 
 } // namespace
 
-Task<std::shared_ptr<AppServices>> AppServices::create(Platform platform, std::optional<Milliseconds> patience, bool holdsIndex)
+Task<std::shared_ptr<AppServices>> AppServices::create(
+    Platform platform, std::optional<Milliseconds> patience, bool holdsIndex, MakeProvider makeProvider)
 {
     const auto folder = platform.folders.korvane();
     if (!folder)
@@ -113,6 +116,7 @@ Task<std::shared_ptr<AppServices>> AppServices::create(Platform platform, std::o
     const std::string path = storePath(*folder);
     auto database = co_await Database::open(platform.pool, path, Database::Access::readWrite, uptimeOf(platform), patience);
     Injected injected;
+    injected.makeProvider = std::move(makeProvider);
     injected.searchDatabase = co_await Database::open(platform.pool, path, Database::Access::readOnly, uptimeOf(platform));
     // Without diagnostics: what is searched and what fails there never reaches a report.
     auto lock = holdsIndex ? std::nullopt : indexLock(platform.folders);
@@ -183,7 +187,7 @@ ToolRegistry &AppServices::tools()
 {
     if (!lazyTools) {
         lazyTools = std::make_unique<ToolRegistry>(
-            [this](const ToolDefinition &tool, const JSONValue &input) { return askFor(permissions, tool, input); });
+            [this](const ToolDefinition &tool, const JSONValue &input) { return askFor(*this, tool, input); });
     }
     return *lazyTools;
 }

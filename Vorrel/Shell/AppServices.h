@@ -16,19 +16,25 @@
 #include "Vorrel/Shell/SettingsState.h"
 #include "Vorrel/Store/Repositories.h"
 
+#include <set>
+
 namespace korvane {
 
 /// The composition root: owns every service for the life of the process. Nothing replaces a member once
 /// it is built; the palette, the settings and the tools borrow them. Main thread only.
 class AppServices {
 public:
+    /// Makes what answers requests to a model of this name. The services outlive it.
+    using MakeProvider = std::function<std::unique_ptr<ModelProvider>(std::string model)>;
+
     /// Creates the data folder (owner only), opens the store off the main thread with its migrations, then a
     /// read-only connection for searches, and wires everything. Throws the store's errors, and
     /// `database` "Could not open the local database." when there is no data folder.
     /// `patience` is how long a write waits for a lock of another process; the store's own time without it. The file
-    /// index takes its lock when it starts, unless the caller `holdsIndex` already.
+    /// index takes its lock when it starts, unless the caller `holdsIndex` already. Without `makeProvider` requests go to
+    /// the real provider.
     static Task<std::shared_ptr<AppServices>> create(
-        Platform platform, std::optional<Milliseconds> patience = {}, bool holdsIndex = false);
+        Platform platform, std::optional<Milliseconds> patience = {}, bool holdsIndex = false, MakeProvider makeProvider = {});
 
     /// The same services for a process that only reads, beside a running one: over a read-only connection to an
     /// up-to-date store, over an empty one in memory where there is no store yet. A store of an earlier
@@ -42,9 +48,6 @@ public:
     static std::string storePath(const std::string &folder);
     /// The file by which one process at a time works on the file index; nothing without a data folder.
     static std::optional<std::string> indexLock(const UserFolders &folders);
-
-    /// Makes what answers requests to a model of this name. The services outlive it.
-    using MakeProvider = std::function<std::unique_ptr<ModelProvider>(std::string model)>;
 
     /// What a host may replace. Without a file index one over `database` alone is made, where the platform can walk
     /// folders. The other defaults are the real ones.
@@ -83,6 +86,10 @@ public:
     const std::shared_ptr<ShortcutsService> shortcuts;
     KeychainService keychain;
     const MakeProvider makeProvider;
+
+    /// Names of tools for which the user has given consent beforehand, for every call of this process: of those nobody
+    /// asks. Empty but for a command line that names them.
+    std::set<std::string> allowedTools;
 
 private:
     std::unique_ptr<ToolRegistry> lazyTools;

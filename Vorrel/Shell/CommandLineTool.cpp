@@ -49,6 +49,11 @@ constexpr std::string_view usage = R"(Usage: korvanectl COMMAND [ARGUMENTS] [--j
   agents list               the saved Agents: identifier, name, model
   agents save FILE          saves the Agent that FILE describes in JSON
   skills scan               skills that an Agent may be given: name, path, description
+  ask TEXT [--agent NAME] [--allow TOOL]…
+                            a model's answer, once AI requests are turned on; it may call
+                            tools, and each that changes something asks unless it is allowed
+  settings get [KEY]        the settings as JSON values
+  settings set KEY VALUE    changes one, while Korvane does not run
 
   --json      lists as a JSON array of objects
   --yes       gives the consent that an action asks for
@@ -64,6 +69,8 @@ constexpr std::size_t longestSecret = 65'536; // bytes
 constexpr long long filesLimit = 100; // what a search gives
 constexpr std::size_t largestAgent = 4U << 20; // bytes of a file; far more than an Agent may have
 constexpr double secondsBetweenProgress = 0.2;
+constexpr std::string_view agentPrefix = "agent:";
+constexpr const char *cancelled = "The operation was cancelled.";
 
 std::string_view nameOf(ResultKind kind)
 {
@@ -111,7 +118,11 @@ SearchCategory categoryNamed(const std::string &name)
     return SearchCategory::all;
 }
 
-bool takesValue(const std::string &option) { return option == "--category" || option == "--in" || option == "--limit"; }
+bool takesValue(const std::string &option)
+{
+    constexpr std::string_view all[] = {"--category", "--in", "--limit", "--agent", "--allow"};
+    return std::ranges::find(all, option) != std::end(all);
+}
 
 /// What a file holds, cut behind `limit` bytes; nothing for one that cannot be read.
 std::optional<std::string> beginningOf(const std::string &path, std::size_t limit)
@@ -138,6 +149,14 @@ public:
     const std::string sentence;
 };
 
+/// Of an option that is given more than once the last counts, but tools are allowed one by one.
+void CommandLineTool::Line::give(const std::string &option, std::string value)
+{
+    if (option == "--allow")
+        allowed.insert(value);
+    values.insert_or_assign(option, std::move(value));
+}
+
 CommandLineTool::Line CommandLineTool::parse(std::span<const std::string> arguments)
 {
     Line line;
@@ -157,9 +176,9 @@ CommandLineTool::Line CommandLineTool::parse(std::span<const std::string> argume
         } else if (word == "--version") {
             line.version = true;
         } else if (const auto equals = word.find('='); equals != word.npos && takesValue(word.substr(0, equals))) {
-            line.values.insert_or_assign(word.substr(0, equals), word.substr(equals + 1));
+            line.give(word.substr(0, equals), word.substr(equals + 1));
         } else if (takesValue(word) && i + 1 < arguments.size()) {
-            line.values.insert_or_assign(word, arguments[++i]);
+            line.give(word, arguments[++i]);
         } else {
             throw UsageError("There is no option " + word + " here.");
         }
@@ -215,6 +234,8 @@ int CommandLineTool::dispatch(const Line &line)
         {"secret", 2, 2, {}, &CommandLineTool::secret},
         {"agents", 1, 2, {}, &CommandLineTool::agents},
         {"skills", 1, 1, {}, &CommandLineTool::skills},
+        {"ask", 1, 1, {"--agent", "--allow"}, &CommandLineTool::ask},
+        {"settings", 1, 3, {}, &CommandLineTool::settings},
     };
     if (line.words.empty())
         throw UsageError("A command is missing.");
@@ -305,7 +326,8 @@ int CommandLineTool::runRow(const Line &line)
             row->actions.begin(), row->actions.end(), [&](const CommandAction &one) { return one.id == line.words[2]; });
     if (action == row->actions.end())
         throw Refusal{"There is no action " + line.words[2] + " here."};
-    const bool showsItself = row->id == "files" || row->id == "settings";
+    constexpr std::string_view shown[] = {"files", "clipboard", "ai", "settings"};
+    const bool showsItself = std::ranges::find(shown, row->id) != std::end(shown) || row->id.starts_with(agentPrefix);
     if (showsItself || action->flow.kind != ActionFlow::Kind::direct)
         throw Refusal{"Open Korvane for this action."};
     state->showOnly(row);
@@ -519,6 +541,153 @@ int CommandLineTool::skills(const Line &line)
     return 0;
 }
 
+// Requests to a model
+
+int CommandLineTool::ask(const Line &line)
+{
+    if (line.yes)
+        throw UsageError("Each tool is allowed by its own name, with --allow.");
+    if (trimmed(line.words[1]).empty())
+        throw UsageError("The request is empty.");
+    const auto services = wait(openServices(Use::Write));
+    services->allowedTools = line.allowed;
+    NativeTools::registerTools(services->tools(), *services);
+    wait(services->preferences().load());
+    ActionCoordinator coordinator(host.platform);
+    const auto state = std::make_shared<PaletteState>(*services, coordinator);
+    wait(state->start());
+    if (state->error())
+        throw Refusal{*state->error()};
+    openAssistant(*state, line);
+    answer(*state, line.words[1]);
+    const std::string &text = state->aiOutput();
+    const JSONValue::Array json{JSONValue::Object{{"answer", text}}};
+    host.out((line.json ? JSONValue(json).encodedString() : withoutControls(text)) + "\n");
+    wait(services->database->close());
+    return 0;
+}
+
+void CommandLineTool::openAssistant(PaletteState &state, const Line &line)
+{
+    const auto given = line.values.find("--agent");
+    if (given == line.values.end())
+        return state.enter(PaletteState::Mode::ai);
+    const auto &agents = state.services.agents().agents();
+    const auto named = std::ranges::find_if(
+        agents, [&name = given->second](const Agent &agent) { return agent.id == name || agent.name == name; });
+    const Row row = named == agents.end() ? nullptr : state.registry.result(std::string(agentPrefix) + named->id);
+    if (!row)
+        throw Refusal{"There is no Agent with the name " + given->second + "."};
+    wait(row->actions.front().execute());
+}
+
+/// Asks, and waits for the end; status goes by on standard error.
+void CommandLineTool::answer(PaletteState &state, const std::string &text)
+{
+    const Subscription status = state._aiStatus.observe([this, &state] {
+        if (!state.aiStatus().empty())
+            host.err(cell(state.aiStatus()) + "\n");
+    });
+    bool stopped = false;
+    state.setInputText(text);
+    state.execute();
+    if (host.onInterrupt) {
+        host.onInterrupt([&stopped, &state] {
+            stopped = true;
+            state.escape();
+        });
+    }
+    host.loop.runUntil([&state] { return !state.busy(); });
+    if (host.onInterrupt)
+        host.onInterrupt(nullptr);
+    if (state.error())
+        throw Refusal{*state.error()};
+    if (stopped)
+        throw Refusal{cancelled};
+}
+
+// Settings
+
+int CommandLineTool::settings(const Line &line)
+{
+    const std::string &what = line.words[1];
+    if (what == "get" && line.words.size() <= 3)
+        return showSettings(line);
+    if (what == "set" && line.words.size() == 4)
+        return changeSetting(line.words[2], line.words[3]);
+    throw UsageError("These are not the arguments of settings.");
+}
+
+int CommandLineTool::showSettings(const Line &line)
+{
+    const auto services = wait(openServices(Use::Read));
+    SettingsState &settings = services->preferences();
+    wait(settings.load());
+    const JSONValue json = settings.preferences->json();
+    JSONValue::Object shown = *json.object();
+    if (line.words.size() == 3) {
+        std::erase_if(shown, [&line](const auto &member) { return member.first != line.words[2]; });
+        if (shown.empty())
+            throw UsageError("There is no setting " + line.words[2] + ".");
+    }
+    Table table;
+    for (const auto &[key, value] : shown)
+        table.plain.push_back({key, value.encodedString()});
+    if (line.words.size() == 3)
+        table.plain.front().erase(table.plain.front().begin());
+    table.json.emplace_back(std::move(shown));
+    print(table, line.json);
+    return 0;
+}
+
+namespace {
+
+/// The preferences with one of them changed. A text may stand without its quotation marks.
+AppPreferences changed(const AppPreferences &preferences, const std::string &key, const std::string &value)
+{
+    const JSONValue json = preferences.json();
+    JSONValue::Object members = *json.object();
+    JSONValue &member = members.at(key);
+    const bool isText = member.string();
+    try {
+        member = JSONValue::parse(value);
+    } catch (const JSONError &) {
+        member = isText ? JSONValue(value) : JSONValue();
+    }
+    if (isText && !member.string())
+        member = value;
+    try {
+        return AppPreferences::decode(members);
+    } catch (const JSONError &) {
+        throw Refusal{"This is no value for " + key + "."};
+    }
+}
+
+} // namespace
+
+int CommandLineTool::changeSetting(const std::string &key, const std::string &value)
+{
+    const JSONValue defaults = AppPreferences().json();
+    if (!defaults.object()->contains(key))
+        throw UsageError("There is no setting " + key + ".");
+    if (SingleInstanceLock::isHeld(host.platform.folders))
+        throw Refusal{"Korvane runs and keeps the settings itself. Quit it first."};
+    const auto services = wait(openServices(Use::Write));
+    SettingsState &settings = services->preferences();
+    wait(settings.load());
+    settings.updateHotkey = [](const HotkeyConfiguration &hotkey) { // registered when Korvane starts
+        if (!hotkey.valid())
+            throw HotkeyRegistrationError(HotkeyRegistrationError::Reason::invalid);
+    };
+    settings.preferences = changed(settings.preferences, key, value);
+    settings.save();
+    host.loop.runUntil([&settings] { return !settings.saving; });
+    wait(services->database->close());
+    if (settings.message.get() != "Settings saved.")
+        throw Refusal{settings.message};
+    return 0;
+}
+
 std::string CommandLineTool::absolute(const std::string &path) const
 {
     const std::string expanded = host.platform.folders.expandingTilde(path);
@@ -715,7 +884,7 @@ KeychainService CommandLineTool::keychain() const { return {host.platform.pool, 
 Task<std::shared_ptr<AppServices>> CommandLineTool::openServices(Use use)
 {
     if (use == Use::Write)
-        co_return co_await AppServices::create(host.platform, writeWait);
+        co_return co_await AppServices::create(host.platform, writeWait, false, host.makeProvider);
     co_return co_await AppServices::createForReading(host.platform);
 }
 

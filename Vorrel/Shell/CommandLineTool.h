@@ -4,6 +4,7 @@
 #include "Vorrel/Palette/PaletteState.h"
 
 #include <map>
+#include <set>
 #include <span>
 
 namespace korvane {
@@ -26,6 +27,9 @@ public:
         std::string workingDirectory = {}; ///< What relative folders on a command line are relative to.
         /// Shows a line of progress in place of the last one, an empty one when all is done; null without a terminal.
         std::function<void(std::string_view)> progress = {};
+        /// Has `stop` called once, on the main thread, when the user wants the command to end; null where nobody can.
+        std::function<void(std::function<void()> stop)> onInterrupt = {};
+        AppServices::MakeProvider makeProvider = {}; ///< Null for the real provider.
     };
 
     explicit CommandLineTool(Host host) : host(std::move(host)) { }
@@ -38,7 +42,9 @@ private:
     struct Line {
         std::vector<std::string> words;
         std::map<std::string, std::string, std::less<>> values; ///< Options that have a value, by their name.
+        std::set<std::string> allowed; ///< Names of tools.
         bool json = false, yes = false, help = false, version = false;
+        void give(const std::string &option, std::string value);
     };
     /// One list, for both ways of printing.
     struct Table {
@@ -63,6 +69,16 @@ private:
     int secret(const Line &line);
     int agents(const Line &line);
     int skills(const Line &line);
+    int ask(const Line &line);
+    int settings(const Line &line);
+
+    // Requests to a model
+    void openAssistant(PaletteState &state, const Line &line);
+    void answer(PaletteState &state, const std::string &text);
+
+    // Settings
+    int showSettings(const Line &line);
+    int changeSetting(const std::string &key, const std::string &value);
 
     // What else the store holds
     int listQuicklinks(const Line &line);

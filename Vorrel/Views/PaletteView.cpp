@@ -41,9 +41,11 @@ public:
 
     void refresh(const PaletteState &state)
     {
-        const std::string text = state.aiOutput().empty() ? state.aiIntroduction() : state.aiOutput();
-        pane->show(fromUtf8(text));
-        status->setText(shownText(state.aiStatus()));
+        // The program's own words are paler than the model's, so that neither passes for the other.
+        const bool introduces = state.aiOutput().empty();
+        pane->setTone(introduces ? Text::Tone::Secondary : Text::Tone::Main);
+        pane->show(foreignText(introduces ? state.aiIntroduction() : state.aiOutput()));
+        status->setText(runStatus(state.aiStatus()));
     }
     void applyAppearance()
     {

@@ -4,6 +4,7 @@
 #include "Vorrel/Views/Appearance.h"
 #include "Vorrel/Views/IconStore.h"
 #include "Vorrel/Views/Painting.h"
+#include "Vorrel/Views/ResultPreviewView.h"
 #include "Vorrel/Views/ViewText.h"
 #include "Vorrel/Views/X11Window.h"
 
@@ -14,13 +15,14 @@
 #include <QFile>
 #include <QFileDialog>
 #include <QFileInfo>
+#include <QKeyEvent>
 #include <QLabel>
 #include <QMouseEvent>
 #include <QPainter>
 #include <QPainterPath>
 #include <QPointer>
 #include <QPushButton>
-#include <QScrollArea>
+#include <QScreen>
 #include <QScrollBar>
 #include <QSplitter>
 #include <QStandardPaths>
@@ -29,8 +31,10 @@
 
 namespace korvane {
 
-static constexpr int alertWidth = 360;
-static constexpr int mostDetail = 220; // units of height; more is scrolled
+static constexpr int alertWidth = 360, wideAlertWidth = 560; // of the words
+static constexpr int mostDetail = 220; // units of height; more takes the wide form
+static constexpr int mostWideDetail = 440; // more is scrolled
+static constexpr int aroundDetail = 200; // the least height of everything else, on a small screen
 static constexpr int alertRadius = 12;
 static constexpr int signSize = 40;
 
@@ -80,20 +84,22 @@ public:
         QDialog(owner, Qt::Dialog | Qt::FramelessWindowHint), appearance(appearance)
     {
         setAttribute(Qt::WA_TranslucentBackground);
-        setWindowTitle(fromUtf8(title));
-        auto *heading = plain(title, appearance.font(TypeSize::Title, QFont::DemiBold));
-        heading->setFixedWidth(alertWidth);
+        setWindowTitle(foreignText(title));
+        words = detail.empty() ? nullptr : detailPane(detail);
+        const int width = words ? words->width() : alertWidth;
+        auto *heading = plain(title, appearance.font(TypeSize::Title, QFont::DemiBold), width);
+        heading->setFixedWidth(width);
 
-        auto *words = new QVBoxLayout;
-        words->setSpacing(8);
-        words->addWidget(heading);
-        if (!detail.empty())
-            words->addWidget(scrolling(plain(detail, appearance.font(TypeSize::Body))));
-        words->addStretch();
+        auto *text = new QVBoxLayout;
+        text->setSpacing(8);
+        text->addWidget(heading);
+        if (words)
+            text->addWidget(words);
+        text->addStretch();
         auto *top = new QHBoxLayout;
         top->setSpacing(0);
         top->addSpacing(signSize + 16);
-        top->addLayout(words, 1);
+        top->addLayout(text, 1);
         buttons = new QHBoxLayout;
         buttons->setSpacing(8);
         buttons->addStretch();
@@ -103,7 +109,7 @@ public:
         column->addLayout(top);
         column->addLayout(buttons);
         column->setSizeConstraint(QLayout::SetFixedSize);
-        setAccessibleDescription(fromUtf8(detail));
+        setAccessibleDescription(foreignText(detail));
     }
 
     QPushButton *addButton(const QString &text, DialogCode code)
@@ -138,6 +144,14 @@ protected:
         outline.addRoundedRect(rect(), alertRadius, alertRadius);
         setMask(outline.toFillPolygon().toPolygon());
     }
+    void keyPressEvent(QKeyEvent *event) override
+    {
+        const bool down = event->key() == Qt::Key_PageDown;
+        if (!words || (!down && event->key() != Qt::Key_PageUp))
+            return QDialog::keyPressEvent(event);
+        using Slider = QAbstractSlider;
+        words->verticalScrollBar()->triggerAction(down ? Slider::SliderPageStepAdd : Slider::SliderPageStepSub);
+    }
     void mousePressEvent(QMouseEvent *event) override { grip = event->globalPosition().toPoint() - pos(); }
     void mouseMoveEvent(QMouseEvent *event) override
     {
@@ -146,11 +160,29 @@ protected:
     }
 
 private:
-    QLabel *plain(const std::string &text, const QFont &font)
+    /// A tool may have a name that is one endless word.
+    static QString breakable(const QString &text, const QFontMetrics &metrics, int width)
+    {
+        constexpr QChar softBreak(0x200b);
+        QString broken, word;
+        for (const QChar c : text) {
+            if (c.isSpace())
+                word.clear();
+            else if (!c.isLowSurrogate() && metrics.horizontalAdvance(word + c) > width) {
+                broken += softBreak;
+                word.clear();
+            }
+            word += c;
+            broken += c;
+        }
+        return broken;
+    }
+
+    QLabel *plain(const std::string &text, const QFont &font, int width)
     {
         auto *label = new QLabel(this);
         label->setTextFormat(Qt::PlainText);
-        label->setText(fromUtf8(text));
+        label->setText(breakable(foreignText(text), QFontMetrics(font), width));
         label->setFont(font);
         label->setWordWrap(true);
         label->setTextInteractionFlags(Qt::NoTextInteraction);
@@ -160,26 +192,25 @@ private:
         return label;
     }
 
-    /// Details may be as long as what a model sends.
-    QWidget *scrolling(QLabel *label)
+    /// Details may be as long as what a model sends, and are seen whole where the screen has the room.
+    TextPane *detailPane(const std::string &detail)
     {
-        const int room = alertWidth - 12;
-        const int needed = label->heightForWidth(room);
-        label->setFixedSize(room, needed);
-        label->setAlignment(Qt::AlignLeft | Qt::AlignTop);
-        auto *area = new QScrollArea(this);
-        area->setFrameShape(QFrame::NoFrame);
-        area->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
-        area->setWidget(label);
-        area->setFixedSize(alertWidth, std::min(needed, mostDetail));
-        styleScrollBar(*area->verticalScrollBar(), appearance.theme());
-        area->setFocusPolicy(Qt::NoFocus);
-        area->viewport()->setAutoFillBackground(false);
-        label->setAutoFillBackground(false);
-        return area;
+        constexpr int scrollBar = 12;
+        auto *pane = new TextPane(appearance, this);
+        pane->setFocusPolicy(Qt::NoFocus);
+        pane->setTextInteractionFlags(Qt::NoTextInteraction);
+        pane->show(foreignText(detail));
+        const int narrow = pane->heightFor(alertWidth - scrollBar);
+        const bool wide = narrow > mostDetail;
+        const int needed = wide ? pane->heightFor(wideAlertWidth - scrollBar) : narrow;
+        const QScreen *shownOn = parentWidget() ? parentWidget()->screen() : screen();
+        const int room = shownOn->availableGeometry().height() - aroundDetail;
+        pane->setFixedSize(wide ? wideAlertWidth : alertWidth, std::min({needed, mostWideDetail, room}) + 2);
+        return pane;
     }
 
     Appearance &appearance;
+    TextPane *words = nullptr;
     QHBoxLayout *buttons;
     QPoint grip;
 };

@@ -6,7 +6,11 @@
 #include <QBoxLayout>
 #include <QKeyEvent>
 #include <QScrollBar>
+#include <QTextBlock>
 #include <QTextBoundaryFinder>
+#include <QTextLayout>
+
+#include <cmath>
 
 namespace korvane {
 
@@ -47,7 +51,7 @@ void TextPane::applyAppearance()
     const Theme &theme = appearance.theme();
     QPalette colours;
     colours.setColor(QPalette::Base, Qt::transparent);
-    colours.setColor(QPalette::Text, theme.text);
+    colours.setColor(QPalette::Text, tone == Text::Tone::Main ? theme.text : theme.secondary);
     colours.setColor(QPalette::Highlight, theme.dark ? QColor(0x5a, 0x60, 0xd6) : QColor(0xc9, 0xcc, 0xf7));
     colours.setColor(QPalette::HighlightedText, theme.text);
     setPalette(colours);
@@ -73,6 +77,31 @@ void TextPane::show(const QString &text)
         return;
     setWordWrapMode(hasEndlessWord(text) ? QTextOption::WrapAnywhere : QTextOption::WrapAtWordBoundaryOrAnywhere);
     setPlainText(text);
+}
+
+void TextPane::setTone(Text::Tone wanted)
+{
+    if (std::exchange(tone, wanted) != wanted)
+        applyAppearance();
+}
+
+int TextPane::heightFor(int width) const
+{
+    QTextOption option;
+    option.setWrapMode(wordWrapMode());
+    const QFontMetricsF metrics(font());
+    qreal height = 0;
+    for (QTextBlock block = document()->begin(); block.isValid(); block = block.next()) {
+        QTextLayout layout(block.text(), font());
+        layout.setTextOption(option);
+        layout.beginLayout();
+        for (QTextLine line = layout.createLine(); line.isValid(); line = layout.createLine()) {
+            line.setLineWidth(width);
+            height += std::max(line.height(), metrics.lineSpacing());
+        }
+        layout.endLayout();
+    }
+    return int(std::ceil(height));
 }
 
 void TextPane::keyPressEvent(QKeyEvent *event)

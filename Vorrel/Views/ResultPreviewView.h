@@ -14,6 +14,9 @@ public:
     explicit TextPane(Appearance &appearance, QWidget *parent = nullptr);
     /// Shows a text from its beginning; the same text leaves everything as it is.
     void show(const QString &text);
+    void setTone(Text::Tone tone);
+    /// How high all of the text is at `width`.
+    int heightFor(int width) const;
     void applyAppearance();
 
 protected:
@@ -21,6 +24,7 @@ protected:
 
 private:
     Appearance &appearance;
+    Text::Tone tone = Text::Tone::Main;
 };
 
 /// A text at full length, up to a limit that bounds what is shown and nothing else.

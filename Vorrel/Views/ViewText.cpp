@@ -1,10 +1,23 @@
 #include "Vorrel/Views/ViewText.h"
 
+#include "Support/Text.h"
 #include "Vorrel/Shell/L10n.h"
 
 namespace korvane {
 
 QString shownText(std::string_view english) { return fromUtf8(L10n::shown(english)); }
+
+QString foreignText(std::string_view text) { return fromUtf8(withoutControls(text)); }
+
+QString runStatus(std::string_view english)
+{
+    constexpr std::string_view before = "Running ", behind = "…";
+    if (!english.starts_with(before) || !english.ends_with(behind))
+        return shownText(english);
+    english.remove_prefix(before.size());
+    english.remove_suffix(behind.size());
+    return fromUtf8(L10n::shown("Running %@…")).replace(QStringLiteral("%@"), foreignText(english));
+}
 
 static QString nameOfKey(QChar symbol)
 {

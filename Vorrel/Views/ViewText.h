@@ -15,6 +15,12 @@ inline QString fromUtf8(std::string_view text) { return QString::fromUtf8(text.d
 /// The user's words for `english`, which the views get from the model at run time.
 QString shownText(std::string_view english);
 
+/// A text that somebody else has written, in its own words: nothing in it can move or turn what stands around it.
+QString foreignText(std::string_view text);
+
+/// What a run of the assistant does now, in the user's language; the name of a tool stays as it is.
+QString runStatus(std::string_view english);
+
 /// The keys of a hint as they are printed here: "⌘ ⇧ C" is Ctrl, Shift, C and "⌘1" is Ctrl, 1.
 QStringList keyNames(std::string_view hint);
 

@@ -3,11 +3,14 @@
 #include "Vorrel/Shell/AppLog.h"
 #include "Vorrel/Shell/CommandLineTool.h"
 
+#include "Support/Descriptor.h"
 #include "Support/Text.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <fcntl.h>
 #include <filesystem>
 #include <iostream>
 #include <optional>
@@ -27,7 +30,7 @@ public:
             co_return true;
         if (!::isatty(STDIN_FILENO) || !::isatty(STDERR_FILENO))
             co_return false;
-        std::cerr << title << "\n" << detail << "\nAllow? [y/N] " << std::flush;
+        std::cerr << withoutControls(title) << "\n" << withoutControls(detail) << "\nAllow? [y/N] " << std::flush;
         std::string answer;
         std::getline(std::cin, answer);
         co_return answer == "y" || answer == "Y" || answer == "yes";
@@ -36,6 +39,54 @@ public:
     Task<std::optional<std::vector<std::string>>> choose(Choice) override { co_return std::nullopt; }
 
     bool yes = false;
+};
+
+/// Ctrl-C as something to wait for. A second one ends the process, as does the first while nobody waits.
+class Interrupts {
+public:
+    explicit Interrupts(Executor loop) : loop(std::move(loop)) { }
+    ~Interrupts() { stopListening(); }
+
+    /// Has `stop` called at the next one; with null nobody waits any more.
+    void listen(std::function<void()> stop)
+    {
+        stopListening();
+        int ends[2];
+        if (!stop || ::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0)
+            return;
+        reading.reset(ends[0]);
+        writing.reset(ends[1]);
+        written = ends[1];
+        waiting = spawn(loop, wait(reading, std::move(stop)));
+        struct sigaction action = {};
+        action.sa_handler = note;
+        action.sa_flags = static_cast<int>(SA_RESETHAND);
+        ::sigaction(SIGINT, &action, nullptr);
+    }
+
+private:
+    void stopListening()
+    {
+        std::signal(SIGINT, SIG_DFL);
+        waiting.cancel();
+    }
+    static void note(int)
+    {
+        const int before = errno;
+        [[maybe_unused]] const auto count = ::write(written, "", 1);
+        errno = before;
+    }
+    static Task<void> wait(const Descriptor &reading, std::function<void()> stop)
+    {
+        co_await waitUntilReadable(reading);
+        stop();
+    }
+
+    // A handler of signals may use nothing else.
+    static inline volatile std::sig_atomic_t written = -1;
+    const Executor loop;
+    Descriptor reading, writing;
+    TaskHandle waiting;
 };
 
 void write(std::FILE *stream, std::string_view text)
@@ -111,6 +162,7 @@ int main(int count, char **words)
         LinuxPlatform system(loop.executor(), processVariables());
         TerminalDialogs dialogs;
         XcbPasteboard pasteboard(system.pool.executor(), nonEmpty(system.environment, "DISPLAY").value_or(""));
+        Interrupts interrupts(loop.executor());
         CommandLineTool tool({.loop = loop,
             .platform = system.ports(dialogs, pasteboard, false),
             .out = [](std::string_view text) { write(stdout, text); },
@@ -118,7 +170,9 @@ int main(int count, char **words)
             .consent = [&](bool yes) { dialogs.yes = yes; },
             .input = input,
             .workingDirectory = workingDirectory(),
-            .progress = ::isatty(STDERR_FILENO) ? std::function<void(std::string_view)>(showProgress) : nullptr});
+            .progress = ::isatty(STDERR_FILENO) ? std::function<void(std::string_view)>(showProgress) : nullptr,
+            .onInterrupt = [&](std::function<void()> stop) { interrupts.listen(std::move(stop)); },
+            .makeProvider = {}});
         const std::vector<std::string> arguments(words + std::min(count, 1), words + count);
         status = tool.run(arguments);
         loop.shutDown();

@@ -414,6 +414,27 @@ TEST(TextUTF8, EverySequenceIsTakenForWhatTheLibraryTakesItFor)
         EXPECT_EQ(codePointLength(cut), 0U);
 }
 
+TEST(WithoutControls, KeepsTextItsLinesAndItsTabs)
+{
+    EXPECT_EQ(withoutControls("a\tb\nc"), "a\tb\nc");
+    EXPECT_EQ(withoutControls("a\r\nb\rc\r"), "a\nb\nc\n");
+    EXPECT_EQ(withoutControls("été 内港 שלום 👩‍🚀"), "été 内港 שלום 👩‍🚀");
+    EXPECT_EQ(withoutControls(""), "");
+}
+
+TEST(WithoutControls, ShowsWhereSomethingWouldMoveACursorOrTurnTheDirection)
+{
+    EXPECT_EQ(withoutControls("\x1b[2J"), "\uFFFD[2J");
+    EXPECT_EQ(withoutControls(std::string_view("a\0b\x7f", 4)), "a\uFFFDb\uFFFD");
+    EXPECT_EQ(withoutControls("\xc2\x9b"
+                              "31m"),
+        "\uFFFD31m")
+        << "the same as one byte of eight bits";
+    for (const char *turn : {"\u202A", "\u202E", "\u2066", "\u2069"})
+        EXPECT_EQ(withoutControls(turn), "\uFFFD");
+    EXPECT_EQ(withoutControls("a\xff"), "a\uFFFD");
+}
+
 TEST(FirstCharacters, AreWholeCharactersHoweverLongTheyAre)
 {
     EXPECT_EQ(firstCharacters("", 3), "");

@@ -5,6 +5,7 @@
 #include "Vorrel/Views/FileFilters.h"
 #include "Vorrel/Views/PaletteInput.h"
 #include "Vorrel/Views/QtDialogs.h"
+#include "Vorrel/Views/ViewText.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -460,6 +461,33 @@ TEST_F(Bars, AnEmptyQueryToTheAssistantShowsItsIntroductionWithTheNameOfTheAgent
     scene.palette()._aiStatus = "12 tokens";
     EXPECT_EQ(shown(), "Done.");
     EXPECT_THAT(labels(), testing::IsSupersetOf({"Ask AI", "12 tokens"}));
+}
+
+TEST_F(Bars, WhatAModelAnswersIsPlainTextToBeCopiedAndSetApartFromTheProgramsWords)
+{
+    scene.palette().enter(PaletteState::Mode::ai);
+    scene.turn();
+    auto *pane = scene.view().findChild<TextPane *>();
+    ASSERT_TRUE(pane);
+    const QColor ownWords = pane->palette().color(QPalette::Text);
+    scene.palette()._aiOutput = "<b>a</b>\x1b[31m\u202Etxt\n" + scene.palette().aiIntroduction();
+    scene.turn();
+    EXPECT_EQ(pane->toPlainText().toStdString(), "<b>a</b>\uFFFD[31m\uFFFDtxt\n" + scene.palette().aiIntroduction());
+    EXPECT_NE(pane->palette().color(QPalette::Text), ownWords);
+    EXPECT_TRUE(pane->isReadOnly());
+    EXPECT_TRUE(pane->textInteractionFlags() & Qt::TextSelectableByMouse);
+    EXPECT_FALSE(pane->textInteractionFlags() & Qt::LinksAccessibleByMouse);
+}
+
+TEST_F(Bars, TheStatusOfARunNamesTheTool)
+{
+    EXPECT_EQ(runStatus("Thinking…"), "Thinking…");
+    EXPECT_EQ(runStatus("Running file.\u202Esearch…"), "Running file.\uFFFDsearch…");
+    EXPECT_EQ(runStatus(""), "");
+    scene.palette().enter(PaletteState::Mode::ai);
+    scene.palette()._aiStatus = "Running file.search…";
+    scene.turn();
+    EXPECT_THAT(labels(), Contains("Running file.search…"));
 }
 
 TEST_F(Bars, WithoutRowsTheListSaysWhyInTheWordsOfTheState)

@@ -1,5 +1,7 @@
 #include "tests/desktop/PictureStates.h"
 
+#include "Support/Text.h"
+#include "Vorrel/Shell/L10n.h"
 #include "Vorrel/Views/FileFilters.h"
 #include "Vorrel/Views/HotkeyRecorder.h"
 #include "Vorrel/Views/HotkeySettingsSection.h"
@@ -263,6 +265,32 @@ void writeFolder(const QString &path)
         writeBytes(path + QStringLiteral("/%1.jpg").arg(i), QByteArray(312'000, 'x'));
 }
 
+// A request to a model
+
+void showRequest(Stage &scene, std::string answer, std::string status, bool busy)
+{
+    scene.palette()._query = "Which reports are new this week?";
+    showAssistant(scene, std::move(answer), std::move(status));
+    scene.palette()._busy = busy;
+}
+
+std::string longAnswer()
+{
+    std::string text = "These are the arrivals of the season:\n";
+    for (int line = 1; line <= 60; line++)
+        text += "\n" + std::to_string(line) + ". The harbour master wrote every arrival down, the tide and the weather too.";
+    return text;
+}
+
+/// The question whether a tool may be called with these texts.
+void askForTool(Stage &scene, const std::string &tool, const std::string &text)
+{
+    showRequest(scene, {}, "Running " + tool + "…", true);
+    const JSONValue input = JSONValue::Object{{"path", "/home/ada/Notes/harbour.md"}, {"text", text}};
+    scene.showQuestion(L10n::format("AI wants to run %@", tool),
+        "Writes a text to a file and replaces what it held.\n\n" + std::string(firstCharacters(input.encodedString(), 1600)));
+}
+
 constexpr PictureState states[] = {
     {"commands",
         [](Stage &scene) {
@@ -481,6 +509,35 @@ constexpr PictureState states[] = {
                 [](const QString &path) { writeBytes(path, QByteArray("\x89PNG\r\n\x1a\n").leftJustified(48'230, 'x')); });
         }},
     {"previewloading", [](Stage &scene) { scene.showLoadingPreview(QStringLiteral("panorama.png")); }},
+    {"aithinking", [](Stage &scene) { showRequest(scene, {}, "Thinking…", true); }},
+    {"airunning", [](Stage &scene) { showRequest(scene, {}, "Running file.search…", true); }},
+    {"ailong", [](Stage &scene) { showRequest(scene, longAnswer(), {}, false); }},
+    {"aiforeign",
+        [](Stage &scene) {
+            showRequest(scene,
+                "<b>Not bold</b> and <a href='https://example.org'>no link</a> **either**.\n\x1b[31mNot red.\x07\n"
+                "A name that seems to end in .txt: \u202Etxt.exe\nשלום, 内港, 👩‍🚀.",
+                {}, false);
+        }},
+    {"aierror",
+        [](Stage &scene) {
+            showRequest(scene, {}, {}, false);
+            scene.palette()._error = "The AI reached its eight-step limit. Please narrow the request.";
+        }},
+    {"aioff",
+        [](Stage &scene) {
+            showRequest(scene, {}, {}, false);
+            scene.palette()._error = "Enable AI Requests and save an API key in Settings → AI.";
+        }},
+    {"approval", [](Stage &scene) { askForTool(scene, "file.write", "Boats may enter for two hours."); }},
+    {"approvallong",
+        [](Stage &scene) {
+            std::string text;
+            for (int line = 1; line < 40; line++)
+                text += std::to_string(line) + " Boats may enter the inner harbour. ";
+            askForTool(scene, "mcp.harbour-office.write_the_note_about_the_tides_and_the_boats_of_the_season", text);
+        }},
+    {"approvalword", [](Stage &scene) { askForTool(scene, "file.write", std::string(2000, 'x')); }},
     {"settings", [](Stage &scene) { scene.showSettings(); }},
     {"settingsdraft", [](Stage &scene) { scene.showSettings().draftSpotlightHotkey(); }},
     {"settingsissue", [](Stage &scene) { showIssue(scene, HotkeyConfiguration()); }},
@@ -558,8 +615,29 @@ void Stage::showLoadingPreview(const QString &name)
     waitFor([this] { return preview->surface()->isActiveWindow(); });
 }
 
+Stage::~Stage() { question.cancel(); }
+
+static Task<void> asking(Dialogs &dialogs, std::string title, std::string detail)
+{
+    try {
+        co_await dialogs.confirm(std::move(title), std::move(detail));
+    } catch (const Cancelled &) {
+        // The picture has been taken.
+    }
+}
+
+void Stage::showQuestion(std::string title, std::string detail)
+{
+    alerts = std::make_unique<QtDialogs>(appearance);
+    alerts->palette = [this] { return window->surface(); };
+    question = spawn(loop.executor(), asking(*alerts, std::move(title), std::move(detail)));
+    waitFor([] { return QApplication::activeModalWidget() && QApplication::activeModalWidget()->isActiveWindow(); });
+}
+
 QWidget &Stage::shownWidget() const
 {
+    if (alerts)
+        return *QApplication::activeModalWidget();
     if (preview)
         return *preview->surface();
     return settings ? *settings->surface() : *window->surface();

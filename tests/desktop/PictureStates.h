@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Vorrel/Views/QtDialogs.h"
 #include "Vorrel/Views/QtSettingsWindow.h"
 #include "Vorrel/Views/QuickLookWindow.h"
 #include "tests/desktop/Scene.h"
@@ -13,6 +14,7 @@ namespace korvane::test {
 /// The program's windows, to be put into a state and drawn. The state's texts are in the language in use when it is made.
 class Stage : public Scene {
 public:
+    ~Stage();
     /// Shows the settings beside the palette; the picture is theirs then.
     SettingsState &showSettings();
     QtSettingsWindow &settingsWindow() { return *settings; }
@@ -21,6 +23,8 @@ public:
     void showPreview(const QString &name, const std::function<void(const QString &path)> &sample);
     /// The same while the file is still being decoded.
     void showLoadingPreview(const QString &name);
+    /// Asks in a dialog over the palette; the picture is the dialog's then.
+    void showQuestion(std::string title, std::string detail);
     /// What the window shows now, and the menu over it if one is open, on a plain ground.
     QImage picture();
 
@@ -30,6 +34,8 @@ private:
 
     std::unique_ptr<QtSettingsWindow> settings;
     std::unique_ptr<QtPreviewWindow> preview;
+    std::unique_ptr<QtDialogs> alerts;
+    TaskHandle question;
 };
 
 /// One state of a window: how it looks is kept as a picture.

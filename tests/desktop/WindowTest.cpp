@@ -9,6 +9,7 @@
 #include "Vorrel/Views/QtDialogs.h"
 #include "Vorrel/Views/QtMainLoop.h"
 #include "Vorrel/Views/QtPasteboard.h"
+#include "Vorrel/Views/ResultPreviewView.h"
 #include "Vorrel/Views/TrayStatusItem.h"
 #include "Vorrel/Views/X11Window.h"
 
@@ -588,6 +589,50 @@ TEST_F(Palette, AnAlertIsAllowedByItsSecondButtonAndRefusedByEscape)
         scene.turn();
         delete dialog;
     }
+}
+
+TEST_F(Palette, AnAlertShowsAllThatAModelSendsAndStaysOnTheScreen)
+{
+    QtDialogs dialogs(scene.appearance);
+    dialogs.palette = [&] { return scene.shownWindow().surface(); };
+    std::string spaced, chinese;
+    for (int i = 0; i < 200; i++)
+        spaced += "1234567 ";
+    for (int i = 0; i < 1600; i++)
+        chinese += "港";
+    for (const std::string &detail : {spaced, std::string(1600, 'x'), chinese, std::string(1600, '\n')}) {
+        Begun<bool> asked(scene.loop, dialogs.confirm("AI wants to run " + std::string(200, 'm'), detail));
+        ASSERT_TRUE(scene.waitFor([&] { return scene.shownWindow().hasSheet(); }));
+        auto *dialog = scene.shownWindow().surface()->findChild<QDialog *>();
+        const QRect screen = dialog->screen()->availableGeometry();
+        EXPECT_LE(dialog->height(), screen.height());
+        EXPECT_LE(dialog->width(), screen.width());
+        auto *pane = dialog->findChild<TextPane *>();
+        ASSERT_TRUE(pane);
+        EXPECT_EQ(pane->toPlainText().toStdString(), detail);
+        EXPECT_LE(pane->horizontalScrollBar()->maximum(), 3) << "less than a letter: no word is cut off";
+        if (detail == spaced || detail.front() == 'x')
+            EXPECT_EQ(pane->verticalScrollBar()->maximum(), 0) << "and nothing has to be scrolled for";
+        press(*QApplication::focusWidget(), Qt::Key_PageDown);
+        EXPECT_TRUE(pane->verticalScrollBar()->maximum() == 0 || pane->verticalScrollBar()->value() > 0);
+        asked.cancel();
+        ASSERT_TRUE(scene.waitFor([&] { return asked.done(); }));
+        scene.turn();
+        delete dialog;
+    }
+}
+
+TEST_F(Palette, AnAlertCannotBeWrittenBackwardsByWhatAModelSends)
+{
+    QtDialogs dialogs(scene.appearance);
+    dialogs.palette = [&] { return scene.shownWindow().surface(); };
+    Begun<bool> asked(scene.loop, dialogs.confirm("run \u202Etxt", "<b>a</b>\u2066\x1b"));
+    ASSERT_TRUE(scene.waitFor([&] { return scene.shownWindow().hasSheet(); }));
+    auto *dialog = scene.shownWindow().surface()->findChild<QDialog *>();
+    EXPECT_EQ(dialog->windowTitle(), "run \uFFFDtxt");
+    EXPECT_EQ(dialog->findChild<TextPane *>()->toPlainText(), "<b>a</b>\uFFFD\uFFFD");
+    asked.cancel();
+    ASSERT_TRUE(scene.waitFor([&] { return asked.done(); }));
 }
 
 TEST_F(Palette, AnAlertGoesWithTheTaskThatAsked)

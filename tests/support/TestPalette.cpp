@@ -63,8 +63,8 @@ ScriptedAgents::ScriptedAgents(Executor loop, std::unique_ptr<ToolRegistry> tool
         .folders = {.home = "/nowhere", .data = {}},
         .tools = *tools,
         .repository = AgentRepository(nullptr),
-        .loader = std::make_unique<SkillLoader>(loop)}),
-    ownTools(std::move(tools))
+        .loader = std::make_unique<ScriptedSkills>(loop)}),
+    skillFiles(static_cast<ScriptedSkills &>(loader())), ownTools(std::move(tools))
 {
 }
 
@@ -107,6 +107,10 @@ TestPalette::TestPalette(Strings applicationRoots) : HeadlessDesktop(std::move(a
     injected.clipboard = std::make_unique<ScriptedClipboard>();
     injected.shortcuts = std::make_unique<ScriptedShortcuts>();
     injected.agents = std::make_shared<ScriptedAgents>(loop.executor());
+    injected.makeProvider = [this](std::string name) {
+        model.models.push_back(std::move(name));
+        return std::make_unique<ScriptedProvider>(model);
+    };
     index = static_cast<ScriptedIndex *>(injected.fileIndex.get());
     clipboard = static_cast<ScriptedClipboard *>(injected.clipboard.get());
     shortcuts = static_cast<ScriptedShortcuts *>(injected.shortcuts.get());

@@ -3,6 +3,7 @@
 #include "Vorrel/Palette/PaletteState.h"
 #include "tests/support/Await.h"
 #include "tests/support/HeadlessDesktop.h"
+#include "tests/support/ScriptedAI.h"
 
 #include <deque>
 
@@ -72,6 +73,7 @@ public:
     explicit ScriptedAgents(Executor loop);
     Task<void> load() override;
     std::vector<Agent> list;
+    ScriptedSkills &skillFiles;
 
 private:
     ScriptedAgents(Executor loop, std::unique_ptr<ToolRegistry> tools);
@@ -130,6 +132,7 @@ public:
     ScriptedShortcuts *shortcuts = nullptr;
     ScriptedAgents *agents = nullptr;
     std::shared_ptr<AppServices> services;
+    ModelScript model; ///< Answers what is asked in the mode `ai`.
     ScriptedProbe probe;
     std::unique_ptr<ActionCoordinator> coordinator;
     std::shared_ptr<PaletteState> state;

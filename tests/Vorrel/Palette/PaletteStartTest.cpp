@@ -39,7 +39,7 @@ TEST(PaletteStart, RegistersTheSystemCommandsInTheirShape)
         {"sleep", "Sleep", "moon", ActionRole::write},
         {"trash", "Empty Trash", "trash", ActionRole::destructive},
     };
-    EXPECT_EQ(palette.state->registry.commands().size(), std::size(expected) + 3) << "with files, clipboard and settings";
+    EXPECT_EQ(palette.state->registry.commands().size(), std::size(expected) + 4) << "with files, clipboard, ai and settings";
     for (const auto &[id, title, symbol, role] : expected) {
         SCOPED_TRACE(id);
         const Row row = palette.state->registry.result(id);
@@ -77,6 +77,28 @@ TEST(PaletteStart, TheClipboardHistoryHasARowOfItsOwn)
     palette.type("clipb");
     palette.run();
     EXPECT_EQ(palette.state->mode(), PaletteState::Mode::clipboard);
+    EXPECT_EQ(palette.state->query(), "");
+}
+
+TEST(PaletteStart, AskingAModelHasARowOfItsOwn)
+{
+    TestPalette palette;
+    palette.start();
+    const Row row = palette.state->registry.result("ai");
+    ASSERT_TRUE(row);
+    EXPECT_EQ(row->title, "Ask AI");
+    EXPECT_EQ(row->subtitle, "Open Ask AI");
+    EXPECT_EQ(row->icon, CommandIcon::symbol("sparkles"));
+    EXPECT_EQ(row->keywords, (Strings{"ai", L10n::text("Ask AI"), L10n::simplifiedChinese("Ask AI")}));
+    EXPECT_TRUE(row->keepsOpen);
+    ASSERT_EQ(row->actions.size(), 1u);
+    EXPECT_EQ(row->actions[0].id, "ai");
+    EXPECT_EQ(row->actions[0].title, "Ask AI");
+    EXPECT_EQ(row->actions[0].role, ActionRole::normal);
+    palette.type("ask");
+    palette.run();
+    EXPECT_EQ(palette.state->mode(), PaletteState::Mode::ai);
+    EXPECT_FALSE(palette.state->activeAgent());
     EXPECT_EQ(palette.state->query(), "");
 }
 

@@ -75,13 +75,17 @@ struct TestTool : testing::Test {
             .input = [this](std::size_t limit) { return input.size() > limit ? std::nullopt : std::optional(input); },
             .workingDirectory = root + "/home",
             .progress = showsProgress ? [this](std::string_view line) { progress.emplace_back(line); }
-                                      : std::function<void(std::string_view)>()});
+                                      : std::function<void(std::string_view)>(),
+            .onInterrupt = onInterrupt,
+            .makeProvider = makeProvider});
         return tool.run(arguments);
     }
 
     HeadlessSecretStore secrets;
     std::string root, out, err, input;
     Strings progress;
+    std::function<void(std::function<void()>)> onInterrupt;
+    AppServices::MakeProvider makeProvider;
     bool showsProgress = false;
     std::optional<HeadlessDesktop> desktop;
     std::optional<HeadlessDirectoryWalker> walker;
