@@ -189,5 +189,5 @@ TEST(IndexKillSlow, AKilledLiveUpdateIsMadeGoodAtTheNextStart)
         ASSERT_EQ(damage(disk.store), "") << round;
     }
     Process process(follow);
-    EXPECT_EQ(differenceAfterCatchingUp(disk.store, disk.roots(), 120s), "");
+    EXPECT_EQ(differenceAfterCatchingUp(disk.store, disk.roots(), 60s), "");
 }

@@ -603,6 +603,7 @@ TEST_F(FileEventsAway, UntilTheComparisonIsOverIdentifiersClaimNothing)
 {
     disk.file("root/a/file");
     index.scan(disk / "root");
+    index.rows.at(disk / "root/a").modified -= 10; // two changes within the store's precision would have one time
     disk.file("root/a/away");
     const auto since = identifierOf(now() - 1000);
     index.failures = 1;
@@ -612,7 +613,7 @@ TEST_F(FileEventsAway, UntilTheComparisonIsOverIdentifiersClaimNothing)
     EXPECT_THAT(news(), UnorderedElementsAre("root/now"));
     EXPECT_EQ(lastIdentifier, since);
     pass(31s);
-    EXPECT_THAT(news(), Contains("root/a/away"));
+    EXPECT_THAT(news(), IsSupersetOf({"root/a", "root/a/away"}));
     EXPECT_GT(lastIdentifier, since);
 }
 
