@@ -26,6 +26,8 @@ public:
         std::string message;
         std::string prompt; ///< Label of the accepting button; empty for the system's own.
         std::string directory; ///< Where to begin; empty for the system's own choice.
+        std::string saveAs =
+            {}; ///< Asks where to write a file, which is called so at first; empty to choose among what is there.
     };
     /// The chosen paths; nothing when the user cancelled.
     virtual Task<std::optional<std::vector<std::string>>> choose(Choice choice) = 0;

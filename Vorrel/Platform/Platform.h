@@ -9,13 +9,18 @@
 #include "Vorrel/Platform/FolderWatcher.h"
 #include "Vorrel/Platform/HTTPClient.h"
 #include "Vorrel/Platform/IndexPlaces.h"
+#include "Vorrel/Platform/LoginItem.h"
 #include "Vorrel/Platform/Pasteboard.h"
 #include "Vorrel/Platform/PasteboardWatching.h"
 #include "Vorrel/Platform/PreviewWindow.h"
 #include "Vorrel/Platform/SecretStore.h"
+#include "Vorrel/Platform/ServerLaunching.h"
 #include "Vorrel/Platform/SystemControl.h"
+#include "Vorrel/Platform/SystemFacts.h"
 #include "Vorrel/Platform/UserFolders.h"
 #include "Vorrel/Platform/Workspace.h"
+
+#include <functional>
 
 namespace korvane {
 
@@ -45,6 +50,9 @@ struct Platform {
     PreviewWindow *preview = nullptr; ///< Null where no file can be shown.
     SecretStore *secrets = nullptr; ///< Null where none can be kept.
     HTTPClient *http = nullptr; ///< Null where no server can be reached.
+    LoginItem *loginItem = nullptr; ///< Null where the program cannot start with the session.
+    ServerLaunching *servers = nullptr; ///< Null where no MCP server can be run.
+    std::function<SystemFacts()> facts = [] { return SystemFacts(); }; ///< Looks at the machine; blocks; any thread.
     std::vector<std::string> environment = {}; ///< The program's own, as "NAME=value".
     std::optional<ShortcutsTool> shortcutsTool = {}; ///< Nothing where there are no shortcuts.
 };

@@ -13,9 +13,14 @@ enum class SystemOutcome {
     unavailable ///< There is no such service.
 };
 
-/// The machine's session, power and trash. Main thread; nothing blocks it; nothing throws but `Cancelled`.
 /// A page of the system's own settings.
-enum class SettingsPage { keyboard };
+enum class SettingsPage {
+    keyboard,
+    loginItems, ///< What starts with the session.
+    filePrivacy ///< What programs may read.
+};
+
+/// The machine's session, power and trash. Main thread; nothing blocks it; nothing throws but `Cancelled`.
 
 class SystemControl {
 public:

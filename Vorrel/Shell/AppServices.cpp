@@ -101,6 +101,14 @@ Task<void> askFor(const AppServices &services, const ToolDefinition &tool, const
     co_await services.permissions.confirm(std::move(title), std::move(detail));
 }
 
+/// How MCP servers are run; nothing where none can be.
+std::optional<StdioTransport::Parts> transportParts(const Platform &platform)
+{
+    if (!platform.servers)
+        return std::nullopt;
+    return StdioTransport::Parts{platform.pool, platform.clock, *platform.servers, platform.folders.home};
+}
+
 } // namespace
 
 Task<std::shared_ptr<AppServices>> AppServices::create(
@@ -167,8 +175,8 @@ void AppServices::createPrivateFolder(const std::string &path)
 }
 
 AppServices::AppServices(Platform given, std::shared_ptr<Database> store, Injected injected) :
-    platform(std::move(given)), diagnostics(platform.clock), database(std::move(store)),
-    searchDatabase(injected.searchDatabase ? std::move(injected.searchDatabase) : database),
+    platform(std::move(given)), diagnostics({platform.clock, platform.dialogs, platform.pool, platform.facts}),
+    database(std::move(store)), searchDatabase(injected.searchDatabase ? std::move(injected.searchDatabase) : database),
     applications(makeApplications(platform)), system(platform), files(platform), permissions(platform.dialogs),
     clipboard(injected.clipboard ? std::move(injected.clipboard) : makeClipboard(platform, database)),
     usage(database, platform.clock), settings(database), quicklinks(database), appLaunches(database, platform.clock),
@@ -203,7 +211,7 @@ MCPManager &AppServices::mcp()
 {
     tools();
     if (!lazyMcp)
-        lazyMcp = std::make_unique<MCPManager>();
+        lazyMcp = std::make_unique<MCPManager>(MCPManager::Parts{tools(), keychain, database, transportParts(platform)});
     return *lazyMcp;
 }
 

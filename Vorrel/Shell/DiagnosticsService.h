@@ -1,6 +1,9 @@
 #pragma once
 
 #include "Support/Clock.h"
+#include "Vorrel/FileIndex/FileIndex.h"
+#include "Vorrel/Platform/Dialogs.h"
+#include "Vorrel/Platform/SystemFacts.h"
 
 #include <deque>
 #include <string_view>
@@ -24,18 +27,33 @@ public:
         double date; ///< Seconds since 1970.
     };
 
-    explicit DiagnosticsService(Clock &clock) : clock(clock) { }
+    /// What the report says of its surroundings, and what asks where to write it. All of it outlives the service.
+    struct Ports {
+        Clock &clock;
+        Dialogs &dialogs;
+        Executor pool; ///< Runs what touches the disk.
+        std::function<SystemFacts()> facts; ///< Looks at this machine; blocks.
+    };
+    explicit DiagnosticsService(Ports ports) : ports(std::move(ports)) { }
 
     /// Keeps the newest 50.
     void recordError(Category category);
     /// Keeps the newest 100.
     void recordSearch(double milliseconds, int results, bool timedOut);
 
+    /// The report: lines without a line feed at the end. In English, for whoever helps.
+    std::string report(const FileIndex::Health &health, bool hotkeyRegistered, const SystemFacts &facts) const;
+    /// The same with what the machine says of itself.
+    Task<std::string> presentReport(const FileIndex &fileIndex, bool hotkeyRegistered) const;
+    /// Asks where to write the report and writes it there, whole or not at all. Gives the sentence that says how it ended:
+    /// English, a key of `L10n`. Throws `Cancelled` alone.
+    Task<std::string> writeWithSavePanel(std::shared_ptr<FileIndex> fileIndex, bool hotkeyRegistered) const;
+
     const std::deque<ErrorEvent> &errorEvents() const { return _errorEvents; } ///< Oldest first.
     const std::deque<SearchTiming> &searchTimings() const { return _searchTimings; } ///< Oldest first.
 
 private:
-    Clock &clock;
+    const Ports ports;
     std::deque<ErrorEvent> _errorEvents;
     std::deque<SearchTiming> _searchTimings;
 };

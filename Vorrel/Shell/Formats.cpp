@@ -9,6 +9,8 @@
 #include <cmath>
 #include <memory>
 
+#include <ctime>
+
 namespace korvane {
 
 namespace {
@@ -82,6 +84,15 @@ std::string formattedDate(double date, const std::string &language)
         format->format(date * 1000, text);
     text.findAndReplace(icu::UnicodeString(narrowNoBreakSpace), icu::UnicodeString(u' '));
     return utf8(text);
+}
+
+std::string iso8601(double date)
+{
+    const auto seconds = static_cast<std::time_t>(date);
+    std::tm parts{};
+    ::gmtime_r(&seconds, &parts);
+    char text[32];
+    return {text, std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts)};
 }
 
 } // namespace korvane

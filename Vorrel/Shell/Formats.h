@@ -16,4 +16,7 @@ std::string formattedByteCount(long long bytes, const std::string &language);
 /// `date` is in seconds since 1970.
 std::string formattedDate(double date, const std::string &language);
 
+/// A point in time as ISO 8601 has it, in UTC: "2026-11-21T18:05:37Z". `date` is in seconds since 1970.
+std::string iso8601(double date);
+
 } // namespace korvane

@@ -2,28 +2,18 @@
 
 #include "Support/Descriptor.h"
 #include "Vorrel/Shell/AppLog.h"
+#include "Vorrel/Shell/Formats.h"
 #include "Vorrel/Shell/L10n.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <fcntl.h>
 #include <unistd.h>
 
 namespace korvane {
 
 namespace {
-
-/// A point in time in UTC: "2026-11-21T18:05:37Z".
-std::string iso8601(double date)
-{
-    const auto seconds = static_cast<std::time_t>(date);
-    std::tm parts{};
-    ::gmtime_r(&seconds, &parts);
-    char text[32];
-    return {text, std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts)};
-}
 
 /// Adds a line to a file, or makes the file with it. The folder may be everybody's: no link is followed, and what is no file
 /// is replaced where that is allowed. A failure is ignored.

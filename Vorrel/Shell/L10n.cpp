@@ -247,12 +247,16 @@ std::string L10n::simplifiedChinese(std::string_view key)
     return known ? *known : std::string(key);
 }
 
-std::string L10n::format(std::string_view format, std::string_view value)
+std::string L10n::format(std::string_view format, std::initializer_list<std::string_view> values)
 {
     std::string whole = text(format);
-    for (const std::string_view place : {"%@", "%lld"}) {
-        if (const auto at = whole.find(place); at != std::string::npos)
-            return whole.replace(at, place.size(), value);
+    std::size_t from = 0; // what a value brings in is not looked at
+    for (const std::string_view value : values) {
+        const auto at = std::min(whole.find("%@", from), whole.find("%lld", from));
+        if (at == std::string::npos)
+            break;
+        whole.replace(at, whole[at + 1] == '@' ? 2 : 4, value);
+        from = at + value.size();
     }
     return whole;
 }

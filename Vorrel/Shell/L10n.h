@@ -36,7 +36,9 @@ public:
     /// The text in simplified Chinese, whatever the user's language.
     static std::string simplifiedChinese(std::string_view key);
     /// `text(format)` with its one "%@" or "%lld" replaced by `value`.
-    static std::string format(std::string_view format, std::string_view value);
+    static std::string format(std::string_view format, std::string_view value) { return L10n::format(format, {value}); }
+    /// The same with one value for each of them, in their order.
+    static std::string format(std::string_view format, std::initializer_list<std::string_view> values);
 
     /// The language of the tables in use: "en" or "zh-hans". For what libraries put into words, such as dates.
     static std::string languageInUse();

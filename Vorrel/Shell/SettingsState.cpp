@@ -1,6 +1,9 @@
 #include "Vorrel/Shell/SettingsState.h"
 
+#include "Support/Memory.h"
 #include "Support/Text.h"
+#include "Support/UUID.h"
+#include "Vorrel/Launch/Quicklinks.h"
 #include "Vorrel/Shell/AppServices.h"
 #include "Vorrel/Shell/L10n.h"
 
@@ -13,6 +16,27 @@ namespace korvane {
 namespace {
 
 constexpr const char *preferencesKey = "preferences";
+
+constexpr const char *exampleServer = R"({
+  "name": "Local MCP",
+  "transport": "stdio",
+  "command": "/usr/bin/python3",
+  "args": ["/absolute/path/to/server.py"],
+  "env": {}
+})";
+
+/// Told where no autostart can be noted.
+struct NoLoginItem : std::exception { };
+
+SettingsState::LoginItemStatus shownStatus(LoginItem::Status status)
+{
+    switch (status) {
+    case LoginItem::Status::enabled: return SettingsState::LoginItemStatus::enabled;
+    case LoginItem::Status::awaitingApproval: return SettingsState::LoginItemStatus::awaitingApproval;
+    case LoginItem::Status::disabled: break;
+    }
+    return SettingsState::LoginItemStatus::disabled;
+}
 
 template <class T> const T &required(const T *value, const char *key)
 {
@@ -68,6 +92,15 @@ AppPreferences AppPreferences::decode(const JSONValue &json)
         .confirmToolWrites = flag(json, "confirmToolWrites")};
 }
 
+SettingsState::SettingsState(AppServices &services) :
+    serverJSON(exampleServer), services(services), loginItem(services.platform.pool)
+{
+}
+
+MCPManager &SettingsState::mcp() { return services.mcp(); }
+
+FileIndex &SettingsState::fileIndex() { return *services.fileIndex; }
+
 Task<void> SettingsState::load()
 {
     const auto stored = co_await services.settings.load(preferencesKey, AppPreferences::decode);
@@ -75,6 +108,8 @@ Task<void> SettingsState::load()
     appliedHotkey = preferences->hotkey;
     refreshLoginStatus();
     apply();
+    co_await mcp().load();
+    co_await reloadQuicklinks();
 }
 
 void SettingsState::apply(const AppPreferences &wanted)
@@ -89,31 +124,39 @@ void SettingsState::save()
     if (saving)
         return;
     saving = true;
-    saveHandle = spawn(services.platform.mainThread, saveTask(preferences, preferences->clipboardLimit));
+    saveHandle = spawn(services.platform.mainThread, saveTask(preferences, apiKey, preferences->clipboardLimit));
 }
 
-Task<void> SettingsState::saveTask(AppPreferences copy, int editedLimit)
+Task<void> SettingsState::saveTask(AppPreferences copy, std::string key, int editedLimit)
 {
     copy.clipboardLimit =
         std::clamp(copy.clipboardLimit, AppPreferences::smallestClipboardLimit, AppPreferences::largestClipboardLimit);
     copy.model = trimmed(copy.model);
     try {
-        co_await saveOrThrow(copy);
-        appliedHotkey = copy.hotkey;
-        activeHotkey = copy.hotkey;
-        hotkeyIssue = std::nullopt;
-        hotkeyAttempt = std::nullopt;
-        apply(copy);
-        if (preferences->clipboardLimit == editedLimit) {
-            AppPreferences clamped = preferences;
-            clamped.clipboardLimit = copy.clipboardLimit;
-            preferences = clamped;
-        }
+        co_await saveOrThrow(copy, key);
+        show(copy, editedLimit);
         co_await prune(copy.clipboardLimit);
     } catch (...) {
         message = AppError::friendly(std::current_exception());
     }
     saving = false;
+    if (apiKey.get() == key)
+        apiKey = std::string();
+    wipe(key);
+}
+
+void SettingsState::show(const AppPreferences &saved, int editedLimit)
+{
+    appliedHotkey = saved.hotkey;
+    activeHotkey = saved.hotkey;
+    hotkeyIssue = std::nullopt;
+    hotkeyAttempt = std::nullopt;
+    apply(saved);
+    if (preferences->clipboardLimit == editedLimit) {
+        AppPreferences clamped = preferences;
+        clamped.clipboardLimit = saved.clipboardLimit;
+        preferences = clamped;
+    }
 }
 
 Task<void> SettingsState::prune(int limit)
@@ -127,19 +170,19 @@ Task<void> SettingsState::prune(int limit)
     }
 }
 
-Task<void> SettingsState::saveOrThrow(AppPreferences &copy)
+Task<void> SettingsState::saveOrThrow(AppPreferences &copy, const std::string &key)
 {
     if (copy.model.empty())
         throw AppError(AppError::Kind::configuration, "Enter a model identifier.");
     try {
-        updateHotkey(copy.hotkey);
+        updateHotkey(copy.hotkey); // first, since it is what the system can refuse
     } catch (const HotkeyRegistrationError &) {
         reportHotkeyFailure(std::current_exception(), copy.hotkey, activeHotkey);
         throw;
     }
     std::exception_ptr failure;
     try {
-        co_await services.settings.save(preferencesKey, copy.json());
+        co_await store(copy, key);
     } catch (...) {
         failure = std::current_exception();
     }
@@ -147,6 +190,15 @@ Task<void> SettingsState::saveOrThrow(AppPreferences &copy)
         rollBackHotkey(copy.hotkey);
         std::rethrow_exception(failure);
     }
+}
+
+Task<void> SettingsState::store(const AppPreferences &copy, const std::string &key)
+{
+    if (!key.empty()) {
+        co_await services.keychain.set(key, KeychainService::providerAccount);
+        keySaved = true;
+    }
+    co_await services.settings.save(preferencesKey, copy.json());
 }
 
 void SettingsState::rollBackHotkey(const HotkeyConfiguration &registered)
@@ -190,13 +242,188 @@ void SettingsState::reportHotkeyFailure(
     selectedTab = Tab::general;
 }
 
-void SettingsState::openKeyboardSettings() { systemHandle = spawn(services.platform.mainThread, openKeyboardSettingsTask()); }
+// Starting with the session
 
-Task<void> SettingsState::openKeyboardSettingsTask()
+const char *SettingsState::sentence(LoginItemStatus status)
 {
-    const bool opened = co_await services.platform.system.openSettings(SettingsPage::keyboard);
+    switch (status) {
+    case LoginItemStatus::enabled: return L10n::key("Korvane will open at login.");
+    case LoginItemStatus::disabled: return L10n::key("Korvane will not open at login.");
+    case LoginItemStatus::awaitingApproval:
+        return L10n::key("Waiting for macOS approval. Allow Korvane in System Settings → General → Login Items.");
+    case LoginItemStatus::failed: break;
+    }
+    return L10n::key("Login registration failed. Move Korvane.app to Applications and try again.");
+}
+
+void SettingsState::refreshLoginStatus() { start(loginStatusTask()); }
+
+void SettingsState::setLogin(bool enabled) { start(setLoginTask(enabled)); }
+
+Task<void> SettingsState::loginStatusTask()
+{
+    LoginItem *item = services.platform.loginItem;
+    if (!item)
+        co_return;
+    auto look = [item](std::stop_token) { return item->status(); };
+    loginStatus = shownStatus(co_await loginItem.run(std::move(look)));
+}
+
+Task<void> SettingsState::setLoginTask(bool enabled)
+{
+    LoginItem *item = services.platform.loginItem;
+    auto change = [item, enabled](std::stop_token) {
+        if (!item)
+            throw NoLoginItem();
+        enabled ? item->registerProgram() : item->unregister();
+        return item->status();
+    };
+    try {
+        loginStatus = shownStatus(co_await loginItem.run(std::move(change)));
+    } catch (const Cancelled &) {
+        throw;
+    } catch (const std::exception &) {
+        loginStatus = LoginItemStatus::failed;
+    }
+    message = sentence(loginStatus);
+}
+
+// What buttons ask for
+
+void SettingsState::start(Task<void> work)
+{
+    std::erase_if(started, [](const TaskHandle &task) { return !task.running(); });
+    started.push_back(spawn(services.platform.mainThread, reporting(std::move(work))));
+}
+
+Task<void> SettingsState::reporting(Task<void> work)
+{
+    try {
+        co_await std::move(work);
+    } catch (...) {
+        message = AppError::friendly(std::current_exception());
+    }
+}
+
+void SettingsState::removeKey() { start(removeKeyTask()); }
+
+Task<void> SettingsState::removeKeyTask()
+{
+    co_await services.keychain.deleteAccount(KeychainService::providerAccount);
+    keySaved = false;
+    message = L10n::key("API key removed.");
+}
+
+void SettingsState::clearClipboard() { start(clearClipboardTask()); }
+
+Task<void> SettingsState::clearClipboardTask()
+{
+    co_await services.permissions.confirm(
+        L10n::shown("Clear Clipboard History?"), L10n::shown("All locally saved clipboard entries will be deleted."));
+    const ClipboardRepository clipboard(services.database, services.platform.clock);
+    co_await clipboard.clear();
+    message = L10n::key("Clipboard history cleared.");
+}
+
+void SettingsState::addServer() { start(addServerTask(serverJSON)); }
+
+Task<void> SettingsState::addServerTask(std::string text)
+{
+    co_await mcp().add(MCPServerConfiguration::fromJSON(JSONValue::parse(text)));
+    message = L10n::key("Server saved. Connect when ready.");
+}
+
+void SettingsState::connect(const MCPServerConfiguration &server) { start(connectTask(server)); }
+
+Task<void> SettingsState::connectTask(MCPServerConfiguration server)
+{
+    co_await MCPManager::confirm(services.permissions, server);
+    co_await mcp().connect(std::move(server));
+}
+
+void SettingsState::disconnect(const MCPServerConfiguration &server) { start(mcp().disconnect(server)); }
+
+void SettingsState::removeServer(const MCPServerConfiguration &server) { start(mcp().remove(server)); }
+
+void SettingsState::saveCredential() { start(saveCredentialTask(credentialAccount, credentialValue)); }
+
+Task<void> SettingsState::saveCredentialTask(std::string account, std::string value)
+{
+    if (account.empty() || value.empty())
+        throw AppError(AppError::Kind::configuration, "Enter an account name and secret.");
+    co_await services.keychain.set(value, account);
+    if (credentialValue.get() == value)
+        credentialValue = std::string();
+    wipe(value);
+    message = L10n::key("Credential saved in Keychain.");
+}
+
+void SettingsState::addQuicklink() { start(addQuicklinkTask(quicklinkTitle, quicklinkURL)); }
+
+Task<void> SettingsState::addQuicklinkTask(std::string title, std::string url)
+{
+    title = trimmed(title);
+    if (title.empty())
+        throw AppError(AppError::Kind::configuration, "Give the quicklink a name.");
+    Quicklink link{.id = newUUID(), .title = std::move(title), .url = Quicklinks::validatedURL(url)};
+    co_await services.quicklinks.save(std::move(link));
+    co_await reloadQuicklinks();
+    quicklinkTitle = std::string();
+    quicklinkURL = std::string();
+    message = L10n::key("Quicklink saved. It appears in the palette immediately.");
+    quicklinksChanged();
+}
+
+void SettingsState::removeQuicklink(const Quicklink &link) { start(removeQuicklinkTask(link.id)); }
+
+Task<void> SettingsState::removeQuicklinkTask(std::string id)
+{
+    co_await services.quicklinks.remove(std::move(id));
+    co_await reloadQuicklinks();
+    quicklinksChanged();
+}
+
+Task<void> SettingsState::reloadQuicklinks() { quicklinks = co_await services.quicklinks.load(); }
+
+void SettingsState::addIndexRoot() { start(addIndexRootTask()); }
+
+Task<void> SettingsState::addIndexRootTask()
+{
+    Dialogs::Choice choice{.folders = true, .title = L10n::shown("Add Folder…")};
+    const auto chosen = co_await services.platform.dialogs.choose(std::move(choice));
+    if (chosen && !chosen->empty())
+        services.fileIndex->addRoot(chosen->front());
+}
+
+void SettingsState::exportDiagnostics() { start(exportDiagnosticsTask()); }
+
+Task<void> SettingsState::exportDiagnosticsTask()
+{
+    message = co_await services.diagnostics.writeWithSavePanel(services.fileIndex, activeHotkey->has_value());
+}
+
+// The system's own settings
+
+void SettingsState::openKeyboardSettings()
+{
+    start(openSettingsTask(SettingsPage::keyboard, L10n::key("Open System Settings → Keyboard → Keyboard Shortcuts.")));
+}
+
+void SettingsState::openLoginItemsSettings()
+{
+    start(openSettingsTask(SettingsPage::loginItems, L10n::key("Open System Settings → General → Login Items.")));
+}
+
+void SettingsState::openFilePrivacySettings()
+{
+    start(openSettingsTask(SettingsPage::filePrivacy, L10n::key("Open System Settings → Privacy & Security → Files & Folders.")));
+}
+
+Task<void> SettingsState::openSettingsTask(SettingsPage page, std::string otherwise)
+{
+    const bool opened = co_await services.platform.system.openSettings(page);
     if (!opened)
-        message = L10n::key("Open System Settings → Keyboard → Keyboard Shortcuts.");
+        message = std::move(otherwise);
 }
 
 std::vector<Subscription> SettingsState::observe(const std::function<void()> &changed)
@@ -204,7 +431,9 @@ std::vector<Subscription> SettingsState::observe(const std::function<void()> &ch
     std::vector<Subscription> all;
     const auto add = [&](auto &property) { all.push_back(property.observe(changed)); };
     add(preferences), add(selectedTab), add(hotkeyIssue), add(hotkeyAttempt), add(activeHotkey), add(appliedHotkey),
-        add(recorderRequest), add(message), add(saving);
+        add(recorderRequest), add(message), add(saving), add(loginStatus), add(keySaved), add(quicklinks), add(apiKey),
+        add(credentialAccount), add(credentialValue), add(serverJSON), add(quicklinkTitle), add(quicklinkURL),
+        add(mcp()._configurations), add(mcp()._status);
     return all;
 }
 

@@ -3,14 +3,19 @@
 #include "CommandCore/JSONValue.h"
 #include "Support/Observed.h"
 #include "Support/Task.h"
+#include "Vorrel/MCP/MCPManager.h"
 #include "Vorrel/Platform/HotkeyRegistering.h"
+#include "Vorrel/Platform/SystemControl.h"
+#include "Vorrel/Store/Repositories.h"
 
 #include <exception>
+#include <list>
 #include <vector>
 
 namespace korvane {
 
 class AppServices;
+class FileIndex;
 
 /// The persisted settings.
 struct AppPreferences {
@@ -35,19 +40,42 @@ struct AppPreferences {
 class SettingsState {
 public:
     enum class Tab { general, files, clipboard, ai, agents, mcp };
+    static constexpr Tab tabs[] = {Tab::general, Tab::files, Tab::clipboard, Tab::ai, Tab::agents, Tab::mcp};
+
+    /// Whether the program starts with the session, as far as it is known.
+    enum class LoginItemStatus { enabled, disabled, awaitingApproval, failed };
 
     /// `services` outlives the state.
-    explicit SettingsState(AppServices &services) : services(services) { }
+    explicit SettingsState(AppServices &services);
 
-    /// Reads the stored preferences, or takes the defaults, and applies them. Throws what the store throws, and for a document
-    /// that is not one of preferences.
+    /// Reads the stored preferences, or takes the defaults, and applies them; then reads the MCP servers and the quicklinks.
+    /// Throws what the store throws, and for a document that is not one of preferences.
     Task<void> load();
-    /// Registers the shortcut, then stores the preferences and applies them; when storing fails the former shortcut is
-    /// registered again. Does nothing while another save runs. How it ended stands in `message`.
+    /// Registers the shortcut, then stores the key for the provider, unless its field is empty, and the preferences, and applies
+    /// them; when storing fails the former shortcut is registered again. Does nothing while another save runs. How it
+    /// ended stands in `message`, and the field of the key is emptied.
     void save();
     /// Hands the preferences to the services that follow them.
     void apply() { apply(preferences); }
-    void refreshLoginStatus() { }
+    /// Looks again whether the program starts with the session, which the user may change elsewhere.
+    void refreshLoginStatus();
+    /// Starts the program with the session from now on, or no more.
+    void setLogin(bool enabled);
+    /// What a status means to the user: English, a key of `L10n`.
+    static const char *sentence(LoginItemStatus status);
+
+    // How the following ended stands in `message`; all return at once.
+    void removeKey(); ///< Forgets the key for the provider.
+    void clearClipboard(); ///< Deletes the clipboard history, once the user has confirmed it.
+    void addServer(); ///< Stores the MCP server that `serverJSON` describes.
+    void connect(const MCPServerConfiguration &server); ///< Starts an MCP server, once the user has confirmed it.
+    void disconnect(const MCPServerConfiguration &server);
+    void removeServer(const MCPServerConfiguration &server);
+    void saveCredential(); ///< Puts `credentialValue` into the keychain under `credentialAccount`.
+    void addQuicklink(); ///< Stores a quicklink of the two fields.
+    void removeQuicklink(const Quicklink &link);
+    void addIndexRoot(); ///< Lets the user choose a folder, which is indexed from then on.
+    void exportDiagnostics(); ///< Lets the user choose a file, and writes the report there.
 
     /// Shows the tab with the recorder and starts it.
     void recordCustomHotkey();
@@ -59,8 +87,13 @@ public:
     /// registered now.
     void reportHotkeyFailure(
         std::exception_ptr error, const HotkeyConfiguration &attempted, std::optional<HotkeyConfiguration> active);
-    /// Opens the system's own settings of keys, or says where they are.
+    // Each opens a page of the system's own settings, or says where it is.
     void openKeyboardSettings();
+    void openLoginItemsSettings();
+    void openFilePrivacySettings();
+
+    MCPManager &mcp(); ///< The servers that are shown, with their status.
+    FileIndex &fileIndex(); ///< The folders that are shown.
 
     /// Calls `changed` after a change of any observed property.
     [[nodiscard]] std::vector<Subscription> observe(const std::function<void()> &changed);
@@ -76,23 +109,53 @@ public:
     Observed<int> recorderRequest{0}; ///< Grows each time the recorder shall start.
     Observed<std::optional<std::string>> message; ///< The line at the window's foot.
     Observed<bool> saving{false};
+    Observed<LoginItemStatus> loginStatus{LoginItemStatus::disabled};
+    Observed<bool> keySaved{false}; ///< A key for the provider was saved since the start.
+    Observed<std::vector<Quicklink>> quicklinks; ///< As last read.
+    // What stands in the fields
+    Observed<std::string> apiKey; ///< Never filled from the keychain.
+    Observed<std::string> credentialAccount, credentialValue;
+    Observed<std::string> serverJSON; ///< At first an example.
+    Observed<std::string> quicklinkTitle, quicklinkURL;
 
     /// Registers a shortcut in place of the present one; throws `HotkeyRegistrationError`. Set by the application.
     std::function<void(HotkeyConfiguration)> updateHotkey = [](const HotkeyConfiguration &) {};
     /// Told when the recorder begins and ends to listen. Set by the application.
     std::function<void(bool)> recordingHotkeyChanged = [](bool) {};
+    /// Told after a quicklink was added or removed. Set by the application.
+    std::function<void()> quicklinksChanged = [] {};
 
 private:
     void apply(const AppPreferences &wanted);
-    Task<void> saveTask(AppPreferences copy, int editedLimit);
-    Task<void> saveOrThrow(AppPreferences &copy);
+    Task<void> saveTask(AppPreferences copy, std::string key, int editedLimit);
+    Task<void> saveOrThrow(AppPreferences &copy, const std::string &key);
+    Task<void> store(const AppPreferences &copy, const std::string &key);
+    void show(const AppPreferences &saved, int editedLimit);
     /// Brings the history of copied texts down to its new size, and says how saving ended.
     Task<void> prune(int limit);
     void rollBackHotkey(const HotkeyConfiguration &registered);
-    Task<void> openKeyboardSettingsTask();
+
+    /// Starts what a button asks for; what it throws goes to `message`.
+    void start(Task<void> work);
+    Task<void> reporting(Task<void> work);
+    Task<void> loginStatusTask();
+    Task<void> setLoginTask(bool enabled);
+    Task<void> removeKeyTask();
+    Task<void> clearClipboardTask();
+    Task<void> addServerTask(std::string text);
+    Task<void> connectTask(MCPServerConfiguration server);
+    Task<void> saveCredentialTask(std::string account, std::string value);
+    Task<void> addQuicklinkTask(std::string title, std::string url);
+    Task<void> removeQuicklinkTask(std::string id);
+    Task<void> reloadQuicklinks();
+    Task<void> addIndexRootTask();
+    Task<void> exportDiagnosticsTask();
+    Task<void> openSettingsTask(SettingsPage page, std::string otherwise);
 
     AppServices &services;
-    TaskHandle saveHandle, systemHandle;
+    Actor loginItem; ///< One look or change after the other.
+    TaskHandle saveHandle;
+    std::list<TaskHandle> started;
 };
 
 } // namespace korvane

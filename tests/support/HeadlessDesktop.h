@@ -5,6 +5,7 @@
 #include "Vorrel/Platform/Headless/HeadlessPreviewWindow.h"
 #include "Vorrel/Platform/Headless/HeadlessSystem.h"
 #include "Vorrel/Platform/Platform.h"
+#include "Vorrel/Shell/DiagnosticsService.h"
 
 namespace korvane::test {
 
@@ -27,7 +28,8 @@ struct HeadlessDesktop {
             .system = system,
             .dialogs = dialogs,
             .pasteboard = pasteboard,
-            .preview = &preview};
+            .preview = &preview,
+            .loginItem = &loginItem};
     }
 
     MainLoop loop;
@@ -41,6 +43,15 @@ struct HeadlessDesktop {
     HeadlessDialogs dialogs;
     HeadlessPasteboard pasteboard;
     HeadlessPreviewWindow preview;
+    HeadlessLoginItem loginItem;
 };
+
+/// What a report of this desktop is made with.
+inline DiagnosticsService::Ports diagnosticsPorts(HeadlessDesktop &desktop)
+{
+    return {.clock = desktop.clock, .dialogs = desktop.dialogs, .pool = desktop.loop.executor(), .facts = [] {
+                return SystemFacts{"Linux 6", "riscv64", "en_GB.UTF-8"};
+            }};
+}
 
 } // namespace korvane::test

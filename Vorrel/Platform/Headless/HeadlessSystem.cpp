@@ -28,9 +28,10 @@ Task<bool> HeadlessSystemControl::openFolder(std::string path)
     co_return opensFolders;
 }
 
-Task<bool> HeadlessSystemControl::openSettings(SettingsPage)
+Task<bool> HeadlessSystemControl::openSettings(SettingsPage page)
 {
-    _requests.push_back("settings keyboard");
+    constexpr const char *names[] = {"settings keyboard", "settings login items", "settings file privacy"};
+    _requests.push_back(names[static_cast<std::size_t>(page)]);
     co_return opensSettings;
 }
 

@@ -2,13 +2,16 @@
 
 #include "Vorrel/Platform/Activation.h"
 #include "Vorrel/Platform/Dialogs.h"
+#include "Vorrel/Platform/LoginItem.h"
 #include "Vorrel/Platform/Pasteboard.h"
 #include "Vorrel/Platform/StatusItem.h"
 #include "Vorrel/Platform/SystemControl.h"
 
+#include <cerrno>
 #include <deque>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <vector>
 
 /// A system without a screen: everything that the program asks of it happens in memory, is remembered, and
@@ -30,7 +33,8 @@ public:
     bool opensFolders = true;
     bool opensSettings = true;
 
-    /// "lock", "sleep", "trash", "open " and the folder, "settings keyboard", in their order.
+    /// "lock", "sleep", "trash", "open " and the folder, "settings keyboard", "settings login items" and
+    /// "settings file privacy", in their order.
     const std::vector<std::string> &requests() const { return _requests; }
 
 private:
@@ -74,6 +78,33 @@ private:
     std::vector<Question> _asked;
     std::deque<Standing> waiting;
     std::deque<Answer> prepared;
+};
+
+/// A session in memory that starts the program or does not.
+class HeadlessLoginItem final : public LoginItem {
+public:
+    Status status() const override { return present; }
+    void registerProgram() override
+    {
+        refuse();
+        present = switchedOff ? Status::awaitingApproval : Status::enabled;
+    }
+    void unregister() override
+    {
+        refuse();
+        present = Status::disabled;
+    }
+
+    Status present = Status::disabled; ///< As the system's settings may set it, too.
+    bool switchedOff = false; ///< The system's settings keep it from starting.
+    bool refuses = false; ///< Nothing can be noted.
+
+private:
+    void refuse() const
+    {
+        if (refuses)
+            throw std::system_error(EACCES, std::generic_category());
+    }
 };
 
 /// A clipboard in memory.

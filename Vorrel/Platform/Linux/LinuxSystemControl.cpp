@@ -153,9 +153,7 @@ Task<bool> LinuxSystemControl::openFolder(std::string path)
 
 Task<bool> LinuxSystemControl::openSettings(SettingsPage page)
 {
-    if (page != SettingsPage::keyboard)
-        co_return false;
-    auto work = [desktop = surroundings.desktop](std::stop_token) { return keyboardSettingsEntry(desktop); };
+    auto work = [page, desktop = surroundings.desktop](std::stop_token) { return settingsEntry(page, desktop); };
     const std::optional<std::string> entry = co_await actor.run(std::move(work));
     co_await throwIfCancelled();
     if (!entry)

@@ -1,6 +1,7 @@
 #include "Vorrel/Platform/Linux/SettingsPages.h"
 
 #include <algorithm>
+#include <span>
 
 namespace korvane {
 
@@ -15,6 +16,23 @@ struct Page {
 constexpr Page keyboardPages[] = {{"GNOME", "gnome-keyboard-panel"}, {"KDE", "kcm_keys"}, {"KDE", "kcm_keyboard"},
     {"XFCE", "xfce-keyboard-settings"}, {"MATE", "mate-keybinding"}, {"X-Cinnamon", "cinnamon-settings-keyboard"},
     {"LXQt", "lxqt-config-globalkeyshortcuts"}};
+
+constexpr Page loginPages[] = {{"GNOME", "org.gnome.tweaks"}, {"GNOME", "gnome-session-properties"}, {"KDE", "kcm_autostart"},
+    {"XFCE", "xfce-session-settings"}, {"XFCE", "xfce4-session-settings"}, {"MATE", "mate-session-properties"},
+    {"X-Cinnamon", "cinnamon-settings-startup"}, {"LXQt", "lxqt-config-session"}};
+
+constexpr Page privacyPages[] = {{"GNOME", "gnome-privacy-panel"}, {"GNOME", "gnome-applications-panel"},
+    {"KDE", "kcm_app-permissions"}, {"X-Cinnamon", "cinnamon-settings-privacy"}};
+
+std::span<const Page> pagesOf(SettingsPage page)
+{
+    switch (page) {
+    case SettingsPage::keyboard: return keyboardPages;
+    case SettingsPage::loginItems: return loginPages;
+    case SettingsPage::filePrivacy: return privacyPages;
+    }
+    return {};
+}
 
 /// These entries are often not displayed, since the desktop's settings have a list of their own.
 bool runs(const std::string &path, const DesktopEnvironment &environment)
@@ -35,12 +53,13 @@ std::optional<std::string> installed(const Page &page, const DesktopEnvironment 
 
 } // namespace
 
-std::optional<std::string> keyboardSettingsEntry(const DesktopEnvironment &environment)
+std::optional<std::string> settingsEntry(SettingsPage wanted, const DesktopEnvironment &environment)
 {
     const auto isRunning = [&](const Page &page) {
         return std::ranges::find(environment.currentDesktop, page.desktop) != environment.currentDesktop.end();
     };
-    std::vector<Page> pages(std::begin(keyboardPages), std::end(keyboardPages));
+    const auto known = pagesOf(wanted);
+    std::vector<Page> pages(known.begin(), known.end());
     std::ranges::stable_partition(pages, isRunning);
     for (const Page &page : pages)
         if (auto path = installed(page, environment))

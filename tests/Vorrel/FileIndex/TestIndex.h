@@ -3,6 +3,7 @@
 #include "CommandCore/Commands.h"
 #include "Support/MainLoop.h"
 #include "Vorrel/FileIndex/FileIndexService.h"
+#include "Vorrel/Platform/Headless/HeadlessSystem.h"
 #include "Vorrel/Shell/AppLog.h"
 #include "Vorrel/Shell/DiagnosticsService.h"
 #include "tests/support/Await.h"
@@ -223,7 +224,8 @@ struct TestIndex {
     std::shared_ptr<Database> database, searchDatabase;
     ScriptedWatcher watcher;
     std::shared_ptr<ScriptedAttributes> attributes = std::make_shared<ScriptedAttributes>();
-    DiagnosticsService diagnostics{clock};
+    HeadlessDialogs dialogs;
+    DiagnosticsService diagnostics{{.clock = clock, .dialogs = dialogs, .pool = loop.executor(), .facts = {}}};
     std::optional<std::string> lockPath;
     ScriptedScanner *scanner = nullptr; ///< Of the present service.
     std::shared_ptr<FileIndexService> service;

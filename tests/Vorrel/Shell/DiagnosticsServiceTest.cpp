@@ -10,7 +10,7 @@ using namespace korvane::test;
 TEST(DiagnosticsService, KeepsFiftyErrorsAndDropsTheOldestOfFiftyOne)
 {
     HeadlessDesktop desktop;
-    DiagnosticsService diagnostics(desktop.clock);
+    DiagnosticsService diagnostics(diagnosticsPorts(desktop));
     diagnostics.recordError(DiagnosticsService::Category::hotkey);
     for (int i = 0; i < 49; ++i)
         diagnostics.recordError(DiagnosticsService::Category::command);
@@ -26,7 +26,7 @@ TEST(DiagnosticsService, KeepsFiftyErrorsAndDropsTheOldestOfFiftyOne)
 TEST(DiagnosticsService, KeepsAHundredSearchTimingsAndDropsTheOldest)
 {
     HeadlessDesktop desktop;
-    DiagnosticsService diagnostics(desktop.clock);
+    DiagnosticsService diagnostics(diagnosticsPorts(desktop));
     for (int i = 0; i < 101; ++i)
         diagnostics.recordSearch(i, 2 * i, i == 100);
     ASSERT_EQ(diagnostics.searchTimings().size(), 100u);
