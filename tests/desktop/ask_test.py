@@ -2,12 +2,31 @@
 import json
 import os
 import pathlib
+import pty
+import select
 import sqlite3
 import subprocess
 import sys
 
 import provider
 from provider import ANSWER, KEY, Provider
+
+
+def on_terminal(tool, words, environment, answer):
+    """Runs it on a terminal of its own, types `answer` once it asks, and gives its status and what stood there."""
+    process, terminal = pty.fork()
+    if process == 0:
+        os.execve(tool, [tool, *words], environment)
+    shown = b""
+    while select.select([terminal], [], [], 30)[0]:
+        try:
+            shown += os.read(terminal, 4096)
+        except OSError:  # nobody is at the other end any more
+            break
+        if answer and b"Allow? [y/N] " in shown:
+            os.write(terminal, answer)
+            answer = None
+    return os.waitstatus_to_exitcode(os.waitpid(process, 0)[1]), shown.decode().replace("\r\n", "\n")
 
 
 def main():
@@ -34,6 +53,12 @@ def main():
     assert allowed == (0, "The tide is on the clipboard.\N{REPLACEMENT CHARACTER}[2J\n", steps + "Thinking…\n"), allowed
     clipboard = subprocess.run(["xclip", "-selection", "clipboard", "-o"], capture_output=True, timeout=5).stdout
     assert clipboard == b"tide at noon", clipboard
+    interrupted = on_terminal(tool, ["ask", "copy the tide"], environment, b"\x03")
+    assert interrupted[0] == 1 and interrupted[1].endswith("The operation was cancelled.\n"), interrupted
+    assert on_terminal(tool, ["ask", "copy the tide"], environment, b"n\n")[0] == 1
+    consented = on_terminal(tool, ["ask", "copy the tide"], environment, b"y\n")
+    assert consented[0] == 0 and "The tide is on the clipboard." in consented[1], consented
+
     path, key, body = Provider.requests[-1]
     assert (path, key) == ("/v1/responses", "Bearer " + KEY)
     assert body["store"] is False and len(body["tools"]) == 11
@@ -41,7 +66,7 @@ def main():
     folder = pathlib.Path(os.environ["XDG_DATA_HOME"]) / "Korvane"
     stored = sqlite3.connect(folder / "korvane.sqlite").execute("SELECT messages FROM conversations").fetchall()
     assert [json.loads(text) for (text,) in stored] == [
-        [{"role": "user", "content": "copy the tide"}, {"role": "assistant", "content": ANSWER}]], stored
+        [{"role": "user", "content": "copy the tide"}, {"role": "assistant", "content": ANSWER}]] * 2, stored
     for file in folder.rglob("*"):
         assert not file.is_file() or KEY.encode() not in file.read_bytes(), f"{file} holds a secret"
 
