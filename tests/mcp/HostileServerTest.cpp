@@ -1,12 +1,9 @@
-#include "Vorrel/MCP/MCPManager.h"
-#include "Vorrel/Platform/Headless/HeadlessSecretStore.h"
-#include "Vorrel/Platform/Linux/LinuxServerLaunching.h"
-#include "tests/support/Await.h"
-#include "tests/support/MarkedProcesses.h"
-#include "tests/support/Soon.h"
+#include "tests/support/ServerScene.h"
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
+#include <cstring>
 #include <set>
 
 using namespace korvane;
@@ -26,15 +23,6 @@ constexpr const char *wrongVersion = "This MCP protocol version is not supported
 constexpr const char *notDecoded = "The operation could not be completed. Please try again or check permissions.";
 constexpr const char *unavailable = "This tool is not available.";
 
-/// The machine's time, in which only the long wait for a reply is a short one: processes end in their own time.
-struct ImpatientClock final : SystemClock {
-    static constexpr Milliseconds patience{400};
-    Task<void> sleep(Milliseconds delay) override
-    {
-        return SystemClock::sleep(delay == StdioTransport::replyTimeout ? patience : delay);
-    }
-};
-
 /// What a server that misbehaves in one way leads to.
 struct Case {
     const char *mode, *why;
@@ -46,65 +34,22 @@ struct Case {
 
 void PrintTo(const Case &one, std::ostream *out) { *out << one.mode << ": " << one.why; }
 
-/// A manager over a store in memory, and one server that is a real process.
-struct HostileServersThreads : testing::TestWithParam<Case> {
-    HostileServersThreads()
-    {
-        secrets.keep("mark", marked.value());
-        configuration.id = "s";
-        configuration.name = "Hostile";
-        configuration.command = KORVANE_BINARIES "/korvane_hostile_server";
-        configuration.secretEnvironment = {{MarkedProcesses::name(), "mark"}};
-        await(loop, manager.load());
-    }
-    ~HostileServersThreads() override
-    {
-        await(loop, manager.stop());
-        EXPECT_TRUE(soon(loop, [this] { return marked.alive().empty(); })) << "nothing is left running";
-        pool.join();
-        loop.shutDown();
-    }
+/// One server, which misbehaves as it is told.
+struct HostileServersThreads : testing::TestWithParam<Case>, ServerScene {
+    HostileServersThreads() { clock.impatient = true; }
 
     std::string connect(const std::string &mode)
     {
         configuration.args = {mode};
-        try {
-            await(loop, manager.connect(configuration));
-        } catch (...) {
-            return AppError::friendly(std::current_exception());
-        }
-        return "";
+        return ServerScene::connect(configuration);
     }
     std::string call(std::string text = "hello")
     {
-        try {
-            result = await(loop, registry.call("mcp.s.work", JSONValue::Object{{"text", std::move(text)}})).value;
-        } catch (...) {
-            return AppError::friendly(std::current_exception());
-        }
-        return "";
+        return ServerScene::call("mcp.s.work", JSONValue::Object{{"text", std::move(text)}});
     }
-    std::string status() { return manager.status().at("s"); }
-    /// Seconds that `disconnect` took.
-    double disconnect()
-    {
-        const double before = SystemClock().uptime();
-        await(loop, manager.disconnect(configuration));
-        return SystemClock().uptime() - before;
-    }
+    double disconnect() { return ServerScene::disconnect(configuration); }
 
-    MarkedProcesses marked;
-    MainLoop loop;
-    ThreadPool pool{2};
-    ImpatientClock clock;
-    HeadlessSecretStore secrets;
-    KeychainService keychain{pool.executor(), &secrets};
-    ToolRegistry registry{[](const ToolDefinition &, const JSONValue &) -> Task<void> { co_return; }};
-    LinuxServerLaunching launching{KORVANE_BINARIES "/korvane-mcp-host"};
-    std::shared_ptr<Database> database = await(loop, Database::open(pool.executor(), ":memory:", Database::Access::readWrite));
-    MCPManager manager{{registry, keychain, database, StdioTransport::Parts{pool.executor(), clock, launching, "/home/ada"}}};
-    MCPServerConfiguration configuration;
-    JSONValue result;
+    MCPServerConfiguration configuration = server("s", KORVANE_BINARIES "/korvane_hostile_server", {});
 };
 
 const Case cases[] = {
@@ -226,12 +171,12 @@ TEST_P(HostileServersThreads, EndInTheToldSentenceWithNothingLeftRunning)
     const std::string failure = connect(given.mode);
     if (!given.connecting.empty()) {
         EXPECT_THAT(given.connecting, testing::Contains(failure));
-        EXPECT_EQ(status(), failure);
+        EXPECT_EQ(status("s"), failure);
         EXPECT_TRUE(registry.definitions().empty()) << "no tool is left behind";
         EXPECT_EQ(call(), unavailable);
     } else {
         ASSERT_EQ(failure, "");
-        EXPECT_EQ(status(), "Connected · " + std::to_string(registry.definitions().size()) + " tools");
+        EXPECT_EQ(status("s"), "Connected · " + std::to_string(registry.definitions().size()) + " tools");
         const std::string called = call();
         if (given.calling.empty())
             EXPECT_EQ(called, "");
@@ -244,7 +189,7 @@ TEST_P(HostileServersThreads, EndInTheToldSentenceWithNothingLeftRunning)
     if (waited)
         EXPECT_GE(SystemClock().uptime() - begun, 0.4);
     const double ending = disconnect();
-    EXPECT_EQ(status(), "Disconnected");
+    EXPECT_EQ(status("s"), "Disconnected");
     EXPECT_TRUE(registry.definitions().empty());
     if (given.ignoresRequestsToEnd)
         EXPECT_GE(ending, 0.59) << "it was given both steps";
@@ -266,7 +211,7 @@ TEST_F(ServerResultsThreads, ComeAsTheServerGaveThem)
 {
     ASSERT_EQ(connect("good"), "");
     EXPECT_EQ(call("über\n\t\"quoted\" \xF0\x9F\x8C\x8A"), "");
-    EXPECT_EQ(result["content"].array()->at(0)["text"], JSONValue("über\n\t\"quoted\" \xF0\x9F\x8C\x8A"));
+    EXPECT_EQ(resultText(), "über\n\t\"quoted\" \xF0\x9F\x8C\x8A");
     EXPECT_EQ(registry.definitions().front().name, "mcp.s.work");
     EXPECT_EQ(registry.definitions().front().permission, ToolPermission::destructive);
 }
@@ -275,7 +220,7 @@ TEST_F(ServerResultsThreads, MayBeSevenMillionBytes)
 {
     ASSERT_EQ(connect("huge"), "");
     EXPECT_EQ(call(), "");
-    EXPECT_EQ(result["content"].array()->at(0)["text"].string()->size(), 7'000'000u);
+    EXPECT_EQ(resultText().size(), 7'000'000u);
 }
 
 TEST_F(ServerResultsThreads, OfACallThatIsTooLongAreNone)
@@ -283,7 +228,7 @@ TEST_F(ServerResultsThreads, OfACallThatIsTooLongAreNone)
     ASSERT_EQ(connect("good"), "");
     EXPECT_EQ(call(std::string(1'000'000, 'x')), "The MCP request exceeds the size limit.");
     EXPECT_EQ(call(std::string(900'000, 'x')), "") << "and the connection goes on";
-    EXPECT_EQ(result["content"].array()->at(0)["text"].string()->size(), 900'000u);
+    EXPECT_EQ(resultText().size(), 900'000u);
 }
 
 TEST_F(ServerResultsThreads, StandForEachOfSeveralCallsAtOnce)
@@ -322,7 +267,7 @@ TEST_F(ServerResultsThreads, DisconnectingInTheMiddleOfConnectingLeavesNothing)
     EXPECT_TRUE(soon(loop, [this] { return marked.alive().size() == 1; }));
     await(loop, manager.disconnect(configuration));
     EXPECT_THROW(connecting.result(), std::exception);
-    EXPECT_TRUE(soon(loop, [this] { return marked.alive().empty(); }));
+    EXPECT_TRUE(nothingRuns());
     EXPECT_TRUE(registry.definitions().empty());
 }
 
