@@ -3,6 +3,7 @@
 #include "Support/MainLoop.h"
 #include "Vorrel/Platform/Headless/HeadlessApplications.h"
 #include "Vorrel/Platform/Headless/HeadlessPreviewWindow.h"
+#include "Vorrel/Platform/Headless/HeadlessServers.h"
 #include "Vorrel/Platform/Headless/HeadlessSystem.h"
 #include "Vorrel/Platform/Platform.h"
 #include "Vorrel/Shell/DiagnosticsService.h"
@@ -29,7 +30,8 @@ struct HeadlessDesktop {
             .dialogs = dialogs,
             .pasteboard = pasteboard,
             .preview = &preview,
-            .loginItem = &loginItem};
+            .loginItem = &loginItem,
+            .servers = &servers};
     }
 
     MainLoop loop;
@@ -44,6 +46,7 @@ struct HeadlessDesktop {
     HeadlessPasteboard pasteboard;
     HeadlessPreviewWindow preview;
     HeadlessLoginItem loginItem;
+    HeadlessServers servers;
 };
 
 /// What a report of this desktop is made with.
