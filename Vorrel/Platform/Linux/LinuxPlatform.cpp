@@ -13,6 +13,12 @@ namespace {
 // The store's two connections, a scan and a request to the system can all block at once.
 constexpr std::size_t poolThreads = 4;
 
+/// One of the programs that are installed with this one.
+std::string programBeside(std::string_view name)
+{
+    return (std::filesystem::path(executablePath()).parent_path() / name).string();
+}
+
 } // namespace
 
 /// Lets walks tell the watch of the folders that they enter, for as long as there is one.
@@ -44,7 +50,8 @@ LinuxPlatform::LinuxPlatform(Executor mainThread, std::vector<std::string> given
     launcher({.pool = pool.executor(), .environment = variables, .activationToken = std::move(token)}),
     workspace(pool.executor(), launcher),
     system(pool.executor(), workspace, launcher, LinuxSystemControl::surroundingsOf(environment, folders)),
-    secrets(buses.session), http(CurlHTTPClient::Settings::from(environment)), following(std::make_shared<Following>()),
+    secrets(buses.session), http(CurlHTTPClient::Settings::from(environment)), servers(programBeside("korvane-mcp-host")),
+    following(std::make_shared<Following>()),
     walker([following = following](const std::string &folder) { following->entered(folder); })
 {
 }
@@ -95,8 +102,9 @@ Platform LinuxPlatform::ports(Dialogs &dialogs, Pasteboard &pasteboard, bool wat
         .pasteboardWatching = clipboard.get(),
         .secrets = &secrets,
         .http = &http,
+        .servers = &servers,
         .environment = variables,
-        .shortcutsTool = ShortcutsTool{std::filesystem::path(executablePath()).parent_path() / "korvane-shortcuts", variables}};
+        .shortcutsTool = ShortcutsTool{programBeside("korvane-shortcuts"), variables}};
 }
 
 L10n::Places LinuxPlatform::textPlaces(const std::string &executable) const

@@ -11,6 +11,7 @@
 #include "Vorrel/Platform/Linux/LinuxEnvironment.h"
 #include "Vorrel/Platform/Linux/LinuxPasteboardWatching.h"
 #include "Vorrel/Platform/Linux/LinuxSecretStore.h"
+#include "Vorrel/Platform/Linux/LinuxServerLaunching.h"
 #include "Vorrel/Platform/Linux/LinuxSystemControl.h"
 #include "Vorrel/Platform/Linux/LinuxWorkspace.h"
 #include "Vorrel/Platform/Platform.h"
@@ -54,6 +55,7 @@ private:
     LinuxSystemControl system;
     LinuxSecretStore secrets;
     CurlHTTPClient http;
+    LinuxServerLaunching servers;
     std::unique_ptr<FolderMonitor> watcher;
     std::unique_ptr<LinuxPasteboardWatching> clipboard;
     std::shared_ptr<Following> following; ///< Shared with walks, which may hang in the system longer than this lives.
