@@ -5,7 +5,7 @@ ROOT := $(dir $(abspath $(lastword $(MAKEFILE_LIST))))
 JOBS ?= $(shell nproc)
 export CTEST_PARALLEL_LEVEL ?= $(JOBS)
 
-.PHONY: build run test unit desktop pictures asan tsan fuzz bench lint format bootstrap clean
+.PHONY: build run test unit servers desktop pictures asan tsan fuzz bench lint format bootstrap clean
 
 ## The two programs, optimised: build/bin/korvane and build/bin/korvanectl
 build:
@@ -29,6 +29,11 @@ test:
 unit:
 	@$(ROOT)scripts/bootstrap test
 	@cd $(ROOT) && cmake --preset dev >/dev/null && cmake --build --preset dev -j $(JOBS) --target headless_tests && ctest --preset dev -LE 'desktop|slow'
+
+## Works with MCP servers that others have written, installed from npm into build/servers
+servers:
+	@$(ROOT)scripts/bootstrap test servers
+	@cd $(ROOT) && cmake --preset release >/dev/null && cmake --build --preset release -j $(JOBS) --target reference_server_tests && scripts/servers
 
 ## The real program and the real adapters under a private X server
 desktop:

@@ -14,8 +14,11 @@ namespace {
 // The store's two connections, a scan and a request to the system can all block at once.
 constexpr std::size_t poolThreads = 4;
 
-/// A program that is installed with this one.
-std::string besideUs(const char *program) { return std::filesystem::path(executablePath()).parent_path() / program; }
+/// One of the programs that are installed with this one.
+std::string programBeside(std::string_view name)
+{
+    return (std::filesystem::path(executablePath()).parent_path() / name).string();
+}
 
 } // namespace
 
@@ -48,8 +51,9 @@ LinuxPlatform::LinuxPlatform(Executor mainThread, std::vector<std::string> given
     launcher({.pool = pool.executor(), .environment = variables, .activationToken = std::move(token)}),
     workspace(pool.executor(), launcher),
     system(pool.executor(), workspace, launcher, LinuxSystemControl::surroundingsOf(environment, folders)),
-    secrets(buses.session), loginItem(LinuxLoginItem::Places::from(environment, folders), besideUs("korvane")),
-    http(CurlHTTPClient::Settings::from(environment)), following(std::make_shared<Following>()),
+    secrets(buses.session), loginItem(LinuxLoginItem::Places::from(environment, folders), programBeside("korvane")),
+    http(CurlHTTPClient::Settings::from(environment)), servers(programBeside("korvane-mcp-host")),
+    following(std::make_shared<Following>()),
     walker([following = following](const std::string &folder) { following->entered(folder); })
 {
 }
@@ -101,9 +105,10 @@ Platform LinuxPlatform::ports(Dialogs &dialogs, Pasteboard &pasteboard, bool wat
         .secrets = &secrets,
         .http = &http,
         .loginItem = &loginItem,
+        .servers = &servers,
         .facts = [environment = environment] { return linuxSystemFacts(environment); },
         .environment = variables,
-        .shortcutsTool = ShortcutsTool{besideUs("korvane-shortcuts"), variables}};
+        .shortcutsTool = ShortcutsTool{programBeside("korvane-shortcuts"), variables}};
 }
 
 L10n::Places LinuxPlatform::textPlaces(const std::string &executable) const

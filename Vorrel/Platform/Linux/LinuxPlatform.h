@@ -12,6 +12,7 @@
 #include "Vorrel/Platform/Linux/LinuxLoginItem.h"
 #include "Vorrel/Platform/Linux/LinuxPasteboardWatching.h"
 #include "Vorrel/Platform/Linux/LinuxSecretStore.h"
+#include "Vorrel/Platform/Linux/LinuxServerLaunching.h"
 #include "Vorrel/Platform/Linux/LinuxSystemControl.h"
 #include "Vorrel/Platform/Linux/LinuxWorkspace.h"
 #include "Vorrel/Platform/Platform.h"
@@ -56,6 +57,7 @@ private:
     LinuxSecretStore secrets;
     LinuxLoginItem loginItem;
     CurlHTTPClient http;
+    LinuxServerLaunching servers;
     std::unique_ptr<FolderMonitor> watcher;
     std::unique_ptr<LinuxPasteboardWatching> clipboard;
     std::shared_ptr<Following> following; ///< Shared with walks, which may hang in the system longer than this lives.
