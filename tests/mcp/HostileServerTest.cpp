@@ -117,7 +117,7 @@ const Case cases[] = {
     {"cursor-number", "a cursor is a text", {notDecoded}},
     {"list-error", "it refuses to list", {rejected}},
     {"list-null", "nothing is no list", {notDecoded}},
-    {"required-number", "a schema that requires what is no name"},
+    {"required-number", "nobody can give what has no name", {}, {"Required tool input is missing."}},
     {"long-name", "a name of a million bytes"},
 
     {"asks", "each request of its own is refused under the identifier that it has"},
