@@ -177,12 +177,14 @@ Task<void> StdioTransport::readAll(Weak weak, std::shared_ptr<ServerProcess> pro
 {
     for (;;) {
         const std::string bytes = co_await process->read();
-        const Self self = weak.lock();
+        Self self = weak.lock();
         if (!self)
             co_return;
         if (bytes.empty())
             co_return self->beginClosing(); // this is how the end of a server is noticed
         self->receive(bytes);
+        self.reset();
+        co_await yieldOnce(); // one that prints without end must not keep others from the strand
     }
 }
 
