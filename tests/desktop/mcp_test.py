@@ -95,7 +95,8 @@ def main():
 
     # A command that is killed, and one that is interrupted
     for ending, status in ((signal.SIGKILL, -signal.SIGKILL), (signal.SIGINT, 1)):
-        call = subprocess.Popen([tool, "mcp", "call", "stops-reading", "work", "{}", "--yes"], env=environment)
+        call = subprocess.Popen([tool, "mcp", "call", "stops-reading", "work", "{}", "--yes"], env=environment,
+                                stderr=subprocess.DEVNULL)
         soon(marked, "the server runs")
         time.sleep(0.3)  # whether it still connects or already calls must make no difference
         call.send_signal(ending)

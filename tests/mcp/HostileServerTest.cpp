@@ -36,8 +36,6 @@ void PrintTo(const Case &one, std::ostream *out) { *out << one.mode << ": " << o
 
 /// One server, which misbehaves as it is told.
 struct HostileServersThreads : testing::TestWithParam<Case>, ServerScene {
-    HostileServersThreads() { clock.impatient = true; }
-
     std::string connect(const std::string &mode)
     {
         configuration.args = {mode};
@@ -117,7 +115,7 @@ const Case cases[] = {
     {"cursor-number", "a cursor is a text", {notDecoded}},
     {"list-error", "it refuses to list", {rejected}},
     {"list-null", "nothing is no list", {notDecoded}},
-    {"required-number", "a schema that requires what is no name"},
+    {"required-number", "nobody can give what has no name", {}, {"Required tool input is missing."}},
     {"long-name", "a name of a million bytes"},
 
     {"asks", "each request of its own is refused under the identifier that it has"},
@@ -167,6 +165,8 @@ const Case cases[] = {
 TEST_P(HostileServersThreads, EndInTheToldSentenceWithNothingLeftRunning)
 {
     const Case &given = GetParam();
+    // Only where nothing else can come: on a busy machine a flood takes its time.
+    clock.impatient = given.connecting == Sentences{timedOut} || given.calling == Sentences{timedOut};
     const double begun = SystemClock().uptime();
     const std::string failure = connect(given.mode);
     if (!given.connecting.empty()) {
@@ -185,12 +185,12 @@ TEST_P(HostileServersThreads, EndInTheToldSentenceWithNothingLeftRunning)
         if (given.calledAgain)
             EXPECT_EQ(call(), *given.calledAgain);
     }
-    const bool waited = given.connecting == Sentences{timedOut} || given.calling == Sentences{timedOut};
-    if (waited)
-        EXPECT_GE(SystemClock().uptime() - begun, 0.4);
+    if (clock.impatient)
+        EXPECT_GE(SystemClock().uptime() - begun, 0.4) << "it was waited for";
     const double ending = disconnect();
     EXPECT_EQ(status("s"), "Disconnected");
     EXPECT_TRUE(registry.definitions().empty());
+    EXPECT_LT(ending, 5.0) << "nothing that it does can hold this up";
     if (given.ignoresRequestsToEnd)
         EXPECT_GE(ending, 0.59) << "it was given both steps";
     EXPECT_TRUE(soon(

@@ -3,6 +3,7 @@
 #include "Vorrel/MCP/MCPManager.h"
 #include "Vorrel/Platform/Headless/HeadlessSecretStore.h"
 #include "Vorrel/Platform/Linux/LinuxServerLaunching.h"
+#include "Vorrel/Shell/AppLog.h"
 #include "tests/support/Await.h"
 #include "tests/support/MarkedProcesses.h"
 #include "tests/support/Soon.h"
@@ -26,6 +27,7 @@ struct ServerScene {
     explicit ServerScene(std::string home = "/home/ada") :
         manager({registry, keychain, database, StdioTransport::Parts{pool.executor(), clock, launching, std::move(home)}})
     {
+        AppLog::silence();
         secrets.keep("mark", marked.value());
         await(loop, manager.load());
     }
