@@ -572,7 +572,7 @@ TEST(L10nTables, EnglishTextsAreTheirOwnKeys)
 
 TEST(L10nTables, EveryTextIsInChineseButForNames)
 {
-    const Texts sameInBoth{"Korvane", "AI", "⌘%lld"};
+    const Texts sameInBoth{"Korvane", "AI", "MCP", "OpenAI · Responses API", "⌘%lld"};
     for (const auto &[key, value] : programTable("zh-hans")) {
         EXPECT_FALSE(value.empty()) << key;
         EXPECT_EQ(value == key, sameInBoth.contains(key)) << key;
@@ -629,6 +629,19 @@ TEST(L10nTables, TheLinuxTableRewordsExactlyWhatWouldMislead)
         "Save Settings here.",
         "Use Command + Space (Spotlight)",
         "macOS did not allow this sleep request.",
+        "Waiting for macOS approval. Allow Korvane in System Settings → General → Login Items.",
+        "Login registration failed. Move Korvane.app to Applications and try again.",
+        "Open Login Items Settings",
+        "Open System Settings → General → Login Items.",
+        "Korvane lives in the menu bar. Press the global shortcut to open or hide the command window.",
+        "Search results may include files Korvane cannot currently read. For Desktop, Documents and Downloads, review Files & "
+        "Folders access. Cloud files must be available locally.",
+        "Open Files & Folders Settings",
+        "Open System Settings → Privacy & Security → Files & Folders.",
+        "Text and URLs stay on this Mac. Password-manager concealed and transient items are skipped. Unmarked sensitive text may "
+        "still be captured; pause history when needed.",
+        "MCP Credential · Keychain",
+        "Credential saved in Keychain.",
     };
     EXPECT_EQ(keysOf(programTable("en", "Platform-linux.strings")), reworded);
     EXPECT_EQ(keysOf(programTable("zh-hans", "Platform-linux.strings")), reworded);
