@@ -26,6 +26,7 @@ here=$(cd "$(dirname "$0")" && pwd)
 
 # The second stage runs inside the D-Bus session, in the process group that the first one ends as a whole.
 if [ "${KORVANE_DESKTOP_STAGE:-}" != inside ]; then
+    . "$here/group.sh"
     folder=$(mktemp -d "${TMPDIR:-/tmp}/korvane-desktop.XXXXXX") || exit 125
     export KORVANE_DESKTOP_STAGE=inside KORVANE_DESKTOP_FOLDER=$folder
     export HOME=$folder/home XDG_RUNTIME_DIR=$folder/run
@@ -39,21 +40,10 @@ if [ "${KORVANE_DESKTOP_STAGE:-}" != inside ]; then
     setsid dbus-run-session --config-file="$here/bare-bus.conf" -- \
         "$here/with-desktop.sh" --wm "$wm" --compositor "$compositor" --size "$size" $accessibility --timeout "$limit" -- "$@" </dev/null 2>"$folder/bus.log" 3>&2 &
     group=$!
-    end() {
-        kill -TERM -- "-$group" 2>/dev/null
-        for _ in 1 2 3 4 5 6 7 8 9 10; do
-            kill -0 -- "-$group" 2>/dev/null || break
-            sleep 0.05
-        done
-        kill -KILL -- "-$group" 2>/dev/null
-        rm -rf "$folder"
-    }
-    trap 'end; exit 143' TERM INT HUP
-    wait "$group"
-    status=$?
+    await_group
     [ -f "$folder/errors" ] && cat "$folder/errors" >&2
     [ "$status" -eq 125 ] && cat "$folder"/*.log >&2
-    end
+    end_group
     exit "$status"
 fi
 

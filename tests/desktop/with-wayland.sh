@@ -25,6 +25,7 @@ if [ "${KORVANE_WAYLAND_STAGE:-}" != inside ]; then
     for tool in sway swaymsg Xwayland; do
         command -v "$tool" >/dev/null || { echo "$tool is not installed"; exit 77; }
     done
+    . "$here/group.sh"
     folder=$(mktemp -d "${TMPDIR:-/tmp}/korvane-wayland.XXXXXX") || exit 125
     export KORVANE_WAYLAND_STAGE=inside KORVANE_WAYLAND_FOLDER=$folder HOME=$folder/home XDG_RUNTIME_DIR=$folder/run
     export XDG_CONFIG_HOME=$HOME/.config XDG_DATA_HOME=$HOME/.local/share XDG_CACHE_HOME=$HOME/.cache LC_ALL=C.UTF-8
@@ -47,20 +48,9 @@ if [ "${KORVANE_WAYLAND_STAGE:-}" != inside ]; then
     setsid "${lower[@]}" dbus-run-session --config-file="$folder/bare-bus.conf" -- \
         "$folder/with-wayland.sh" --timeout "$limit" "$command" "$@" </dev/null >"$folder/said" 2>&1 &
     group=$!
-    end() {
-        kill -TERM -- "-$group" 2>/dev/null
-        for _ in 1 2 3 4 5 6 7 8 9 10; do
-            kill -0 -- "-$group" 2>/dev/null || break
-            sleep 0.05
-        done
-        kill -KILL -- "-$group" 2>/dev/null
-        rm -rf "$folder"
-    }
-    trap 'end; exit 143' TERM INT HUP
-    wait "$group"
-    status=$?
+    await_group
     cat "$folder/said"
-    end
+    end_group
     exit "$status"
 fi
 

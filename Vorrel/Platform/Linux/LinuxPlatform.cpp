@@ -1,5 +1,6 @@
 #include "Vorrel/Platform/Linux/LinuxPlatform.h"
 
+#include "Vorrel/Platform/Linux/LinuxSystemFacts.h"
 #include "Vorrel/Shell/AppServices.h"
 
 #include <filesystem>
@@ -12,6 +13,9 @@ namespace {
 
 // The store's two connections, a scan and a request to the system can all block at once.
 constexpr std::size_t poolThreads = 4;
+
+/// A program that is installed with this one.
+std::string besideUs(const char *program) { return std::filesystem::path(executablePath()).parent_path() / program; }
 
 } // namespace
 
@@ -44,7 +48,8 @@ LinuxPlatform::LinuxPlatform(Executor mainThread, std::vector<std::string> given
     launcher({.pool = pool.executor(), .environment = variables, .activationToken = std::move(token)}),
     workspace(pool.executor(), launcher),
     system(pool.executor(), workspace, launcher, LinuxSystemControl::surroundingsOf(environment, folders)),
-    secrets(buses.session), http(CurlHTTPClient::Settings::from(environment)), following(std::make_shared<Following>()),
+    secrets(buses.session), loginItem(LinuxLoginItem::Places::from(environment, folders), besideUs("korvane")),
+    http(CurlHTTPClient::Settings::from(environment)), following(std::make_shared<Following>()),
     walker([following = following](const std::string &folder) { following->entered(folder); })
 {
 }
@@ -95,8 +100,10 @@ Platform LinuxPlatform::ports(Dialogs &dialogs, Pasteboard &pasteboard, bool wat
         .pasteboardWatching = clipboard.get(),
         .secrets = &secrets,
         .http = &http,
+        .loginItem = &loginItem,
+        .facts = [environment = environment] { return linuxSystemFacts(environment); },
         .environment = variables,
-        .shortcutsTool = ShortcutsTool{std::filesystem::path(executablePath()).parent_path() / "korvane-shortcuts", variables}};
+        .shortcutsTool = ShortcutsTool{besideUs("korvane-shortcuts"), variables}};
 }
 
 L10n::Places LinuxPlatform::textPlaces(const std::string &executable) const

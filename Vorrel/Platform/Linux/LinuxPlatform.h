@@ -9,6 +9,7 @@
 #include "Vorrel/Platform/Linux/Launcher.h"
 #include "Vorrel/Platform/Linux/LinuxDirectoryWalker.h"
 #include "Vorrel/Platform/Linux/LinuxEnvironment.h"
+#include "Vorrel/Platform/Linux/LinuxLoginItem.h"
 #include "Vorrel/Platform/Linux/LinuxPasteboardWatching.h"
 #include "Vorrel/Platform/Linux/LinuxSecretStore.h"
 #include "Vorrel/Platform/Linux/LinuxSystemControl.h"
@@ -53,6 +54,7 @@ private:
     LinuxWorkspace workspace;
     LinuxSystemControl system;
     LinuxSecretStore secrets;
+    LinuxLoginItem loginItem;
     CurlHTTPClient http;
     std::unique_ptr<FolderMonitor> watcher;
     std::unique_ptr<LinuxPasteboardWatching> clipboard;

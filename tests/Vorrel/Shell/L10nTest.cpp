@@ -480,6 +480,8 @@ TEST_F(L10nTest, AFormatTakesItsValueOnce)
     EXPECT_EQ(L10n::format("For %@…", "a %@ named %lld"), "a %@ named %lld it is for");
     EXPECT_EQ(L10n::format("Not in the table: %@", "x"), "Not in the table: x");
     EXPECT_EQ(L10n::format("Nothing to fill", "x"), "Nothing to fill");
+    EXPECT_EQ(L10n::format("Run %@ with %@, %lld times", {"%@", "%lld", "3"}), "Run %@ with %lld, 3 times");
+    EXPECT_EQ(L10n::format("Only %@", {"one", "two"}), "Only one");
 }
 
 TEST(L10nParse, ReadsEntriesBetweenCommentsAndPassesOverTheRest)
@@ -609,6 +611,7 @@ TEST(L10nTables, TheLinuxTableRewordsExactlyWhatWouldMislead)
         "Choose a shortcut with Command, Option or Control.",
         "Choose an installed application bundle.",
         "Click Record, then press a shortcut with Command, Option or Control. Save Settings to apply.",
+        "Credential saved in Keychain.",
         "Enable Korvane in System Settings → Privacy & Security → Accessibility to lock the screen.",
         "File access timed out. Respond to any macOS permission prompt, check the file is available locally, then retry.",
         "Finder could not empty the Trash. Check Automation permissions and try again.",
@@ -617,31 +620,30 @@ TEST(L10nTables, TheLinuxTableRewordsExactlyWhatWouldMislead)
         "Include ⌘, ⌥ or ⌃ (Esc cancels)",
         "Keychain access was denied.",
         "Korvane cannot read this file. Review Files & Folders access in System Settings, then retry.",
+        "Korvane lives in the menu bar. Press the global shortcut to open or hide the command window.",
+        "Login registration failed. Move Korvane.app to Applications and try again.",
+        "MCP Credential · Keychain",
         "No global shortcut is active. Open Korvane or Settings from the menu bar.",
+        "Open Files & Folders Settings",
         "Open Finder",
+        "Open Login Items Settings",
+        "Open System Settings → General → Login Items.",
         "Open System Settings → Keyboard → Keyboard Shortcuts.",
+        "Open System Settings → Privacy & Security → Files & Folders.",
         "Restore Option + Space",
+        "Search results may include files Korvane cannot currently read. For Desktop, Documents and Downloads, review Files & "
+        "Folders access. Cloud files must be available locally.",
         "Show in Finder",
+        "Text and URLs stay on this Mac. Password-manager concealed and transient items are skipped. Unmarked sensitive text may "
+        "still be captured; pause history when needed.",
         "The Keychain item could not be removed.",
         "The secret could not be saved to Keychain.",
         "This shortcut could not be registered. It may be used by macOS or another app. Choose a different shortcut.",
         "To replace Spotlight, first change its shortcut in System Settings → Keyboard → Keyboard Shortcuts → Spotlight, then "
         "Save Settings here.",
         "Use Command + Space (Spotlight)",
-        "macOS did not allow this sleep request.",
         "Waiting for macOS approval. Allow Korvane in System Settings → General → Login Items.",
-        "Login registration failed. Move Korvane.app to Applications and try again.",
-        "Open Login Items Settings",
-        "Open System Settings → General → Login Items.",
-        "Korvane lives in the menu bar. Press the global shortcut to open or hide the command window.",
-        "Search results may include files Korvane cannot currently read. For Desktop, Documents and Downloads, review Files & "
-        "Folders access. Cloud files must be available locally.",
-        "Open Files & Folders Settings",
-        "Open System Settings → Privacy & Security → Files & Folders.",
-        "Text and URLs stay on this Mac. Password-manager concealed and transient items are skipped. Unmarked sensitive text may "
-        "still be captured; pause history when needed.",
-        "MCP Credential · Keychain",
-        "Credential saved in Keychain.",
+        "macOS did not allow this sleep request.",
     };
     EXPECT_EQ(keysOf(programTable("en", "Platform-linux.strings")), reworded);
     EXPECT_EQ(keysOf(programTable("zh-hans", "Platform-linux.strings")), reworded);
