@@ -4,7 +4,6 @@
 #include "Vorrel/Shell/L10n.h"
 #include "Vorrel/Views/AgentList.h"
 
-#include <QAccessible>
 #include <QHBoxLayout>
 #include <QPainter>
 #include <QScrollArea>
@@ -422,11 +421,7 @@ void AgentSettingsView::refresh()
     warnings->setVisible(!lines.isEmpty());
 
     const QString said = store.message->has_value() ? shownText(store.message->value()) : QString();
-    if (said != message->text()) {
-        message->setText(said);
-        QAccessibleEvent event(message, QAccessible::Alert);
-        QAccessible::updateAccessibility(&event);
-    }
+    message->setText(said);
     message->setVisible(!said.isEmpty());
     scan->setEnabled(!store.working);
     save->setEnabled(!store.working);

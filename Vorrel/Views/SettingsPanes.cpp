@@ -281,7 +281,7 @@ void AISettingsPane::refresh()
 
 MCPSettingsPane::MCPSettingsPane(const PaneParts &parts) : SettingsPane(parts)
 {
-    constexpr int jsonLines = 7;
+    constexpr int jsonLines = 8;
     QVBoxLayout *cards = column();
     list = card(cards);
     rows = new SettingsRows(parts.appearance, parts.icons, list);

@@ -156,13 +156,9 @@ public:
 
     void refresh()
     {
-        const QString said =
-            state.message->has_value() ? shownText(state.message->value()) : fromUtf8(L10n::shown("Changes are saved locally."));
-        if (said != line->text()) {
-            line->setText(said);
-            QAccessibleEvent event(line, QAccessible::Alert); // read out wherever the keyboard is
-            QAccessible::updateAccessibility(&event);
-        }
+        // A change of the words is told to screen readers as the label's new name.
+        line->setText(
+            state.message->has_value() ? shownText(state.message->value()) : fromUtf8(L10n::shown("Changes are saved locally.")));
         save->setEnabled(!state.saving);
     }
     void applyAppearance() { line->applyAppearance(); }
@@ -190,7 +186,7 @@ public:
     {
         auto *column = new QVBoxLayout(this);
         column->setContentsMargins(0, 0, 0, 0);
-        column->addWidget(pane->scrolls() ? makeScrollArea(pane, appearance) : pane);
+        column->addWidget(pane->scrolls() ? static_cast<QWidget *>(makeScrollArea(pane, appearance)) : pane);
     }
 
     SettingsPane *const pane;
