@@ -78,7 +78,6 @@ FieldFrame::FieldFrame(Appearance &appearance, QWidget *inside, const QMargins &
     auto *column = new QVBoxLayout(this);
     column->setContentsMargins(margins);
     column->addWidget(inside);
-    setFocusProxy(inside);
     inside->installEventFilter(this);
     connect(&appearance, &Appearance::changed, this, [this] { applyAppearance(); });
     applyAppearance();
@@ -105,6 +104,9 @@ bool FieldFrame::eventFilter(QObject *watched, QEvent *event)
         update();
     return QWidget::eventFilter(watched, event);
 }
+
+// With a focus proxy the frame itself, which has no name, would say that it has the keyboard.
+void FieldFrame::mousePressEvent(QMouseEvent *) { inside->setFocus(Qt::MouseFocusReason); }
 
 void FieldFrame::paintEvent(QPaintEvent *)
 {

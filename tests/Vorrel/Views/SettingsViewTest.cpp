@@ -536,6 +536,8 @@ TEST_F(SettingsPages, TabWalksThroughEveryControlFromTheTopToTheBottomAndBack)
         for (QWidget *expected : order) {
             key(Qt::Key_Tab);
             ASSERT_EQ(view->focusWidget(), expected) << expected->accessibleName().toStdString();
+            for (const QWidget *around = expected->parentWidget(); around != view.get(); around = around->parentWidget())
+                EXPECT_FALSE(around->hasFocus()) << "a screen reader would take what is around it for it";
             const QRect seen(expected->mapTo(view.get(), QPoint()), expected->size());
             EXPECT_TRUE(view->rect().contains(seen.center())) << expected->accessibleName().toStdString() << " is out of sight";
         }
