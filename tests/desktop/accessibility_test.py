@@ -10,42 +10,11 @@ import tempfile
 import time
 import unittest
 
-import gi
-
-gi.require_version("Atspi", "2.0")
-from gi.repository import Atspi  # noqa: E402
+from screen_reader import Atspi, below, children, find_program, has, soon
 
 KORVANE = sys.argv.pop(1)
 Role, State = Atspi.Role, Atspi.StateType
 WIDTH, HEIGHT = 700, 510
-
-
-def soon(truth, what):
-    """What `truth` gives as soon as it gives something."""
-    deadline = time.monotonic() + 10
-    while time.monotonic() < deadline:
-        try:
-            if found := truth():
-                return found
-        except gi.repository.GLib.Error:
-            pass  # what was looked at has just gone
-        time.sleep(0.02)
-    raise AssertionError("not within ten seconds: " + what)
-
-
-def children(node):
-    return [child for child in map(node.get_child_at_index, range(node.get_child_count())) if child is not None]
-
-
-def below(node, depth=0):
-    for child in children(node) if depth < 12 else []:
-        yield child
-        yield from below(child, depth + 1)
-
-
-def has(node, *states):
-    held = node.get_state_set()
-    return all(held.contains(state) for state in states)
 
 
 def place(node):
@@ -76,7 +45,7 @@ class Palette(unittest.TestCase):
         subprocess.run(["xdotool", "mousemove", "40", "900"], check=True)
         cls.log = tempfile.TemporaryFile()
         cls.program = subprocess.Popen([KORVANE, "--show"], stdin=subprocess.DEVNULL, stdout=cls.log, stderr=cls.log)
-        cls.root = soon(cls.find_program, "the program among the accessible ones")
+        cls.root = soon(lambda: find_program(cls.program), "the program among the accessible ones")
         cls.window = soon(lambda: next((child for child in children(cls.root) if has(child, State.SHOWING)), None), "its window")
         soon(lambda: has(cls.field(), State.FOCUSED), "the keyboard in the field")
 
@@ -89,11 +58,6 @@ class Palette(unittest.TestCase):
     def setUp(self):
         self.write("")
         soon(lambda: has(self.tab("All"), State.CHECKED) or has(self.tab("All"), State.SELECTED), "the first tab")
-
-    @classmethod
-    def find_program(cls):
-        desktop = Atspi.get_desktop(0)
-        return next((child for child in children(desktop) if child.get_process_id() == cls.program.pid), None)
 
     @classmethod
     def named(cls, role, name):

@@ -1,51 +1,37 @@
-"""The companion asks a model: real processes, a real keyring, and a provider of this file on the loopback."""
-import http.server
+"""The companion asks a model: real processes, a real keyring, and a provider of the test's own on the loopback."""
 import json
 import os
 import pathlib
+import pty
+import select
 import sqlite3
 import subprocess
 import sys
-import threading
 
-KEY = "sk-marker-of-the-test"
-ANSWER = "The tide is on the clipboard.\x1b[2J"
+import provider
+from provider import ANSWER, KEY, Provider
 
 
-class Provider(http.server.BaseHTTPRequestHandler):
-    """Wants to list a folder, then to copy, then answers."""
-
-    requests = []
-
-    def do_POST(self):
-        body = json.loads(self.rfile.read(int(self.headers["Content-Length"])))
-        Provider.requests.append((self.path, self.headers["Authorization"], body))
-        kinds = [item.get("type") for item in body["input"]]
-        step = kinds.count("function_call_output")
-        if step < 2:
-            wanted = ("from the local index", "Replace system clipboard")[step]
-            alias = next(tool["name"] for tool in body["tools"] if wanted in tool["description"])
-            arguments = json.dumps({"text": "tide at noon"} if step else {})
-            output = [{"type": "function_call", "name": alias, "call_id": f"c{step}", "arguments": arguments}]
-        else:
-            output = [{"type": "message", "content": [{"type": "output_text", "text": ANSWER}]}]
-        answer = json.dumps({"status": "completed", "output": output}).encode()
-        self.send_response(200)
-        self.send_header("Content-Length", str(len(answer)))
-        self.end_headers()
-        self.wfile.write(answer)
-
-    def log_message(self, *_):
-        pass
+def on_terminal(tool, words, environment, answer):
+    """Runs it on a terminal of its own, types `answer` once it asks, and gives its status and what stood there."""
+    process, terminal = pty.fork()
+    if process == 0:
+        os.execve(tool, [tool, *words], environment)
+    shown = b""
+    while select.select([terminal], [], [], 30)[0]:
+        try:
+            shown += os.read(terminal, 4096)
+        except OSError:  # nobody is at the other end any more
+            break
+        if answer and b"Allow? [y/N] " in shown:
+            os.write(terminal, answer)
+            answer = None
+    return os.waitstatus_to_exitcode(os.waitpid(process, 0)[1]), shown.decode().replace("\r\n", "\n")
 
 
 def main():
     tool = sys.argv[1]
-    server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Provider)
-    threading.Thread(target=server.serve_forever, daemon=True).start()
-    environment = dict(os.environ, OPENAI_BASE_URL=f"http://127.0.0.1:{server.server_port}/v1/")
-    subprocess.run(["gnome-keyring-daemon", "--unlock", "--components=secrets"], input=b"password", check=True,
-                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    environment = dict(os.environ, **provider.start())
 
     def run(*words, given=""):
         ended = subprocess.run([tool, *words], input=given, capture_output=True, text=True, env=environment, timeout=30)
@@ -67,6 +53,12 @@ def main():
     assert allowed == (0, "The tide is on the clipboard.\N{REPLACEMENT CHARACTER}[2J\n", steps + "Thinking…\n"), allowed
     clipboard = subprocess.run(["xclip", "-selection", "clipboard", "-o"], capture_output=True, timeout=5).stdout
     assert clipboard == b"tide at noon", clipboard
+    interrupted = on_terminal(tool, ["ask", "copy the tide"], environment, b"\x03")
+    assert interrupted[0] == 1 and interrupted[1].endswith("The operation was cancelled.\n"), interrupted
+    assert on_terminal(tool, ["ask", "copy the tide"], environment, b"n\n")[0] == 1
+    consented = on_terminal(tool, ["ask", "copy the tide"], environment, b"y\n")
+    assert consented[0] == 0 and "The tide is on the clipboard." in consented[1], consented
+
     path, key, body = Provider.requests[-1]
     assert (path, key) == ("/v1/responses", "Bearer " + KEY)
     assert body["store"] is False and len(body["tools"]) == 11
@@ -74,7 +66,7 @@ def main():
     folder = pathlib.Path(os.environ["XDG_DATA_HOME"]) / "Korvane"
     stored = sqlite3.connect(folder / "korvane.sqlite").execute("SELECT messages FROM conversations").fetchall()
     assert [json.loads(text) for (text,) in stored] == [
-        [{"role": "user", "content": "copy the tide"}, {"role": "assistant", "content": ANSWER}]], stored
+        [{"role": "user", "content": "copy the tide"}, {"role": "assistant", "content": ANSWER}]] * 2, stored
     for file in folder.rglob("*"):
         assert not file.is_file() or KEY.encode() not in file.read_bytes(), f"{file} holds a secret"
 
