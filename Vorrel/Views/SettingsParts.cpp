@@ -151,7 +151,7 @@ SettingsRows::SettingsRows(Appearance &appearance, IconStore &icons, QWidget *pa
 {
     auto *column = new QVBoxLayout(this);
     column->setContentsMargins(0, 0, 0, 0);
-    column->setSpacing(8);
+    column->setSpacing(12);
     hide();
 }
 
