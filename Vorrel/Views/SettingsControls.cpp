@@ -200,6 +200,7 @@ NumberField::NumberField(Appearance &appearance, const QString &name, QWidget *p
     row->setSpacing(16);
     row->addWidget(label, 1);
     row->addWidget(frame);
+    write();
     connect(_line, &QLineEdit::textEdited, this, [this](const QString &text) {
         bool isNumber = false;
         const int typed = text.toInt(&isNumber);
@@ -210,9 +211,8 @@ NumberField::NumberField(Appearance &appearance, const QString &name, QWidget *p
 
 void NumberField::show(int next)
 {
-    if (std::exchange(number, next) != next || _line->text().isEmpty())
-        if (!_line->hasFocus() || !_line->text().isEmpty())
-            write();
+    if (std::exchange(number, next) != next)
+        write();
 }
 
 void NumberField::write()

@@ -552,6 +552,14 @@ TEST_F(SettingsPages, TabWalksThroughEveryControlFromTheTopToTheBottomAndBack)
     }
 }
 
+TEST_F(SettingsPages, AnAmpersandInAButtonMakesNoKeyOfWhatStandsBehindIt)
+{
+    open(Tab::files);
+    EXPECT_TRUE(button("Open Files & Folders Settings").shortcut().isEmpty());
+    EXPECT_EQ(QAccessible::queryAccessibleInterface(&button("Open Files & Folders Settings"))->text(QAccessible::Name),
+        "Open Files & Folders Settings");
+}
+
 // Screen readers
 
 TEST_F(SettingsPages, EveryControlOfEveryPageHasANameAndARole)
@@ -598,6 +606,25 @@ TEST_F(SettingsPages, ATabIsAPageTabThatSaysWhetherItIsChosen)
 }
 
 // The Agents
+
+TEST_F(SettingsPages, TheAgentsAreReadOnceForEachTimeThatTheirPageIsOpened)
+{
+    int loads = 0;
+    desktop.agents->onChange = [&] { ++loads; };
+    EXPECT_EQ(loads, 0);
+    open(Tab::agents);
+    EXPECT_EQ(loads, 1);
+    open(Tab::agents);
+    view->refresh();
+    EXPECT_EQ(loads, 1);
+    open(Tab::mcp);
+    open(Tab::agents);
+    EXPECT_EQ(loads, 2);
+    view->hide();
+    view->show();
+    turn();
+    EXPECT_EQ(loads, 3) << "the window was opened with that page";
+}
 
 namespace {
 
