@@ -15,9 +15,9 @@
 
 namespace korvane {
 
-static constexpr int controlHeight = 28, fieldHeight = 32;
+static constexpr int toggleHeight = 24, fieldHeight = 32;
 static constexpr int fieldRadius = 7;
-static constexpr int switchWidth = 36, switchHeight = 20, knobInset = 3;
+static constexpr int switchWidth = 36, switchHeight = 20;
 
 // Toggle
 
@@ -31,7 +31,7 @@ Toggle::Toggle(Appearance &appearance, const QString &name, QWidget *parent) : Q
 
 QSize Toggle::sizeHint() const
 {
-    return {textLine::width(appearance.font(TypeSize::Body), name()) + 16 + switchWidth, controlHeight};
+    return {textLine::width(appearance.font(TypeSize::Body), name()) + 16 + switchWidth, toggleHeight};
 }
 
 void Toggle::keyPressEvent(QKeyEvent *event)
@@ -54,19 +54,22 @@ void Toggle::paintEvent(QPaintEvent *)
     const int baseline = (height() + QFontMetrics(font).capHeight()) / 2;
     textLine::draw(painter, font, QPoint(0, baseline), name(), width() - switchWidth - 16, Qt::ElideMiddle);
 
-    const QRectF track(width() - switchWidth - 2, (height() - switchHeight) / 2.0, switchWidth, switchHeight);
-    const qreal radius = switchHeight / 2.0;
+    // With the keyboard the switch makes room inside its place for the line around it.
+    const QRectF place(width() - switchWidth, (height() - switchHeight) / 2.0, switchWidth, switchHeight);
+    const QRectF track = hasFocus() ? place.adjusted(2.5, 2.5, -2.5, -2.5) : place;
+    const qreal radius = track.height() / 2;
     fillRounded(painter, track, radius, isChecked() ? theme.accent : theme.keyGround);
     if (!isChecked()) {
         painter.setPen(QPen(theme.faint, 1));
         painter.drawRoundedRect(track.adjusted(0.5, 0.5, -0.5, -0.5), radius - 0.5, radius - 0.5);
     }
-    const qreal knob = switchHeight - 2 * knobInset;
+    const qreal knobInset = hasFocus() ? 2 : 3;
+    const qreal knob = track.height() - 2 * knobInset;
     const qreal left = isChecked() ? track.right() - knobInset - knob : track.left() + knobInset;
     fillRounded(painter, {left, track.top() + knobInset, knob, knob}, knob / 2, isChecked() ? theme.ground : theme.secondary);
     if (hasFocus()) {
         painter.setPen(QPen(theme.accent, 1.5));
-        painter.drawRoundedRect(track.adjusted(-2, -2, 2, 2), radius + 2, radius + 2);
+        painter.drawRoundedRect(place.adjusted(0.75, 0.75, -0.75, -0.75), switchHeight / 2.0, switchHeight / 2.0);
     }
 }
 
