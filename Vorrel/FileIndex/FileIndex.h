@@ -57,6 +57,16 @@ public:
     /// What went wrong in the last rebuild or change of the roots, in the user's language; nothing when all went well.
     const std::optional<std::string> &problem() const { return _problem; }
 
+    /// Calls `changed` after a change of the roots, the status or whether a scan runs.
+    [[nodiscard]] std::vector<Subscription> observe(const std::function<void()> &changed)
+    {
+        std::vector<Subscription> all;
+        all.push_back(_roots.observe(changed));
+        all.push_back(_statusText.observe(changed));
+        all.push_back(_isScanning.observe(changed));
+        return all;
+    }
+
 protected:
     Observed<std::vector<IndexRoot>> _roots;
     Observed<long long> _fileCount;

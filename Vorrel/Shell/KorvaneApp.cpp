@@ -92,6 +92,7 @@ Task<void> AppDelegate::startOrThrow()
     preferences.recordingHotkeyChanged = [this](bool recording) { suspendHotkey(recording); };
     registerHotkey();
     paletteController->state().openSettings = [this] { showSettings(); };
+    preferences.quicklinksChanged = [this] { paletteController->state().refreshQuicklinks(); };
     AppLog::app.info("Korvane is ready");
     _phase = Phase::ready;
     runFlags();

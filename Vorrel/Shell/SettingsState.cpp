@@ -101,6 +101,8 @@ MCPManager &SettingsState::mcp() { return services.mcp(); }
 
 FileIndex &SettingsState::fileIndex() { return *services.fileIndex; }
 
+AgentStore &SettingsState::agents() { return services.agents(); }
+
 Task<void> SettingsState::load()
 {
     const auto stored = co_await services.settings.load(preferencesKey, AppPreferences::decode);

@@ -14,6 +14,7 @@
 
 namespace korvane {
 
+class AgentStore;
 class AppServices;
 class FileIndex;
 
@@ -94,6 +95,7 @@ public:
 
     MCPManager &mcp(); ///< The servers that are shown, with their status.
     FileIndex &fileIndex(); ///< The folders that are shown.
+    AgentStore &agents(); ///< The Agents that are shown.
 
     /// Calls `changed` after a change of any observed property.
     [[nodiscard]] std::vector<Subscription> observe(const std::function<void()> &changed);

@@ -27,10 +27,7 @@ HotkeySettingsSection::HotkeySettingsSection(SettingsState &state, Appearance &a
 
 FlatButton *HotkeySettingsSection::button(const QString &text, void (SettingsState::*pressed)())
 {
-    auto *made = new FlatButton(appearance, icons, FlatButton::Style::Filled, this);
-    made->setText(text);
-    connect(made, &QAbstractButton::clicked, this, [this, pressed] { (state.*pressed)(); });
-    return made;
+    return makeButton(appearance, icons, text, [this, pressed] { (state.*pressed)(); });
 }
 
 Text *HotkeySettingsSection::rowLabel(const QString &text, QWidget *parent)

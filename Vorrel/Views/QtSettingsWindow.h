@@ -13,6 +13,7 @@ namespace korvane {
 class Appearance;
 class HotkeySettingsSection;
 class IconStore;
+class SettingsView;
 
 /// The settings in an ordinary window that closing only hides. Main thread only.
 class QtSettingsWindow : public SettingsWindow {
@@ -27,15 +28,14 @@ public:
     void showCentred() override;
 
     QWidget *surface() const;
+    SettingsView &view() const { return *_view; }
     HotkeySettingsSection &hotkeySection() const;
     /// Shows the present state at once, laid out for painting.
     void refresh();
 
 private:
-    class Surface;
-
     std::shared_ptr<IconStore> icons;
-    std::unique_ptr<Surface> _surface;
+    std::unique_ptr<SettingsView> _view;
 };
 
 } // namespace korvane

@@ -9,6 +9,12 @@ QString shownText(std::string_view english) { return fromUtf8(L10n::shown(englis
 
 QString foreignText(std::string_view text) { return fromUtf8(withoutControls(text)); }
 
+QString foreignLine(std::string_view text)
+{
+    QString line = foreignText(text);
+    return line.replace(u'\n', u' ').replace(u'\t', u' ');
+}
+
 QString runStatus(std::string_view english)
 {
     constexpr std::string_view before = "Running ", behind = "…";

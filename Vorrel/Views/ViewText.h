@@ -17,6 +17,8 @@ QString shownText(std::string_view english);
 
 /// A text that somebody else has written, in its own words: nothing in it can move or turn what stands around it.
 QString foreignText(std::string_view text);
+/// The same on one line.
+QString foreignLine(std::string_view text);
 
 /// What a run of the assistant does now, in the user's language; the name of a tool stays as it is.
 QString runStatus(std::string_view english);

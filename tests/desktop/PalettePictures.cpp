@@ -39,6 +39,9 @@ constexpr struct {
 } alsoKept[] = {
     {"filefilters", {"zh", false}, 1},
     {"settingsissue", {"zh", true}, 1},
+    {"settingsskills", {"zh", false}, 1},
+    {"settingslinks", {"zh", true}, 1},
+    {"settingsai", {"en", false}, 2},
     {"query", {"en", false}, 2},
     {"typemenu", {"en", true}, 2},
     {"actions", {"zh", true}, 2},

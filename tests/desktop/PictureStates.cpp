@@ -6,6 +6,7 @@
 #include "Vorrel/Views/HotkeyRecorder.h"
 #include "Vorrel/Views/HotkeySettingsSection.h"
 #include "Vorrel/Views/PaletteInput.h"
+#include "Vorrel/Views/SettingsView.h"
 
 #include <QApplication>
 #include <QDir>
@@ -14,6 +15,8 @@
 #include <QPageSize>
 #include <QPainter>
 #include <QPdfWriter>
+#include <QScrollArea>
+#include <QScrollBar>
 
 #include <cmath>
 #include <fcntl.h>
@@ -172,6 +175,76 @@ void record(Stage &scene)
 {
     scene.showSettings();
     scene.settingsWindow().hotkeySection().recorder().click();
+}
+
+using Tab = SettingsState::Tab;
+
+SettingsState &openTab(Stage &scene, Tab tab)
+{
+    SettingsState &settings = scene.showSettings();
+    settings.selectedTab = tab;
+    scene.turn();
+    return settings;
+}
+
+/// Scrolls what is shown so far down, from 0 to 1.
+void scrollDown(Stage &scene, double share)
+{
+    scene.turn();
+    for (auto *area : scene.settingsWindow().surface()->findChildren<QScrollArea *>())
+        if (area->isVisible())
+            area->verticalScrollBar()->setValue(int(area->verticalScrollBar()->maximum() * share));
+}
+
+void fillQuicklinks(SettingsState &settings)
+{
+    settings.quicklinks = {{"1", "Tide tables", "https://example.org/atlas/fjords/tides?page=2"},
+        {"2", "Harbour office",
+            "https://harbour.example.org/arrivals/of/the/season/with/an/address/that/is/much/too/long/for/one/line"},
+        {"3", "字帖", "file:///home/ada/Documents/字帖.pdf"}};
+}
+
+std::vector<MCPServerConfiguration> servers()
+{
+    const auto server = [](const char *id, const char *name) { return MCPServerConfiguration{.id = id, .name = name}; };
+    return {server("1", "Notes of the harbour"), server("2", "Search"), server("3", "Weather"),
+        server("4", "A server whose name is much longer than a list of names has room for")};
+}
+
+/// The page with Agents, tools and skills.
+void showAgents(Stage &scene)
+{
+    for (const char *tool : {"applications.open", "calculator", "clipboard.read", "clipboard.write", "filesystem.search"})
+        scene.agents->offered().registerTool(std::make_shared<ScriptedTool>(tool));
+    Agent archivist{.id = "1", .name = "Archivist"};
+    archivist.systemPrompt = "You keep the papers of a small harbour.\nAnswer in one or two sentences and name the files.";
+    archivist.tools = {"filesystem.search", "mcp.1.notes"};
+    archivist.skills = {"/home/ada/.config/korvane/skills/gone/SKILL.md"};
+    Agent writer{.id = "2", .name = "Writer of letters that nobody wants to write", .icon = "pencil"};
+    scene.agents->list = {archivist, writer, {.id = "3", .name = "译者"}};
+    openTab(scene, Tab::agents);
+    scene.agents->draft = archivist;
+}
+
+void showSkills(Stage &scene)
+{
+    showAgents(scene);
+    scene.agents->skills = {{.name = "tide-tables",
+                                .description = "Reads the tables of the harbour and says when boats may enter, with the time "
+                                               "zone of whoever asks.",
+                                .instructions = "Look into tides.csv.\nAdd two hours before and after each high tide.\n",
+                                .path = "/home/ada/.config/korvane/skills/tide-tables/SKILL.md"},
+        {.name = "letters",
+            .description = "Writes to the harbour office.",
+            .instructions = "Be polite.",
+            .path = "/home/ada/.claude/skills/letters/SKILL.md"}};
+    scene.agents->warnings = {L10n::format("Cannot read skill folder: %@", "/home/ada/.config/agents/skills/private")};
+    scene.agents->message =
+        L10n::format("Found %lld skills. Select only skills you trust; their instructions are sent with Agent requests.", "2");
+    Agent draft = scene.agents->draft;
+    draft.skills.push_back(scene.agents->skills.get()[0].path);
+    scene.agents->draft = draft;
+    scene.turn();
 }
 
 // Samples of files
@@ -554,6 +627,86 @@ constexpr PictureState states[] = {
             scene.showSettings().saving = true;
             scene.showSettings().message =
                 "This shortcut could not be registered. It may be used by macOS or another app. Choose a different shortcut.";
+        }},
+    {"settingslogin",
+        [](Stage &scene) { openTab(scene, Tab::general).loginStatus = SettingsState::LoginItemStatus::awaitingApproval; }},
+    {"settingsloginfailed",
+        [](Stage &scene) {
+            SettingsState &settings = openTab(scene, Tab::general);
+            settings.loginStatus = SettingsState::LoginItemStatus::failed;
+            settings.message = SettingsState::sentence(SettingsState::LoginItemStatus::failed);
+        }},
+    {"settingsnolinks",
+        [](Stage &scene) {
+            openTab(scene, Tab::general);
+            scrollDown(scene, 1);
+        }},
+    {"settingslinks",
+        [](Stage &scene) {
+            SettingsState &settings = openTab(scene, Tab::general);
+            fillQuicklinks(settings);
+            settings.quicklinkTitle = "Weather";
+            settings.message = "Give the quicklink a name.";
+            scrollDown(scene, 1);
+        }},
+    {"settingsnofolders", [](Stage &scene) { openTab(scene, Tab::files); }},
+    {"settingsfolders",
+        [](Stage &scene) {
+            scene.index->show({{"1", "/home/ada/Desktop"}, {"2", "/home/ada/Documents"},
+                                  {"3",
+                                      "/mnt/archive/A much longer folder name that nobody would type twice/Another level/And "
+                                      "one more/photographs"}},
+                L10n::format("Indexing · %@ files", "48,230"), true);
+            openTab(scene, Tab::files);
+        }},
+    {"settingsclipboard", [](Stage &scene) { openTab(scene, Tab::clipboard); }},
+    {"settingsai",
+        [](Stage &scene) {
+            SettingsState &settings = openTab(scene, Tab::ai);
+            AppPreferences draft = settings.preferences;
+            draft.aiEnabled = true;
+            settings.preferences = draft;
+            settings.apiKey = "a key of the provider";
+            settings.message = "Enter a model identifier.";
+        }},
+    {"settingsfocus",
+        [](Stage &scene) {
+            openTab(scene, Tab::ai);
+            for (auto *toggle : scene.settingsWindow().surface()->findChildren<Toggle *>())
+                if (toggle->isVisible())
+                    return toggle->setFocus(Qt::TabFocusReason);
+        }},
+    {"settingsagents", showAgents},
+    {"settingsnoagents", [](Stage &scene) { openTab(scene, Tab::agents); }},
+    {"settingstools",
+        [](Stage &scene) {
+            showAgents(scene);
+            scrollDown(scene, 0.5);
+        }},
+    {"settingsskills",
+        [](Stage &scene) {
+            showSkills(scene);
+            for (auto *button : scene.settingsWindow().surface()->findChildren<FlatButton *>())
+                if (button->isVisible() && button->text() == fromUtf8(L10n::shown("Review instructions"))) {
+                    button->click();
+                    break;
+                }
+            scrollDown(scene, 0.8);
+        }},
+    {"settingsnoservers", [](Stage &scene) { openTab(scene, Tab::mcp); }},
+    {"settingsservers",
+        [](Stage &scene) {
+            SettingsState &settings = openTab(scene, Tab::mcp);
+            settings.mcp()._configurations = servers();
+            settings.mcp()._status = {{"1", "Connecting…"}, {"2", "The MCP server disconnected."}, {"4", "Disconnected"}};
+        }},
+    {"settingscredential",
+        [](Stage &scene) {
+            SettingsState &settings = openTab(scene, Tab::mcp);
+            settings.credentialAccount = "search";
+            settings.credentialValue = "hidden";
+            settings.message = "Server saved. Connect when ready.";
+            scrollDown(scene, 1);
         }},
 };
 

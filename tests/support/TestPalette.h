@@ -13,6 +13,8 @@ namespace korvane::test {
 /// Answers file searches when and how the test says.
 class ScriptedIndex final : public FileIndex {
 public:
+    void addRoot(std::string path) override { added.push_back(std::move(path)); }
+    Strings added; ///< Folders that were to be indexed.
     Task<std::vector<FileRecord>> search(std::string query, std::optional<std::string> directory) override;
 
     /// Answers the oldest search that waits.
@@ -25,6 +27,17 @@ public:
     Milliseconds startDelay{0};
     Clock *clock = nullptr; ///< For `startDelay`.
     bool started = false, stopped = false;
+    int rebuilds = 0;
+    Strings removed; ///< Identifiers of roots that were to be removed.
+    void rebuild() override { ++rebuilds; }
+    void removeRoot(std::string id) override { removed.push_back(std::move(id)); }
+    /// What the settings show.
+    void show(std::vector<IndexRoot> roots, std::string status, bool scanning = false)
+    {
+        _roots = std::move(roots);
+        _statusText = std::move(status);
+        _isScanning = scanning;
+    }
     Task<void> start() override
     {
         if (clock)
@@ -74,6 +87,7 @@ public:
     Task<void> load() override;
     std::vector<Agent> list;
     ScriptedSkills &skillFiles;
+    ToolRegistry &offered() { return *ownTools; } ///< What an Agent may be given.
 
 private:
     ScriptedAgents(Executor loop, std::unique_ptr<ToolRegistry> tools);

@@ -6,6 +6,7 @@
 #include "Vorrel/Shell/AppLog.h"
 #include "Vorrel/Shell/KorvaneApp.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -431,6 +432,28 @@ TEST(AppDelegate, SettingsOpenFromTheMenuThePaletteAndTheFlag)
     app.terminate();
     app.status.choose("Settings…");
     EXPECT_EQ(app.settingsWindow->shown, 3) << "nothing opens once it is quitting";
+}
+
+TEST(AppDelegate, AQuicklinkThatTheSettingsAddOrRemoveIsARowOfTheOpenPaletteAtOnce)
+{
+    TestApp app({"--show"});
+    app.launch();
+    const auto titles = [&] {
+        Strings all;
+        for (const Row &row : app.delegate->controller()->state().results())
+            all.push_back(row->title);
+        return all;
+    };
+    SettingsState &preferences = app.services->preferences();
+    app.delegate->controller()->state().setInputText("tide");
+    preferences.quicklinkTitle = "Tide tables";
+    preferences.quicklinkURL = "https://example.org/tides";
+    preferences.addQuicklink();
+    app.loop.runUntilIdle();
+    EXPECT_THAT(titles(), testing::Contains("Tide tables"));
+    preferences.removeQuicklink(preferences.quicklinks->front());
+    app.loop.runUntilIdle();
+    EXPECT_THAT(titles(), testing::Not(testing::Contains("Tide tables")));
 }
 
 TEST(AppDelegate, PreferencesThatCannotBeReadAreAFailedStart)

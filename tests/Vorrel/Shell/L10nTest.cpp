@@ -574,7 +574,7 @@ TEST(L10nTables, EnglishTextsAreTheirOwnKeys)
 
 TEST(L10nTables, EveryTextIsInChineseButForNames)
 {
-    const Texts sameInBoth{"Korvane", "AI", "⌘%lld"};
+    const Texts sameInBoth{"Korvane", "AI", "MCP", "OpenAI · Responses API", "⌘%lld"};
     for (const auto &[key, value] : programTable("zh-hans")) {
         EXPECT_FALSE(value.empty()) << key;
         EXPECT_EQ(value == key, sameInBoth.contains(key)) << key;
@@ -623,14 +623,22 @@ TEST(L10nTables, TheLinuxTableRewordsExactlyWhatWouldMislead)
         "Include ⌘, ⌥ or ⌃ (Esc cancels)",
         "Keychain access was denied.",
         "Korvane cannot read this file. Review Files & Folders access in System Settings, then retry.",
+        "Korvane lives in the menu bar. Press the global shortcut to open or hide the command window.",
         "Login registration failed. Move Korvane.app to Applications and try again.",
+        "MCP Credential · Keychain",
         "No global shortcut is active. Open Korvane or Settings from the menu bar.",
+        "Open Files & Folders Settings",
         "Open Finder",
+        "Open Login Items Settings",
         "Open System Settings → General → Login Items.",
         "Open System Settings → Keyboard → Keyboard Shortcuts.",
         "Open System Settings → Privacy & Security → Files & Folders.",
         "Restore Option + Space",
+        "Search results may include files Korvane cannot currently read. For Desktop, Documents and Downloads, review Files & "
+        "Folders access. Cloud files must be available locally.",
         "Show in Finder",
+        "Text and URLs stay on this Mac. Password-manager concealed and transient items are skipped. Unmarked sensitive text may "
+        "still be captured; pause history when needed.",
         "The Keychain item could not be removed.",
         "The secret could not be saved to Keychain.",
         "This shortcut could not be registered. It may be used by macOS or another app. Choose a different shortcut.",

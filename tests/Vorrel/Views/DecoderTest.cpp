@@ -8,7 +8,6 @@
 
 #include <QBuffer>
 #include <QFile>
-#include <QGuiApplication>
 #include <QImage>
 #include <QPageSize>
 #include <QPainter>
@@ -29,24 +28,6 @@ using namespace decoding;
 using namespace std::string_literals;
 
 namespace {
-
-/// Pictures and pages are drawn with letters, which needs the toolkit's application.
-class Toolkit : public testing::Environment {
-public:
-    void SetUp() override
-    {
-        qputenv("QT_QPA_PLATFORM", "offscreen");
-        application = std::make_unique<QGuiApplication>(count, words);
-    }
-    void TearDown() override { application.reset(); }
-
-private:
-    int count = 1;
-    char name[6] = "tests";
-    char *words[2] = {name, nullptr};
-    std::unique_ptr<QGuiApplication> application;
-};
-[[maybe_unused]] const auto *toolkit = testing::AddGlobalTestEnvironment(new Toolkit);
 
 QImage drawing(int width, int height)
 {

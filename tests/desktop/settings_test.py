@@ -1,0 +1,112 @@
+#!/usr/bin/python3
+"""The settings of the real program, worked by the keyboard and found as a screen reader finds them: settings_test.py KORVANE KORVANECTL
+
+Runs inside with-desktop.sh --accessibility. Every wait looks again until a deadline.
+"""
+import subprocess
+import sys
+import tempfile
+import unittest
+
+from screen_reader import Atspi, below, children, find_program, has, soon
+
+KORVANECTL = sys.argv.pop(2)
+KORVANE = sys.argv.pop(1)
+Role, State = Atspi.Role, Atspi.StateType
+TABS = ("General", "File Index", "Clipboard", "AI", "Agents", "MCP")
+CONTROLS = {Role.PUSH_BUTTON, Role.CHECK_BOX, Role.TEXT, Role.PASSWORD_TEXT, Role.LIST, Role.PAGE_TAB, Role.TOGGLE_BUTTON}
+
+
+def press(keys):
+    subprocess.run(["xdotool", "key", keys], check=True)
+
+
+def type_text(text):
+    subprocess.run(["xdotool", "type", "--delay", "10", text], check=True)
+
+
+class Settings(unittest.TestCase):
+    def setUp(self):
+        self.log = tempfile.TemporaryFile()
+        self.program = subprocess.Popen([KORVANE, "--settings"], stdin=subprocess.DEVNULL, stdout=self.log, stderr=self.log)
+        self.root = soon(lambda: find_program(self.program), "the program")
+        self.window = soon(lambda: self.window_named("Korvane Settings"), "the settings")
+        # The keyboard is the window's once Tab marks something.
+        soon(lambda: press("Tab") or self.focused(), "the keyboard in the window")
+
+    def tearDown(self):
+        self.program.terminate()
+        self.program.wait(10)
+        self.log.close()
+
+    def window_named(self, name):
+        return next((child for child in children(self.root) if child.get_name() == name and has(child, State.SHOWING)), None)
+
+    def focused(self):
+        return next((node for node in below(self.window) if has(node, State.FOCUSED)), None)
+
+    def named(self, role, name):
+        return soon(lambda: next((node for node in below(self.window) if node.get_role() == role and node.get_name() == name
+                                  and has(node, State.SHOWING)), None), f"{name} as {role.value_nick}")
+
+    def open_tab(self, name):
+        Atspi.Action.do_action(self.named(Role.PAGE_TAB, name), 0)
+        soon(lambda: has(self.named(Role.PAGE_TAB, name), State.SELECTED), "the tab " + name)
+
+    def walk_to(self, name, key="Tab"):
+        """Presses a key until the control of this name has the keyboard."""
+        for _ in range(40):
+            before = self.focused()
+            if before is not None and before.get_name() == name:
+                return before
+            press(key)
+            soon(lambda: (now := self.focused()) is not None and now != before, "another control")
+        self.fail(f"{name} was not reached by {key}")
+
+    def says(self, sentence):
+        soon(lambda: any(node.get_name() == sentence and has(node, State.SHOWING) for node in below(self.window)), sentence)
+
+    def test_the_keyboard_turns_the_pages_and_every_control_of_each_has_a_name(self):
+        self.open_tab("MCP")
+        for name in TABS:
+            press("ctrl+Next")
+            tab = self.named(Role.PAGE_TAB, name)
+            soon(lambda: has(tab, State.SELECTED, State.FOCUSED), name)
+            for node in below(self.window):
+                if node.get_role() in CONTROLS and has(node, State.SHOWING, State.FOCUSABLE):
+                    self.assertTrue(node.get_name().strip(), f"a {node.get_role_name()} of {name} has no name")
+        self.open_tab("AI")
+        self.named(Role.PASSWORD_TEXT, "API Key (leave blank to keep saved key)")
+
+    def test_the_size_of_the_history_is_changed_and_stored(self):
+        self.open_tab("Clipboard")
+        self.walk_to("Maximum History Items (1–10,000)")
+        press("ctrl+a")
+        type_text("42")
+        self.walk_to("Save Settings")
+        press("Return")
+        self.says("Settings saved.")
+        stored = subprocess.run([KORVANECTL, "settings", "get", "clipboardLimit"], check=True, capture_output=True, text=True)
+        self.assertEqual(stored.stdout.strip(), "42")
+
+    def test_a_quicklink_that_is_added_is_a_row_of_the_palette(self):
+        self.open_tab("General")
+        self.walk_to("Name", "shift+Tab")
+        type_text("Zebra tables")
+        self.walk_to("Address (https://… or a file path)")
+        type_text("https://example.org/zebra")
+        press("Return")
+        self.says("Quicklink saved. It appears in the palette immediately.")
+        press("Escape")
+        soon(lambda: self.window_named("Korvane Settings") is None, "the settings gone")
+        subprocess.run([KORVANE], check=True)
+        palette = soon(lambda: self.window_named("Korvane Vorrel"), "the palette")
+        field = soon(lambda: next((node for node in below(palette) if node.get_role() == Role.TEXT
+                                   and has(node, State.FOCUSED)), None), "the keyboard in its field")
+        Atspi.EditableText.set_text_contents(field, "zebra")
+        soon(lambda: any(node.get_role() == Role.LIST_ITEM and node.get_name().startswith("Zebra tables")
+                         for node in below(palette)), "the row of the quicklink")
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
