@@ -96,7 +96,7 @@ Platform LinuxPlatform::ports(Dialogs &dialogs, Pasteboard &pasteboard, bool wat
         .secrets = &secrets,
         .http = &http,
         .environment = variables,
-        .shortcutsTool = ShortcutsTool{std::filesystem::path(executablePath()).parent_path() / "korvane-shortcuts", variables}};
+        .shortcutsTool = ShortcutsTool{helperPath(executablePath(), "korvane-shortcuts"), variables}};
 }
 
 L10n::Places LinuxPlatform::textPlaces(const std::string &executable) const
@@ -104,7 +104,7 @@ L10n::Places LinuxPlatform::textPlaces(const std::string &executable) const
     const std::filesystem::path folder = std::filesystem::path(executable).parent_path();
     return {.resources = (folder.parent_path() / "share/korvane").string(),
         .beside = folder.string(),
-        .fixedAtBuild = KORVANE_BUILD_RESOURCES,
+        .fixedAtBuild = KORVANE_FIXED_RESOURCES,
         .languages = linuxLanguages(environment),
         .platform = "linux"};
 }
@@ -121,6 +121,14 @@ std::string executablePath()
 {
     std::error_code failure;
     return std::filesystem::read_symlink("/proc/self/exe", failure).string();
+}
+
+std::string helperPath(const std::string &executable, const std::string &name)
+{
+    const std::filesystem::path folder = std::filesystem::path(executable).parent_path();
+    const std::filesystem::path installed = folder.parent_path() / "libexec/korvane" / name;
+    std::error_code failure;
+    return (std::filesystem::exists(installed, failure) ? installed : folder / name).string();
 }
 
 } // namespace korvane

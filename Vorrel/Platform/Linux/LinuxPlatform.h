@@ -68,4 +68,8 @@ std::vector<std::string> processVariables();
 /// The path of the running program; empty when the system does not tell.
 std::string executablePath();
 
+/// Where the program `name` is that the one at `executable` starts for work of its own: in "../libexec/korvane" once
+/// installed, so that nobody finds it among the commands, and beside `executable` in a build.
+std::string helperPath(const std::string &executable, const std::string &name);
+
 } // namespace korvane
