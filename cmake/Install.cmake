@@ -1,6 +1,5 @@
 # What an installation holds beside the programs: entries for the desktop, icons, manuals, completions of shells.
 set(packaging ${PROJECT_SOURCE_DIR}/packaging)
-set(KORVANE_ZSH_FOLDER share/zsh/site-functions CACHE STRING "Where zsh finds completions, below the prefix")
 
 install(FILES ${packaging}/dev.korvane.vorrel.desktop DESTINATION share/applications)
 install(FILES ${packaging}/dev.korvane.vorrel.metainfo.xml DESTINATION share/metainfo)
@@ -15,6 +14,6 @@ endforeach()
 foreach(program korvane korvanectl)
     install(FILES ${packaging}/man/${program}.1 DESTINATION share/man/man1)
     install(FILES ${packaging}/completions/${program}.bash DESTINATION share/bash-completion/completions RENAME ${program})
-    install(FILES ${packaging}/completions/${program}.zsh DESTINATION ${KORVANE_ZSH_FOLDER} RENAME _${program})
+    install(FILES ${packaging}/completions/${program}.zsh DESTINATION share/zsh/site-functions RENAME _${program})
     install(FILES ${packaging}/completions/${program}.fish DESTINATION share/fish/vendor_completions.d)
 endforeach()
