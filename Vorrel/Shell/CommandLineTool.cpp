@@ -52,6 +52,7 @@ constexpr std::string_view usage = R"(Usage: korvanectl COMMAND [ARGUMENTS] [--j
   ask TEXT [--agent NAME] [--allow TOOL]…
                             a model's answer, once AI requests are turned on; it may call
                             tools, and each that changes something asks unless it is allowed
+  diagnostics               versions, the index, errors and search times, of this command alone
   settings get [KEY]        the settings as JSON values
   settings set KEY VALUE    changes one, while Korvane does not run
 
@@ -235,6 +236,7 @@ int CommandLineTool::dispatch(const Line &line)
         {"agents", 1, 2, {}, &CommandLineTool::agents},
         {"skills", 1, 1, {}, &CommandLineTool::skills},
         {"ask", 1, 1, {"--agent", "--allow"}, &CommandLineTool::ask},
+        {"diagnostics", 0, 0, {}, &CommandLineTool::diagnostics},
         {"settings", 1, 3, {}, &CommandLineTool::settings},
     };
     if (line.words.empty())
@@ -604,6 +606,20 @@ void CommandLineTool::answer(PaletteState &state, const std::string &text)
         throw Refusal{*state.error()};
     if (stopped)
         throw Refusal{cancelled};
+}
+
+int CommandLineTool::diagnostics(const Line &line)
+{
+    const auto services = wait(openServices(Use::Read));
+    const FileIndexRepository repository(services->database, host.platform.folders, host.platform.clock);
+    const FileIndex::Health health{.fileCount = wait(repository.count()),
+        .rootCount = wait(repository.roots()).size(),
+        .state = FileIndex::Health::State::liveUpdatesUnavailable}; // this process follows nothing
+    const std::string report = wait(services->diagnostics.presentReport(health, false));
+    host.err("This is the report of korvanectl's own process. That of a running Korvane is exported in its settings.\n");
+    const JSONValue::Array json{JSONValue::Object{{"report", report}}};
+    host.out((line.json ? JSONValue(json).encodedString() : report) + "\n");
+    return 0;
 }
 
 // Settings

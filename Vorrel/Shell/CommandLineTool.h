@@ -70,6 +70,7 @@ private:
     int agents(const Line &line);
     int skills(const Line &line);
     int ask(const Line &line);
+    int diagnostics(const Line &line);
     int settings(const Line &line);
 
     // Requests to a model

@@ -1,7 +1,6 @@
 #include "Vorrel/Shell/DiagnosticsService.h"
 
-#include "Support/Descriptor.h"
-#include "Support/UUID.h"
+#include "Support/WholeFile.h"
 #include "Vorrel/Shell/AppLog.h"
 #include "Vorrel/Shell/Formats.h"
 #include "Vorrel/Shell/L10n.h"
@@ -9,9 +8,8 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <fcntl.h>
 #include <map>
-#include <unistd.h>
+#include <system_error>
 
 namespace korvane {
 
@@ -92,26 +90,6 @@ std::vector<std::string> searchLines(const std::deque<DiagnosticsService::Search
         "- Median results: " + std::to_string(median(results))};
 }
 
-/// Writes a file so that nobody ever sees a part of it; one that was there goes when the new one is whole. Blocks. False when
-/// that failed; then nothing has changed.
-bool writeWhole(const std::string &path, std::string_view text)
-{
-    const std::string fresh = path + "." + newUUID();
-    const Descriptor file(::open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
-    if (file.get() < 0)
-        return false;
-    bool written = true;
-    while (written && !text.empty()) {
-        const ssize_t count = ::write(file.get(), text.data(), text.size());
-        written = count > 0;
-        text.remove_prefix(written ? static_cast<std::size_t>(count) : 0);
-    }
-    written = written && ::fsync(file.get()) == 0 && ::rename(fresh.c_str(), path.c_str()) == 0;
-    if (!written)
-        ::unlink(fresh.c_str());
-    return written;
-}
-
 } // namespace
 
 std::string DiagnosticsService::report(const FileIndex::Health &health, bool hotkeyRegistered, const SystemFacts &facts) const
@@ -136,17 +114,17 @@ std::string DiagnosticsService::report(const FileIndex::Health &health, bool hot
     return text;
 }
 
-Task<std::string> DiagnosticsService::presentReport(const FileIndex &fileIndex, bool hotkeyRegistered) const
+Task<std::string> DiagnosticsService::presentReport(FileIndex::Health health, bool hotkeyRegistered) const
 {
     Actor disk(ports.pool);
     auto look = [facts = ports.facts](std::stop_token) { return facts(); };
     const SystemFacts facts = co_await disk.run(std::move(look));
-    co_return report(fileIndex.indexHealth(), hotkeyRegistered, facts);
+    co_return report(health, hotkeyRegistered, facts);
 }
 
 Task<std::string> DiagnosticsService::writeWithSavePanel(std::shared_ptr<FileIndex> fileIndex, bool hotkeyRegistered) const
 {
-    std::string text = co_await presentReport(*fileIndex, hotkeyRegistered);
+    std::string text = co_await presentReport(fileIndex->indexHealth(), hotkeyRegistered);
     Dialogs::Choice panel{.message = L10n::shown("Diagnostics include versions, index status, hotkey registration, recent error "
                                                  "categories and search timings. No clipboard content, file paths, search "
                                                  "text or credentials are included."),
@@ -155,9 +133,10 @@ Task<std::string> DiagnosticsService::writeWithSavePanel(std::shared_ptr<FileInd
     if (!chosen || chosen->empty())
         co_return L10n::key("Diagnostics export was cancelled.");
     Actor disk(ports.pool);
-    auto write = [path = chosen->front(), text](std::stop_token) { return writeWhole(path, text); };
-    const bool written = co_await disk.run(std::move(write));
-    if (!written) {
+    auto write = [path = chosen->front(), text](std::stop_token) { writeWholeFile(path, text); };
+    try {
+        co_await disk.run(std::move(write));
+    } catch (const std::system_error &) {
         AppLog::app.error("Diagnostics export failed");
         co_return L10n::key("Could not export diagnostics. Choose a writable location and try again.");
     }

@@ -44,7 +44,7 @@ public:
     /// The report: lines without a line feed at the end. In English, for whoever helps.
     std::string report(const FileIndex::Health &health, bool hotkeyRegistered, const SystemFacts &facts) const;
     /// The same with what the machine says of itself.
-    Task<std::string> presentReport(const FileIndex &fileIndex, bool hotkeyRegistered) const;
+    Task<std::string> presentReport(FileIndex::Health health, bool hotkeyRegistered) const;
     /// Asks where to write the report and writes it there, whole or not at all. Gives the sentence that says how it ended:
     /// English, a key of `L10n`. Throws `Cancelled` alone.
     Task<std::string> writeWithSavePanel(std::shared_ptr<FileIndex> fileIndex, bool hotkeyRegistered) const;

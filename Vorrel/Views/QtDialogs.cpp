@@ -29,6 +29,8 @@
 #include <QToolButton>
 #include <QUrl>
 
+#include <filesystem>
+
 namespace korvane {
 
 static constexpr int alertWidth = 360, wideAlertWidth = 560; // of the words
@@ -323,14 +325,19 @@ QFileDialog *QtDialogs::panelFor(const Choice &choice) const
     panel->setOption(QFileDialog::DontUseNativeDialog);
     panel->setOption(QFileDialog::ReadOnly);
     panel->setFont(appearance.font(TypeSize::Body));
-    panel->setFileMode(choice.folders ? QFileDialog::Directory
-            : choice.multiple         ? QFileDialog::ExistingFiles
-                                      : QFileDialog::ExistingFile);
+    const bool saves = !choice.saveAs.empty();
+    panel->setAcceptMode(saves ? QFileDialog::AcceptSave : QFileDialog::AcceptOpen);
+    panel->setOption(QFileDialog::DontConfirmOverwrite); // asked in our own words
+    panel->setFileMode(saves  ? QFileDialog::AnyFile
+            : choice.folders  ? QFileDialog::Directory
+            : choice.multiple ? QFileDialog::ExistingFiles
+                              : QFileDialog::ExistingFile);
     panel->setOption(QFileDialog::ShowDirsOnly, choice.folders);
     panel->setViewMode(QFileDialog::List);
     panel->setSidebarUrls(usualPlaces());
     panel->setLabelText(QFileDialog::Reject, fromUtf8(L10n::shown("Cancel")));
-    panel->setLabelText(QFileDialog::Accept, fromUtf8(choice.prompt.empty() ? L10n::shown("Open") : choice.prompt));
+    const std::string usual = saves ? L10n::shown("Save") : L10n::shown("Open");
+    panel->setLabelText(QFileDialog::Accept, fromUtf8(choice.prompt.empty() ? usual : choice.prompt));
     if (!choice.message.empty()) {
         auto *message = new QLabel(fromUtf8(choice.message), panel);
         message->setTextFormat(Qt::PlainText);
@@ -341,6 +348,8 @@ QFileDialog *QtDialogs::panelFor(const Choice &choice) const
     panel->layout()->setContentsMargins(16, 8, 16, 16);
     if (!choice.directory.empty())
         panel->setDirectory(QFile::decodeName(QByteArray::fromStdString(choice.directory)));
+    if (saves)
+        panel->selectFile(QFile::decodeName(QByteArray::fromStdString(choice.saveAs)));
     panel->resize(640, 440);
     simplify(*panel, appearance.theme());
     return panel;
@@ -356,6 +365,13 @@ Task<std::optional<std::vector<std::string>>> QtDialogs::choose(Choice choice)
     std::vector<std::string> paths;
     for (const QString &path : panel->selectedFiles())
         paths.push_back(QFile::encodeName(path).toStdString());
+    if (!choice.saveAs.empty() && !paths.empty() && QFileInfo::exists(panel->selectedFiles().front())) {
+        const std::string name = std::filesystem::path(paths.front()).filename().string();
+        std::string question = L10n::format("Replace “%@”?", name), detail = L10n::shown("The file that is there will be lost.");
+        const bool replaces = co_await confirm(std::move(question), std::move(detail));
+        if (!replaces)
+            co_return std::nullopt;
+    }
     co_return paths;
 }
 

@@ -95,7 +95,7 @@ int main(int count, char **words)
     ActivationListener activation;
     LinuxHotkeys hotkeys(mainLoop.executor(), system.pool.executor(), system.clock, environment, L10n::shown("Open Korvane"));
     QtPreviewWindow preview(
-        mainLoop.executor(), system.pool.executor(), system.clock, appearance, helperPath(executablePath(), "korvane-preview"));
+        mainLoop.executor(), system.pool.executor(), system.clock, appearance, companionPath(executablePath(), "korvane-preview"));
     Platform ports = system.ports(dialogs, pasteboard, true);
     ports.preview = &preview;
 

@@ -10,7 +10,7 @@ declare -gA _korvanectl_commands=(
     [secret]='set has delete'
     [agents]='list save'
     [skills]='scan'
-    [ask]=''
+    [ask]='' [diagnostics]=''
     [settings]='get set'
 )
 declare -gA _korvanectl_options=([search]='--category' [files]='--in --limit' [ask]='--agent --allow')

@@ -47,6 +47,7 @@ complete -c korvanectl -n __korvanectl_said -a secret -d 'Secrets in the keyring
 complete -c korvanectl -n __korvanectl_said -a agents -d 'The saved Agents'
 complete -c korvanectl -n __korvanectl_said -a skills -d 'Skills that an Agent may be given'
 complete -c korvanectl -n __korvanectl_said -a ask -d "A model's answer"
+complete -c korvanectl -n __korvanectl_said -a diagnostics -d 'Versions, the index, errors and search times'
 complete -c korvanectl -n __korvanectl_said -a settings -d 'The settings'
 
 complete -c korvanectl -n '__korvanectl_said index' -a status -d 'Number of files and of roots, and whether Korvane runs'

@@ -55,6 +55,7 @@ _korvanectl() {
         'agents:the saved Agents'
         'skills:skills that an Agent may be given'
         "ask:a model's answer"
+        'diagnostics:versions, the index, errors and search times'
         'settings:the settings'
     )
     local curcontext=$curcontext state line

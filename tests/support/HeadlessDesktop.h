@@ -3,6 +3,7 @@
 #include "Support/MainLoop.h"
 #include "Vorrel/Platform/Headless/HeadlessApplications.h"
 #include "Vorrel/Platform/Headless/HeadlessPreviewWindow.h"
+#include "Vorrel/Platform/Headless/HeadlessSecretStore.h"
 #include "Vorrel/Platform/Headless/HeadlessSystem.h"
 #include "Vorrel/Platform/Platform.h"
 #include "Vorrel/Shell/DiagnosticsService.h"
@@ -29,6 +30,7 @@ struct HeadlessDesktop {
             .dialogs = dialogs,
             .pasteboard = pasteboard,
             .preview = &preview,
+            .secrets = &secrets,
             .loginItem = &loginItem};
     }
 
@@ -43,6 +45,7 @@ struct HeadlessDesktop {
     HeadlessDialogs dialogs;
     HeadlessPasteboard pasteboard;
     HeadlessPreviewWindow preview;
+    HeadlessSecretStore secrets;
     HeadlessLoginItem loginItem;
 };
 

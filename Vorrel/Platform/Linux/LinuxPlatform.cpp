@@ -1,5 +1,6 @@
 #include "Vorrel/Platform/Linux/LinuxPlatform.h"
 
+#include "Vorrel/Platform/Linux/LinuxSystemFacts.h"
 #include "Vorrel/Shell/AppServices.h"
 
 #include <filesystem>
@@ -44,7 +45,8 @@ LinuxPlatform::LinuxPlatform(Executor mainThread, std::vector<std::string> given
     launcher({.pool = pool.executor(), .environment = variables, .activationToken = std::move(token)}),
     workspace(pool.executor(), launcher),
     system(pool.executor(), workspace, launcher, LinuxSystemControl::surroundingsOf(environment, folders)),
-    secrets(buses.session), http(CurlHTTPClient::Settings::from(environment)), following(std::make_shared<Following>()),
+    secrets(buses.session), loginItem(LinuxLoginItem::Places::from(environment, folders), companionPath(executablePath(), "korvane")),
+    http(CurlHTTPClient::Settings::from(environment)), following(std::make_shared<Following>()),
     walker([following = following](const std::string &folder) { following->entered(folder); })
 {
 }
@@ -95,8 +97,10 @@ Platform LinuxPlatform::ports(Dialogs &dialogs, Pasteboard &pasteboard, bool wat
         .pasteboardWatching = clipboard.get(),
         .secrets = &secrets,
         .http = &http,
+        .loginItem = &loginItem,
+        .facts = [environment = environment] { return linuxSystemFacts(environment); },
         .environment = variables,
-        .shortcutsTool = ShortcutsTool{helperPath(executablePath(), "korvane-shortcuts"), variables}};
+        .shortcutsTool = ShortcutsTool{companionPath(executablePath(), "korvane-shortcuts"), variables}};
 }
 
 L10n::Places LinuxPlatform::textPlaces(const std::string &executable) const
@@ -123,7 +127,7 @@ std::string executablePath()
     return std::filesystem::read_symlink("/proc/self/exe", failure).string();
 }
 
-std::string helperPath(const std::string &executable, const std::string &name)
+std::string companionPath(const std::string &executable, const std::string &name)
 {
     const std::filesystem::path folder = std::filesystem::path(executable).parent_path();
     const std::filesystem::path installed = folder.parent_path() / "libexec/korvane" / name;

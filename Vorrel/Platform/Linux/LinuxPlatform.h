@@ -9,6 +9,7 @@
 #include "Vorrel/Platform/Linux/Launcher.h"
 #include "Vorrel/Platform/Linux/LinuxDirectoryWalker.h"
 #include "Vorrel/Platform/Linux/LinuxEnvironment.h"
+#include "Vorrel/Platform/Linux/LinuxLoginItem.h"
 #include "Vorrel/Platform/Linux/LinuxPasteboardWatching.h"
 #include "Vorrel/Platform/Linux/LinuxSecretStore.h"
 #include "Vorrel/Platform/Linux/LinuxSystemControl.h"
@@ -53,6 +54,7 @@ private:
     LinuxWorkspace workspace;
     LinuxSystemControl system;
     LinuxSecretStore secrets;
+    LinuxLoginItem loginItem;
     CurlHTTPClient http;
     std::unique_ptr<FolderMonitor> watcher;
     std::unique_ptr<LinuxPasteboardWatching> clipboard;
@@ -68,8 +70,9 @@ std::vector<std::string> processVariables();
 /// The path of the running program; empty when the system does not tell.
 std::string executablePath();
 
-/// Where the program `name` is that the one at `executable` starts for work of its own: in "../libexec/korvane" once
-/// installed, so that nobody finds it among the commands, and beside `executable` in a build.
-std::string helperPath(const std::string &executable, const std::string &name);
+/// Where another of our programs is, for the one at `executable`. What a program starts for work of its own is in
+/// "../libexec/korvane" once installed, so that nobody finds it among the commands; all else is beside `executable`, and
+/// so is everything in a build.
+std::string companionPath(const std::string &executable, const std::string &name);
 
 } // namespace korvane

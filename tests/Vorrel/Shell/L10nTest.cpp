@@ -480,6 +480,8 @@ TEST_F(L10nTest, AFormatTakesItsValueOnce)
     EXPECT_EQ(L10n::format("For %@…", "a %@ named %lld"), "a %@ named %lld it is for");
     EXPECT_EQ(L10n::format("Not in the table: %@", "x"), "Not in the table: x");
     EXPECT_EQ(L10n::format("Nothing to fill", "x"), "Nothing to fill");
+    EXPECT_EQ(L10n::format("Run %@ with %@, %lld times", {"%@", "%lld", "3"}), "Run %@ with %lld, 3 times");
+    EXPECT_EQ(L10n::format("Only %@", {"one", "two"}), "Only one");
 }
 
 TEST(L10nParse, ReadsEntriesBetweenCommentsAndPassesOverTheRest)
@@ -609,6 +611,7 @@ TEST(L10nTables, TheLinuxTableRewordsExactlyWhatWouldMislead)
         "Choose a shortcut with Command, Option or Control.",
         "Choose an installed application bundle.",
         "Click Record, then press a shortcut with Command, Option or Control. Save Settings to apply.",
+        "Credential saved in Keychain.",
         "Enable Korvane in System Settings → Privacy & Security → Accessibility to lock the screen.",
         "File access timed out. Respond to any macOS permission prompt, check the file is available locally, then retry.",
         "Finder could not empty the Trash. Check Automation permissions and try again.",
@@ -617,9 +620,12 @@ TEST(L10nTables, TheLinuxTableRewordsExactlyWhatWouldMislead)
         "Include ⌘, ⌥ or ⌃ (Esc cancels)",
         "Keychain access was denied.",
         "Korvane cannot read this file. Review Files & Folders access in System Settings, then retry.",
+        "Login registration failed. Move Korvane.app to Applications and try again.",
         "No global shortcut is active. Open Korvane or Settings from the menu bar.",
         "Open Finder",
+        "Open System Settings → General → Login Items.",
         "Open System Settings → Keyboard → Keyboard Shortcuts.",
+        "Open System Settings → Privacy & Security → Files & Folders.",
         "Restore Option + Space",
         "Show in Finder",
         "The Keychain item could not be removed.",
@@ -628,6 +634,7 @@ TEST(L10nTables, TheLinuxTableRewordsExactlyWhatWouldMislead)
         "To replace Spotlight, first change its shortcut in System Settings → Keyboard → Keyboard Shortcuts → Spotlight, then "
         "Save Settings here.",
         "Use Command + Space (Spotlight)",
+        "Waiting for macOS approval. Allow Korvane in System Settings → General → Login Items.",
         "macOS did not allow this sleep request.",
     };
     EXPECT_EQ(keysOf(programTable("en", "Platform-linux.strings")), reworded);

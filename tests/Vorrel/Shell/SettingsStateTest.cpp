@@ -342,17 +342,322 @@ TEST(SettingsState, AForeignErrorIsToldInTheProgramsOwnWords)
     EXPECT_FALSE(settings.model().activeHotkey.get());
 }
 
-TEST(SettingsState, WhereTheSystemHasNoPageOfKeysTheWayIsTold)
+TEST(SettingsState, WhereTheSystemHasNoSuchPageTheWayIsTold)
+{
+    const struct {
+        void (SettingsState::*open)();
+        const char *page, *way;
+    } cases[] = {
+        {&SettingsState::openKeyboardSettings, "settings keyboard", "Open System Settings → Keyboard → Keyboard Shortcuts."},
+        {&SettingsState::openLoginItemsSettings, "settings login items", "Open System Settings → General → Login Items."},
+        {&SettingsState::openFilePrivacySettings, "settings file privacy",
+            "Open System Settings → Privacy & Security → Files & Folders."},
+    };
+    for (const auto &c : cases) {
+        Settings settings;
+        (settings.model().*c.open)();
+        settings.settle();
+        EXPECT_EQ(settings.system.requests(), Strings{c.page});
+        EXPECT_EQ(settings.message(), "");
+        settings.system.opensSettings = false;
+        (settings.model().*c.open)();
+        settings.settle();
+        EXPECT_EQ(settings.message(), c.way);
+    }
+}
+
+// The key for the provider
+
+TEST(SettingsState, AKeyIsKeptInTheKeychainAndLeavesItsField)
 {
     Settings settings;
-    settings.model().openKeyboardSettings();
+    settings.model().apiKey = "sk-1";
+    settings.save();
+    EXPECT_EQ(settings.message(), "Settings saved.");
+    EXPECT_EQ(settings.secrets.items(), (std::map<std::string, std::string>{{"ai.openai", "sk-1"}}));
+    EXPECT_EQ(settings.model().apiKey.get(), "");
+    EXPECT_TRUE(settings.model().keySaved.get());
+}
+
+TEST(SettingsState, AnEmptyKeyFieldLeavesTheKeychainUntouched)
+{
+    Settings settings;
+    settings.secrets.keep("ai.openai", "sk-old");
+    settings.save();
+    EXPECT_EQ(settings.message(), "Settings saved.");
+    EXPECT_EQ(settings.secrets.requests(), Strings());
+    EXPECT_FALSE(settings.model().keySaved.get());
+}
+
+TEST(SettingsState, AKeyTypedDuringASaveIsNotLost)
+{
+    Settings settings;
+    settings.model().apiKey = "sk-1";
+    settings.model().save();
+    settings.model().apiKey = "sk-2";
     settings.settle();
-    EXPECT_EQ(settings.system.requests(), Strings{"settings keyboard"});
-    EXPECT_EQ(settings.message(), "");
-    settings.system.opensSettings = false;
-    settings.model().openKeyboardSettings();
+    EXPECT_EQ(settings.secrets.items().at("ai.openai"), "sk-1");
+    EXPECT_EQ(settings.model().apiKey.get(), "sk-2");
+}
+
+TEST(SettingsState, AKeyThatCannotBeKeptRollsTheShortcutBackAndIsCleared)
+{
+    Settings settings;
+    settings.save();
+    settings.secrets.updateOutcome = settings.secrets.addOutcome = SecretStore::Outcome::denied;
+    settings.edit([](AppPreferences &draft) { draft.hotkey = commandK; });
+    settings.model().apiKey = "sk-1";
+    settings.save();
+    EXPECT_FALSE(settings.message().empty());
+    EXPECT_NE(settings.message(), "Settings saved.");
+    EXPECT_EQ(settings.binding.configuration(), HotkeyConfiguration());
+    EXPECT_EQ(AppPreferences::decode(*settings.stored()).hotkey, HotkeyConfiguration());
+    EXPECT_EQ(settings.model().apiKey.get(), "") << "it does not stay on the screen";
+    EXPECT_FALSE(settings.model().keySaved.get());
+    EXPECT_FALSE(settings.model().saving.get());
+}
+
+TEST(SettingsState, AFailureAtAnyStepLeavesWhatWasSavedAndTheShortcutAsTheyWere)
+{
+    enum class Step { model, hotkey, key, store };
+    for (const Step step : {Step::model, Step::hotkey, Step::key, Step::store}) {
+        SCOPED_TRACE(static_cast<int>(step));
+        Settings settings;
+        settings.save();
+        settings.edit([&](AppPreferences &draft) {
+            draft.hotkey = commandK;
+            draft.clipboardLimit = 7;
+            draft.confirmToolWrites = false;
+            draft.model = step == Step::model ? " " : "other";
+        });
+        settings.model().apiKey = "sk-1";
+        if (step == Step::hotkey)
+            settings.keys.taken = {commandK};
+        if (step == Step::key)
+            settings.secrets.updateOutcome = settings.secrets.addOutcome = SecretStore::Outcome::denied;
+        if (step == Step::store)
+            await(settings.loop, settings.services->database->execute("ALTER TABLE settings RENAME TO away"));
+        settings.save();
+        EXPECT_NE(settings.message(), "Settings saved.");
+        EXPECT_EQ(settings.binding.configuration(), HotkeyConfiguration());
+        EXPECT_EQ(settings.model().appliedHotkey.get(), HotkeyConfiguration());
+        EXPECT_EQ(settings.clipboard->maximumItems, 500);
+        EXPECT_TRUE(settings.services->tools().policy.confirmWrites);
+        EXPECT_EQ(settings.model().preferences->clipboardLimit, 7) << "the draft is kept";
+        EXPECT_EQ(settings.model().apiKey.get(), "");
+        EXPECT_FALSE(settings.model().saving.get());
+        if (step == Step::store)
+            await(settings.loop, settings.services->database->execute("ALTER TABLE away RENAME TO settings"));
+        EXPECT_EQ(AppPreferences::decode(*settings.stored()), AppPreferences());
+        settings.keys.taken.clear();
+        settings.secrets.updateOutcome = settings.secrets.addOutcome = std::nullopt;
+        settings.edit([](AppPreferences &draft) { draft.model = "other"; });
+        settings.save();
+        EXPECT_EQ(settings.message(), "Settings saved.") << "the same draft goes through once nothing is in the way";
+        EXPECT_EQ(settings.binding.configuration(), commandK);
+    }
+}
+
+TEST(SettingsState, RemovingTheKeySaysSoAndAFailureSaysWhy)
+{
+    Settings settings;
+    settings.model().apiKey = "sk-1";
+    settings.save();
+    settings.model().removeKey();
     settings.settle();
-    EXPECT_EQ(settings.message(), "Open System Settings → Keyboard → Keyboard Shortcuts.");
+    EXPECT_TRUE(settings.secrets.items().empty());
+    EXPECT_FALSE(settings.model().keySaved.get());
+    EXPECT_EQ(settings.message(), "API key removed.");
+    settings.secrets.removeOutcome = SecretStore::Outcome::denied;
+    settings.model().removeKey();
+    settings.settle();
+    EXPECT_EQ(settings.message(), "The Keychain item could not be removed.");
+}
+
+// Starting with the session
+
+TEST(SettingsState, TheLoginItemHasFourOutcomesEachWithItsSentence)
+{
+    using Status = SettingsState::LoginItemStatus;
+    Settings settings;
+    settings.model().setLogin(true);
+    settings.settle();
+    EXPECT_EQ(settings.model().loginStatus.get(), Status::enabled);
+    EXPECT_EQ(settings.message(), "Korvane will open at login.");
+    settings.model().setLogin(false);
+    settings.settle();
+    EXPECT_EQ(settings.model().loginStatus.get(), Status::disabled);
+    EXPECT_EQ(settings.message(), "Korvane will not open at login.");
+    settings.loginItem.switchedOff = true;
+    settings.model().setLogin(true);
+    settings.settle();
+    EXPECT_EQ(settings.model().loginStatus.get(), Status::awaitingApproval);
+    EXPECT_EQ(settings.message(), "Waiting for macOS approval. Allow Korvane in System Settings → General → Login Items.");
+    settings.loginItem.refuses = true;
+    settings.model().setLogin(false);
+    settings.settle();
+    EXPECT_EQ(settings.model().loginStatus.get(), Status::failed);
+    EXPECT_EQ(settings.message(), "Login registration failed. Move Korvane.app to Applications and try again.");
+    EXPECT_EQ(SettingsState::sentence(Status::failed), settings.message());
+}
+
+TEST(SettingsState, WhatTheUserChangedElsewhereIsSeenWhenTheStatusIsRefreshed)
+{
+    using Status = SettingsState::LoginItemStatus;
+    Settings settings;
+    settings.load();
+    settings.settle();
+    EXPECT_EQ(settings.model().loginStatus.get(), Status::disabled);
+    settings.loginItem.present = LoginItem::Status::awaitingApproval;
+    settings.model().refreshLoginStatus();
+    settings.settle();
+    EXPECT_EQ(settings.model().loginStatus.get(), Status::awaitingApproval);
+    settings.loginItem.present = LoginItem::Status::enabled;
+    settings.loginItem.refuses = true;
+    settings.model().refreshLoginStatus();
+    settings.settle();
+    EXPECT_EQ(settings.model().loginStatus.get(), Status::enabled) << "a refresh never fails";
+    EXPECT_EQ(settings.message(), "") << "nor does it say anything";
+}
+
+// Clipboard, quicklinks, folders
+
+TEST(SettingsState, TheHistoryIsClearedOnceThatIsAllowed)
+{
+    Settings settings;
+    const ClipboardRepository history(settings.services->database, settings.clock);
+    await(settings.loop, history.insert("kept", {}, 500));
+    settings.model().clearClipboard();
+    settings.settle();
+    ASSERT_EQ(settings.dialogs.asked().size(), 1u);
+    EXPECT_EQ(settings.dialogs.asked()[0].title, "Clear Clipboard History?");
+    EXPECT_EQ(settings.dialogs.asked()[0].detail, "All locally saved clipboard entries will be deleted.");
+    EXPECT_EQ(await(settings.loop, history.search("")).size(), 1u) << "nothing before the answer";
+    settings.dialogs.refuse();
+    settings.settle();
+    EXPECT_EQ(settings.message(), "The operation was cancelled.");
+    EXPECT_EQ(await(settings.loop, history.search("")).size(), 1u);
+    settings.dialogs.accept();
+    settings.model().clearClipboard();
+    settings.settle();
+    EXPECT_EQ(settings.message(), "Clipboard history cleared.");
+    EXPECT_TRUE(await(settings.loop, history.search("")).empty());
+}
+
+TEST(SettingsState, AQuicklinkIsCheckedStoredAndTold)
+{
+    Settings settings;
+    int told = 0;
+    settings.model().quicklinksChanged = [&] { ++told; };
+    settings.model().quicklinkURL = "https://example.org";
+    settings.model().quicklinkTitle = " \n";
+    settings.model().addQuicklink();
+    settings.settle();
+    EXPECT_EQ(settings.message(), "Give the quicklink a name.");
+    settings.model().quicklinkTitle = " Example ";
+    settings.model().quicklinkURL = "mailto:a@example.org";
+    settings.model().addQuicklink();
+    settings.settle();
+    EXPECT_EQ(settings.message(), "Quicklinks must use http, https or file addresses.");
+    EXPECT_EQ(settings.model().quicklinkTitle.get(), " Example ") << "what was typed is kept";
+    EXPECT_EQ(told, 0);
+    settings.model().quicklinkURL = "  HTTPS://example.org/a ";
+    settings.model().addQuicklink();
+    settings.settle();
+    EXPECT_EQ(settings.message(), "Quicklink saved. It appears in the palette immediately.");
+    ASSERT_EQ(settings.model().quicklinks->size(), 1u);
+    EXPECT_EQ(settings.model().quicklinks->front().title, "Example");
+    EXPECT_EQ(settings.model().quicklinkTitle.get(), "");
+    EXPECT_EQ(settings.model().quicklinkURL.get(), "");
+    EXPECT_EQ(told, 1);
+    settings.model().removeQuicklink(settings.model().quicklinks->front());
+    settings.settle();
+    EXPECT_TRUE(settings.model().quicklinks->empty());
+    EXPECT_EQ(told, 2);
+}
+
+TEST(SettingsState, QuicklinksAreReadWithThePreferences)
+{
+    Settings settings;
+    await(settings.loop, settings.services->quicklinks.save({.id = "a", .title = "A", .url = "https://a.example"}));
+    settings.load();
+    ASSERT_EQ(settings.model().quicklinks->size(), 1u);
+    EXPECT_EQ(settings.model().quicklinks->front().id, "a");
+}
+
+TEST(SettingsState, AFolderThatWasChosenIsIndexedAndACancelledPanelChangesNothing)
+{
+    struct Roots : FileIndex {
+        void addRoot(std::string path) override { added.push_back(std::move(path)); }
+        Strings added;
+    };
+    HeadlessDesktop desktop;
+    const auto roots = std::make_shared<Roots>();
+    auto store =
+        await(desktop.loop, Database::open(desktop.loop.executor(), ":memory:", Database::Access::readWrite, [] { return 0.0; }));
+    AppServices::Injected injected;
+    injected.fileIndex = roots;
+    AppServices services(desktop.platform(), store, std::move(injected));
+    services.preferences().addIndexRoot();
+    desktop.loop.runUntilIdle();
+    ASSERT_EQ(desktop.dialogs.asked().size(), 1u);
+    EXPECT_TRUE(desktop.dialogs.asked()[0].choice.folders);
+    EXPECT_FALSE(desktop.dialogs.asked()[0].choice.multiple);
+    desktop.dialogs.refuse();
+    desktop.loop.runUntilIdle();
+    EXPECT_EQ(roots->added, Strings());
+    desktop.dialogs.accept({"/srv/photos"});
+    services.preferences().addIndexRoot();
+    desktop.loop.runUntilIdle();
+    EXPECT_EQ(roots->added, Strings{"/srv/photos"});
+    desktop.loop.shutDown();
+}
+
+// Servers and credentials
+
+TEST(SettingsState, ACredentialNeedsBothFieldsAndItsValueLeavesTheField)
+{
+    Settings settings;
+    settings.model().credentialValue = "v";
+    settings.model().saveCredential();
+    settings.settle();
+    EXPECT_EQ(settings.message(), "Enter an account name and secret.");
+    settings.model().credentialAccount = "github";
+    settings.model().credentialValue = std::string();
+    settings.model().saveCredential();
+    settings.settle();
+    EXPECT_EQ(settings.message(), "Enter an account name and secret.");
+    settings.model().credentialValue = "token";
+    settings.model().saveCredential();
+    settings.settle();
+    EXPECT_EQ(settings.message(), "Credential saved in Keychain.");
+    EXPECT_EQ(settings.secrets.items().at("github"), "token");
+    EXPECT_EQ(settings.model().credentialAccount.get(), "github");
+    EXPECT_EQ(settings.model().credentialValue.get(), "");
+}
+
+TEST(SettingsState, TheExampleOfAServerReadsAsOne)
+{
+    Settings settings;
+    const auto example = MCPServerConfiguration::fromJSON(JSONValue::parse(settings.model().serverJSON.get()));
+    EXPECT_EQ(example.name, "Local MCP");
+    EXPECT_EQ(example.command, "/usr/bin/python3");
+    EXPECT_EQ(example.args, Strings{"/absolute/path/to/server.py"});
+    EXPECT_TRUE(settings.model().serverJSON.get().starts_with("{\n  \"name\": \"Local MCP\",\n"));
+    EXPECT_TRUE(settings.model().serverJSON.get().ends_with("  \"env\": {}\n}"));
+}
+
+TEST(SettingsState, AServerThatCannotBeReadLeavesTheListUntouched)
+{
+    for (const char *text : {"", "{", "[]", "{}", R"({"name":7})", R"({"name":"a","transport":"pigeon"})"}) {
+        SCOPED_TRACE(text);
+        Settings settings;
+        settings.model().serverJSON = text;
+        settings.model().addServer();
+        settings.settle();
+        EXPECT_EQ(settings.message(), "The operation could not be completed. Please try again or check permissions.");
+        EXPECT_TRUE(settings.model().mcp().configurations().empty());
+    }
 }
 
 TEST(SettingsState, EveryPropertyIsObserved)
@@ -369,5 +674,16 @@ TEST(SettingsState, EveryPropertyIsObserved)
     settings.model().recorderRequest = 5;
     settings.model().message = "b";
     settings.model().saving = true;
-    EXPECT_EQ(changes, 9);
+    settings.model().loginStatus = SettingsState::LoginItemStatus::failed;
+    settings.model().keySaved = true;
+    settings.model().quicklinks = std::vector<Quicklink>{{.id = "a", .title = "A", .url = "b"}};
+    settings.model().apiKey = "c";
+    settings.model().credentialAccount = "d";
+    settings.model().credentialValue = "e";
+    settings.model().serverJSON = "f";
+    settings.model().quicklinkTitle = "g";
+    settings.model().quicklinkURL = "h";
+    settings.model().mcp()._configurations = std::vector<MCPServerConfiguration>{{.id = "i", .name = "j"}};
+    settings.model().mcp()._status = std::map<std::string, std::string>{{"i", "k"}};
+    EXPECT_EQ(changes, 20);
 }

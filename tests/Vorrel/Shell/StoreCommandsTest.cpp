@@ -79,6 +79,18 @@ TEST_F(StoreCommands, CopiedTextsAreListedCopiedBackAndCleared)
     EXPECT_EQ(out, "");
 }
 
+TEST_F(StoreCommands, TheDiagnosticsAreThoseOfItsOwnProcessAndSaySo)
+{
+    EXPECT_EQ(run({"diagnostics"}), 0) << err;
+    EXPECT_TRUE(out.starts_with("Korvane Diagnostics\n===================\nGenerated: ")) << out;
+    EXPECT_NE(out.find("\n- Indexed files: 0\n- Status: liveUpdatesUnavailable\n- Indexed roots: 0\n"), std::string::npos) << out;
+    EXPECT_NE(out.find("\n- Registered: no\n"), std::string::npos);
+    EXPECT_EQ(err, "This is the report of korvanectl's own process. That of a running Korvane is exported in its settings.\n");
+    EXPECT_EQ(run({"diagnostics", "--json"}), 0);
+    EXPECT_TRUE((*JSONValue::parse(out).array())[0].text("report").starts_with("Korvane Diagnostics\n"));
+    EXPECT_EQ(run({"diagnostics", "all"}), 2);
+}
+
 TEST_F(StoreCommands, WithoutAToolThereAreNoShortcuts)
 {
     EXPECT_EQ(run({"shortcuts", "list"}), 0);

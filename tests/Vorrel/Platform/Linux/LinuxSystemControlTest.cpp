@@ -102,11 +102,12 @@ protected:
         return await(loop, adapter->openFolder(path));
     }
 
-    bool openKeyboardSettings()
+    bool openSettings(SettingsPage page)
     {
         const auto adapter = control();
-        return await(loop, adapter->openSettings(SettingsPage::keyboard));
+        return await(loop, adapter->openSettings(page));
     }
+    bool openKeyboardSettings() { return openSettings(SettingsPage::keyboard); }
     /// Installs a page of settings and gives the path of its entry.
     std::string settingsPage(const std::string &folder, const std::string &identifier, const std::string &more = "")
     {
@@ -391,6 +392,26 @@ TEST_F(LinuxSystemControlTest, WithoutKeyboardSettingsThereIsNoPageToOpen)
     settingsPage("home", "some-keyboard-program");
     EXPECT_FALSE(openKeyboardSettings());
     EXPECT_EQ(launcher.launched, Strings());
+}
+
+TEST_F(LinuxSystemControlTest, EachDesktopsOtherPagesAreOpenedToo)
+{
+    const struct {
+        const char *desktop, *entry;
+        SettingsPage page;
+    } cases[] = {{"GNOME", "org.gnome.tweaks", SettingsPage::loginItems}, {"KDE", "kcm_autostart", SettingsPage::loginItems},
+        {"XFCE", "xfce-session-settings", SettingsPage::loginItems}, {"GNOME", "gnome-privacy-panel", SettingsPage::filePrivacy}};
+    settingsPage("home", "kcm_keys"); // another page is none of these
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.entry);
+        around.desktop = {.dataHome = root / "home", .dataDirs = {root / "machine"}, .currentDesktop = {c.desktop}};
+        EXPECT_FALSE(openSettings(c.page));
+        const std::string page = settingsPage("machine", c.entry);
+        EXPECT_TRUE(openSettings(c.page));
+        EXPECT_EQ(launcher.launched, Strings{page});
+        fs::remove(page);
+        launcher.launched.clear();
+    }
 }
 
 TEST_F(LinuxSystemControlTest, KeyboardSettingsThatDoNotStartAreNotOpened)

@@ -7,18 +7,18 @@
 using namespace korvane;
 using namespace korvane::test;
 
-TEST(HelperPath, IsTheInstalledHelperWhereThereIsOne)
+TEST(CompanionPath, IsTheInstalledHelperWhereThereIsOne)
 {
     const DiskFolder prefix;
     const std::string program = prefix.file("bin/korvane");
     prefix.file("bin/korvane-shortcuts");
     const std::string helper = prefix.file("libexec/korvane/korvane-shortcuts");
-    EXPECT_EQ(helperPath(program, "korvane-shortcuts"), helper);
+    EXPECT_EQ(companionPath(program, "korvane-shortcuts"), helper);
 }
 
-TEST(HelperPath, IsBesideTheProgramInABuild)
+TEST(CompanionPath, IsBesideTheProgramInABuild)
 {
     const DiskFolder build;
     const std::string program = build.file("bin/korvane");
-    EXPECT_EQ(helperPath(program, "korvane-shortcuts"), build / "bin/korvane-shortcuts");
+    EXPECT_EQ(companionPath(program, "korvane-shortcuts"), build / "bin/korvane-shortcuts");
 }
