@@ -3,7 +3,12 @@
 # finds and starts an application and a file, by korvanectl and by the palette, and quits. Needs nothing of the sources.
 set -eu
 cd "$HOME"
-fail() { echo "session: $*" >&2; [ -s "$HOME/korvane.log" ] && cat "$HOME/korvane.log" >&2; exit 1; }
+fail() {
+    echo "session: $*" >&2
+    [ -s "$HOME/korvane.log" ] && cat "$HOME/korvane.log" >&2
+    { xprop -root _NET_CLIENT_LIST _NET_ACTIVE_WINDOW && xwininfo -root -tree; } 2>/dev/null | grep -v 'has no name' >&2
+    exit 1
+}
 # until_true SECONDS SENTENCE COMMAND...: waits for the command to succeed
 until_true() {
     local deadline=$((SECONDS + $1)) sentence=$2
@@ -38,11 +43,23 @@ printf '[Default Applications]\ntext/plain=harbour.desktop\n' >.config/mimeapps.
 sed 's/key="A-space"/key="A-F12"/' /etc/xdg/openbox/rc.xml >.config/openbox/rc.xml
 
 Xvfb -displayfd 3 -screen 0 1280x800x24 -nolisten tcp -noreset 3>"$XDG_RUNTIME_DIR/display" 2>"$XDG_RUNTIME_DIR/x.log" &
+screen=$!
 until_true 20 "The X server did not start." test -s "$XDG_RUNTIME_DIR/display"
 DISPLAY=:$(cat "$XDG_RUNTIME_DIR/display")
 export DISPLAY
 openbox >/dev/null 2>&1 &
-managed() { xprop -root _NET_SUPPORTING_WM_CHECK 2>/dev/null | grep -q 'window id'; }
+manager=$!
+# It is ready when it manages a window; one that comes while it starts may be left alone for good.
+managed() {
+    local probe answer=0
+    xev >/dev/null 2>&1 &
+    probe=$!
+    sleep 0.3
+    xprop -root _NET_CLIENT_LIST 2>/dev/null | grep -q 0x || answer=1
+    kill "$probe"
+    wait "$probe" || true
+    return $answer
+}
 until_true 20 "The window manager did not start." managed
 
 korvane --show >"$HOME/korvane.log" 2>&1 &
@@ -83,5 +100,5 @@ until_true 10 "The palette did not open the file." grep -qxF "started $HOME/Docu
 kill -TERM "$korvane"
 wait "$korvane" || fail "Korvane ended with status $?."
 echo "session: indexed $(korvanectl index status | awk '$1 == "files" { print $2 }') files, found and started an application and a file"
-kill %1 %2 2>/dev/null
+kill "$manager" "$screen"
 wait
