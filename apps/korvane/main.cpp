@@ -94,8 +94,8 @@ int main(int count, char **words)
     TrayStatusItem status;
     ActivationListener activation;
     LinuxHotkeys hotkeys(mainLoop.executor(), system.pool.executor(), system.clock, environment, L10n::shown("Open Korvane"));
-    QtPreviewWindow preview(
-        mainLoop.executor(), system.pool.executor(), system.clock, appearance, companionPath(executablePath(), "korvane-preview"));
+    QtPreviewWindow preview(mainLoop.executor(), system.pool.executor(), system.clock, appearance,
+        companionPath(executablePath(), "korvane-preview"));
     Platform ports = system.ports(dialogs, pasteboard, true);
     ports.preview = &preview;
 

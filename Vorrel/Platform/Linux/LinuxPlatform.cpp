@@ -45,7 +45,8 @@ LinuxPlatform::LinuxPlatform(Executor mainThread, std::vector<std::string> given
     launcher({.pool = pool.executor(), .environment = variables, .activationToken = std::move(token)}),
     workspace(pool.executor(), launcher),
     system(pool.executor(), workspace, launcher, LinuxSystemControl::surroundingsOf(environment, folders)),
-    secrets(buses.session), loginItem(LinuxLoginItem::Places::from(environment, folders), companionPath(executablePath(), "korvane")),
+    secrets(buses.session),
+    loginItem(LinuxLoginItem::Places::from(environment, folders), companionPath(executablePath(), "korvane")),
     http(CurlHTTPClient::Settings::from(environment)), following(std::make_shared<Following>()),
     walker([following = following](const std::string &folder) { following->entered(folder); })
 {
