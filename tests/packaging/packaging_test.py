@@ -4,12 +4,16 @@ packaging_test.py BUILD-FOLDER VERSION: the folder holds bin/korvane and bin/kor
 """
 import os
 import pathlib
+import pty
 import re
+import select
 import shutil
+import signal
 import struct
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 import xml.etree.ElementTree
 
@@ -157,6 +161,35 @@ class Completions(unittest.TestCase):
         with tempfile.TemporaryDirectory() as home:
             lines = said("fish", "--no-config", "-c", script, env={**os.environ, "HOME": home}).splitlines()
         self.assertEqual({line.split("\t")[0] for line in lines}, set(commands()["index"]))
+
+
+    def test_of_zsh_offer_what_may_follow_a_command(self):
+        if not shutil.which("zsh"):
+            self.skipTest("zsh is not installed")
+        with tempfile.TemporaryDirectory() as home:
+            shutil.copy(PACKAGING / "completions/korvanectl.zsh", pathlib.Path(home, "_korvanectl"))
+            pathlib.Path(home, ".zshrc").write_text("fpath=(~ $fpath); autoload -U compinit; compinit -u; PS1='ready> '\n")
+            process, terminal = pty.fork()
+            if process == 0:
+                os.execvpe("zsh", ["zsh", "-d", "-i"], {"HOME": home, "PATH": os.environ["PATH"], "TERM": "dumb", "COLUMNS": "200"})
+            try:
+                self.read_until(terminal, "ready> ")
+                os.write(terminal, b"korvanectl index \t\t")
+                for task in sorted(commands()["index"]):
+                    self.read_until(terminal, f"{task} +-- ")
+            finally:
+                os.kill(process, signal.SIGKILL)
+                os.waitpid(process, 0)
+                os.close(terminal)
+
+    said_by_terminal = ""
+
+    def read_until(self, terminal, pattern):
+        deadline = time.monotonic() + 20
+        while not re.search(pattern, self.said_by_terminal):
+            ready = select.select([terminal], [], [], max(0, deadline - time.monotonic()))[0]
+            self.assertTrue(ready, f"no {pattern} in {self.said_by_terminal}")
+            self.said_by_terminal += os.read(terminal, 4096).decode(errors="replace")
 
 
 class Icons(unittest.TestCase):
