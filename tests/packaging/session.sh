@@ -42,7 +42,7 @@ printf '[Default Applications]\ntext/plain=harbour.desktop\n' >.config/mimeapps.
 # This window manager has Korvane's own key for its menu of windows.
 sed 's/key="A-space"/key="A-F12"/' /etc/xdg/openbox/rc.xml >.config/openbox/rc.xml
 
-Xvfb -displayfd 3 -screen 0 1280x800x24 -nolisten tcp -noreset 3>"$XDG_RUNTIME_DIR/display" 2>"$XDG_RUNTIME_DIR/x.log" &
+Xvfb -displayfd 3 -screen 0 1280x800x24 -nolisten tcp -noreset -fbdir "$XDG_RUNTIME_DIR" 3>"$XDG_RUNTIME_DIR/display" 2>"$XDG_RUNTIME_DIR/x.log" &
 screen=$!
 until_true 20 "The X server did not start." test -s "$XDG_RUNTIME_DIR/display"
 DISPLAY=:$(cat "$XDG_RUNTIME_DIR/display")
@@ -94,6 +94,7 @@ korvane 2>/dev/null
 until_true 10 "A second start did not show the palette." palette_has_the_keyboard
 xdotool type --delay 30 'tide table'
 sleep 2 # the quiet time after typing, and the answer of the index
+cp "$XDG_RUNTIME_DIR/Xvfb_screen0" "$HOME/palette.xwd"
 xdotool key Return
 until_true 10 "The palette did not open the file." grep -qxF "started $HOME/Documents/tide table.txt" started
 
