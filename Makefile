@@ -5,7 +5,9 @@ ROOT := $(dir $(abspath $(lastword $(MAKEFILE_LIST))))
 JOBS ?= $(shell nproc)
 export CTEST_PARALLEL_LEVEL ?= $(JOBS)
 
-.PHONY: build run test unit servers desktop pictures asan tsan fuzz bench lint format bootstrap clean
+PREFIX ?= /usr/local
+
+.PHONY: build run install package package-check test unit servers desktop pictures asan tsan fuzz bench lint format bootstrap clean
 
 ## The two programs, optimised: build/bin/korvane and build/bin/korvanectl
 build:
@@ -17,6 +19,19 @@ build:
 run: build
 	@$(ROOT)scripts/bootstrap run
 	@$(ROOT)scripts/run $(ROOT)build/bin
+
+## Installs the programs below PREFIX (/usr/local); DESTDIR is put before all paths
+install: build
+	@cd $(ROOT) && DESTDIR="$(DESTDIR)" cmake --install build/release --prefix "$(PREFIX)" >/dev/null
+
+## A Debian package and a tarball of the sources: build/package
+package: build
+	@$(ROOT)scripts/bootstrap package
+	@$(ROOT)scripts/package
+
+## Installs the package into a clean Debian, uses it there, removes it and looks for what it leaves
+package-check: package
+	@$(ROOT)scripts/package-check
 
 ## Everything that the suite holds
 test:
@@ -73,7 +88,7 @@ format:
 	@cd $(ROOT) && scripts/lint --format
 
 bootstrap:
-	@$(ROOT)scripts/bootstrap build run test
+	@$(ROOT)scripts/bootstrap build run test package
 
 clean:
 	@rm -rf $(ROOT)build

@@ -72,4 +72,9 @@ std::vector<std::string> processVariables();
 /// The path of the running program; empty when the system does not tell.
 std::string executablePath();
 
+/// Where another of our programs is, for the one at `executable`. What a program starts for work of its own is in
+/// "../libexec/korvane" once installed, so that nobody finds it among the commands; all else is beside `executable`, and
+/// so is everything in a build.
+std::string companionPath(const std::string &executable, const std::string &name);
+
 } // namespace korvane
