@@ -176,6 +176,7 @@ Task<void> StdioTransport::startOnStrand(Self self, MCPServerConfiguration confi
 Task<void> StdioTransport::readAll(Weak weak, std::shared_ptr<ServerProcess> process)
 {
     for (;;) {
+        co_await throwIfCancelled();
         const std::string bytes = co_await process->read();
         Self self = weak.lock();
         if (!self)

@@ -655,3 +655,38 @@ TEST_F(Transport, ATransportThatNobodyHoldsEndsItsServer)
     loop.runUntilIdle();
     EXPECT_THAT(server().steps(), ElementsAre("kill", "let go")) << "and the reader has gone with it";
 }
+
+namespace {
+
+/// A server that always has something to say.
+class EndlessServer final : public ServerProcess, public ServerLaunching {
+public:
+    Task<std::string> read() override { co_return "{\"jsonrpc\":\"2.0\",\"method\":\"notifications/message\"}\n"; }
+    void write(std::string, std::function<void()>) override { }
+    std::size_t unwritten() const override { return 0; }
+    void closeInput() override { running = false; }
+    bool isRunning() const override { return running; }
+    void terminate() override { }
+    void kill() override { }
+
+    bool isExecutable(const std::string &) const override { return true; }
+    std::shared_ptr<ServerProcess> launch(const Program &) override
+    {
+        return {this, [](auto *) {}};
+    }
+
+    bool running = true;
+};
+
+} // namespace
+
+TEST_F(Transport, AServerThatPrintsWithoutEndHoldsUpNobody)
+{
+    EndlessServer endless;
+    const auto flooded = std::make_shared<StdioTransport>(StdioTransport::Parts{loop.executor(), clock, endless, "/home/ada"});
+    await(loop, flooded->start(usable, {}));
+    Begun<JSONValue> asking(loop, flooded->request("a", params));
+    await(loop, flooded->close());
+    EXPECT_EQ(outcomeOf(std::move(asking)), disconnected);
+    loop.runUntilIdle(); // it comes to rest: the reader has gone
+}
