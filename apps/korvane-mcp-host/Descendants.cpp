@@ -83,12 +83,11 @@ std::vector<Process> descendants()
 void send(const Process &process, int signal)
 {
     const int handle = int(::syscall(SYS_pidfd_open, process.id, 0));
-    if (handle < 0 && errno == ENOSYS) {
-        ::kill(process.id, signal);
+    if (handle < 0) {
+        if (errno != ESRCH) // an old kernel, or a sandbox that does not know the call
+            ::kill(process.id, signal);
         return;
     }
-    if (handle < 0)
-        return;
     // The handle holds on to whoever has the number now: looked at through it, that cannot change any more.
     Process now;
     if (look(process.id, now) && now.isSame(process))
