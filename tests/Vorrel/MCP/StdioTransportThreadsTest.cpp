@@ -18,7 +18,7 @@ struct Threads : testing::Test {
     {
         servers.hear = [](HeadlessServer &server, const std::string &line) {
             const auto message = JSONValue::parse(line);
-            if (message["id"].isNull() || message.text("method") == "wait")
+            if (message["id"].isNull() || message["method"].isNull() || message.text("method") == "wait")
                 return;
             const JSONValue reply = JSONValue::Object{{"jsonrpc", "2.0"}, {"id", message["id"]}, {"result", message["params"]}};
             server.say(reply.encodedString());
