@@ -5,7 +5,9 @@ ROOT := $(dir $(abspath $(lastword $(MAKEFILE_LIST))))
 JOBS ?= $(shell nproc)
 export CTEST_PARALLEL_LEVEL ?= $(JOBS)
 
-.PHONY: build run test unit desktop pictures asan tsan fuzz bench lint format bootstrap clean
+PREFIX ?= /usr/local
+
+.PHONY: build run install package package-check test unit servers desktop pictures asan tsan fuzz bench lint format bootstrap clean
 
 ## The two programs, optimised: build/bin/korvane and build/bin/korvanectl
 build:
@@ -18,6 +20,19 @@ run: build
 	@$(ROOT)scripts/bootstrap run
 	@$(ROOT)scripts/run $(ROOT)build/bin
 
+## Installs the programs below PREFIX (/usr/local); DESTDIR is put before all paths
+install: build
+	@cd $(ROOT) && DESTDIR="$(DESTDIR)" cmake --install build/release --prefix "$(PREFIX)" >/dev/null
+
+## A Debian package and a tarball of the sources: build/package
+package: build
+	@$(ROOT)scripts/bootstrap package
+	@$(ROOT)scripts/package
+
+## Installs the package into a clean Debian, uses it there, removes it and looks for what it leaves
+package-check: package
+	@$(ROOT)scripts/package-check
+
 ## Everything that the suite holds
 test:
 	@$(ROOT)scripts/bootstrap test
@@ -29,6 +44,11 @@ test:
 unit:
 	@$(ROOT)scripts/bootstrap test
 	@cd $(ROOT) && cmake --preset dev >/dev/null && cmake --build --preset dev -j $(JOBS) --target headless_tests && ctest --preset dev -LE 'desktop|slow'
+
+## Works with MCP servers that others have written, installed from npm into build/servers
+servers:
+	@$(ROOT)scripts/bootstrap test servers
+	@cd $(ROOT) && cmake --preset release >/dev/null && cmake --build --preset release -j $(JOBS) --target reference_server_tests && scripts/servers
 
 ## The real program and the real adapters under a private X server
 desktop:
@@ -68,7 +88,7 @@ format:
 	@cd $(ROOT) && scripts/lint --format
 
 bootstrap:
-	@$(ROOT)scripts/bootstrap build run test
+	@$(ROOT)scripts/bootstrap build run test package
 
 clean:
 	@rm -rf $(ROOT)build

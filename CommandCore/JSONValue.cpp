@@ -369,6 +369,15 @@ const JSONValue &JSONValue::operator[](std::string_view key) const
     return found == members->end() ? null : found->second;
 }
 
+JSONValue JSONValue::take(std::string_view key)
+{
+    auto *members = std::get_if<Object>(&value);
+    if (!members)
+        return {};
+    const auto found = members->find(key);
+    return found == members->end() ? JSONValue() : std::exchange(found->second, {});
+}
+
 const std::string &JSONValue::text(std::string_view key) const
 {
     if (const auto *text = (*this)[key].string())

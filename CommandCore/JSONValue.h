@@ -55,6 +55,8 @@ public:
 
     /// The member of an object; null when it is missing or this is no object.
     const JSONValue &operator[](std::string_view key) const;
+    /// Moves the member of an object out and leaves null in its place; null when it is missing or this is no object.
+    JSONValue take(std::string_view key);
 
     /// The text of a member that must be there. Throws `JSONError` when it is missing or no text.
     const std::string &text(std::string_view key) const;

@@ -158,7 +158,7 @@ void spawnDetached(Executor executor, Task<void> task);
 /// Puts `work` at the end of the executor's queue. Any thread.
 void runLater(const Executor &executor, std::function<void()> work);
 
-/// Wakes everyone who waits for one event. Main thread only; once fired it stays so.
+/// Wakes everyone who waits for one event. Used on one executor, the main thread's or an actor's; once fired it stays so.
 class AsyncEvent {
 public:
     Task<void> wait();

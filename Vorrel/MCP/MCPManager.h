@@ -10,14 +10,19 @@
 #include "Vorrel/Store/Database.h"
 
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
+#include <string>
+#include <vector>
 
 namespace korvane {
 
 /// The user's MCP servers: stores their configurations, connects them when asked to and puts the tools of those that are
 /// connected into the registry. Nothing connects by itself. Of secrets only the names of their accounts are stored. Main thread
-/// only.
+/// only; outlives its operations.
+///
+/// The end of a server is noticed by what it is asked next: until then its tools and its status stay as they are.
 class MCPManager {
 public:
     static constexpr std::size_t mostTools = 500; ///< Of one server.
@@ -48,7 +53,8 @@ public:
     Task<void> connect(MCPServerConfiguration configuration);
     /// Takes the server's tools away and ends it with all that it started. Does not throw.
     Task<void> disconnect(MCPServerConfiguration configuration);
-    /// Disconnects every server and returns when none runs any more. Does not throw.
+    /// Disconnects every server, one after the other, and returns when none runs any more, also of those that were still being
+    /// connected. Does not throw.
     Task<void> stop();
 
     const std::vector<MCPServerConfiguration> &configurations() const { return _configurations; }
@@ -58,6 +64,37 @@ public:
     // Observed
     Observed<std::vector<MCPServerConfiguration>> _configurations;
     Observed<std::map<std::string, std::string>> _status;
+
+private:
+    using Transport = std::shared_ptr<StdioTransport>;
+    using Tools = std::vector<MCPToolDescription>;
+    class Connecting;
+
+    Task<void> disconnectServer(std::string id);
+    Transport cutOff(const std::string &id);
+    Task<void> end(Transport transport);
+
+    // The steps of `connect`
+    Task<void> establish(MCPServerConfiguration configuration, std::string session, Transport transport);
+    Transport newTransport();
+    Task<MCPServerConfiguration::Texts> readSecrets(MCPServerConfiguration::Texts accounts);
+    Task<void> initialize(Transport transport);
+    Task<Tools> discover(Transport transport);
+    Task<MCPToolList> page(Transport transport, std::optional<std::string> cursor);
+    void registerTools(const std::string &id, const Tools &tools, const Transport &transport);
+    void requireCurrent(const std::string &id, const std::string &session) const;
+
+    bool isStored(const std::string &id) const;
+    void setStatus(const std::string &id, std::string status);
+    void clearStatus(const std::string &id);
+
+    const Parts parts;
+    MainThreadOnly confined;
+    std::map<std::string, Transport> _transports; ///< Of the servers that are connected, by identifier.
+    /// The last attempt to connect each server that was not disconnected since: one that is not here any more is stale.
+    std::map<std::string, std::string> _sessions;
+    std::shared_ptr<std::set<std::string>> _connecting = std::make_shared<std::set<std::string>>();
+    std::set<Transport> open; ///< All that were made and have not come to the end of their `close`.
 };
 
 } // namespace korvane

@@ -2,11 +2,16 @@
 
 #include "CommandCore/MCP.h"
 #include "Support/Clock.h"
+#include "Vorrel/MCP/LineBuffer.h"
 #include "Vorrel/MCP/MCPTransport.h"
 #include "Vorrel/Platform/ServerLaunching.h"
-#include "Vorrel/Platform/UserFolders.h"
 
+#include <cstdint>
 #include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
 
 namespace korvane {
 
@@ -17,7 +22,7 @@ class StdioTransport final : public MCPTransport, public std::enable_shared_from
 public:
     static constexpr Milliseconds replyTimeout{20'000};
     static constexpr Milliseconds closeStep{300}; ///< Between the steps of `close`.
-    static constexpr std::size_t largestLine = 8'000'000; ///< Bytes received without a complete line.
+    static constexpr std::size_t largestLine = 8'000'000; ///< Bytes of a line received, its line feed included.
     static constexpr std::size_t largestMessage = 999'999; ///< Bytes of a message sent, without its line feed.
     static constexpr std::size_t mostUnwritten = 8'000'000; ///< Bytes that a server may leave unread before it is closed.
 
@@ -31,8 +36,9 @@ public:
     ~StdioTransport() override;
 
     /// Starts the server with a clean environment and the secrets (variable to value) laid over it. Throws `configuration`
-    /// for a transport other than `stdio` and for a command that is no absolute path of an executable, and the system's error
-    /// when it could not be started.
+    /// for a transport other than `stdio`, for a command that is no absolute path of an executable and for texts that no
+    /// program can be given; the system's error when it could not be started; and `mcp` "The MCP connection is closed." when
+    /// it was closed before or meanwhile.
     Task<void> start(MCPServerConfiguration configuration, MCPServerConfiguration::Texts secrets);
     /// Throws `mcp`: "The MCP server is disconnected.", "The MCP connection is closed.", "The MCP request exceeds the size
     /// limit.", "The MCP server timed out." (20 seconds), "The MCP server rejected the request.", "The MCP server disconnected.";
@@ -44,6 +50,55 @@ public:
     /// seconds apart. Returns when nothing of it runs any more, or signal 9 has been sent. Any number of times; goes through also
     /// when the caller is cancelled.
     Task<void> close();
+
+private:
+    using Self = std::shared_ptr<StdioTransport>;
+    using Weak = std::weak_ptr<StdioTransport>;
+    using Texts = MCPServerConfiguration::Texts;
+    using Closers = std::vector<Continuation<void>>; ///< Those who wait for the end of `close`.
+    enum class Cancelling { tellsServer, isSilent }; ///< The protocol forbids to cancel "initialize".
+
+    // Operations on the strand
+    Task<void> startOnStrand(Self self, MCPServerConfiguration configuration, Texts secrets);
+    Task<JSONValue> requestOnStrand(Self self, std::string method, JSONValue params);
+    Task<void> notifyOnStrand(Self self, std::string method, JSONValue params);
+    Task<void> closeOnStrand(Self self);
+
+    // Tasks of the strand
+    static Task<void> expireLater(Weak weak, Clock &clock, std::int64_t id, Cancelling cancelling);
+    static Task<void> readAll(Weak weak, std::shared_ptr<ServerProcess> process);
+    static Task<void> finishClosing(Self self, std::shared_ptr<Closers> closers);
+    static Task<void> endServer(Clock &clock, std::shared_ptr<ServerProcess> process);
+
+    // Steps on the strand
+    void send(const JSONValue &message);
+    void sendIfPossible(const JSONValue &message);
+    void write(std::string line);
+    void expect(std::int64_t id, Cancelling cancelling, Continuation<JSONValue> reply);
+    void expire(std::int64_t id, Cancelling cancelling);
+    void cancel(std::int64_t id, Cancelling cancelling);
+    std::optional<Continuation<JSONValue>> forget(std::int64_t id);
+    void receive(std::string_view bytes);
+    bool handle(std::string_view line);
+    void beginClosing();
+    void failPending();
+
+    // Fixed after construction
+    const Parts parts;
+    Actor actor;
+    Actor launcher; ///< Waits for the disk and for the system, which the strand must not.
+
+    // On the strand only
+    std::shared_ptr<ServerProcess> process; ///< From the start to the end of `close`.
+    std::int64_t sequence = 0; ///< The last number given to a request.
+    std::map<std::int64_t, Continuation<JSONValue>> pending;
+    std::map<std::int64_t, TaskHandle> timeouts; ///< Of those in `pending`.
+    TaskHandle reader;
+    LineBuffer buffer{largestLine};
+    bool launching = false;
+    bool closed = false; ///< Set by the beginning of `close`.
+    /// Owned by what comes to the end: a transport that owned them would be kept alive by those who wait for it.
+    std::weak_ptr<Closers> closers;
 };
 
 } // namespace korvane

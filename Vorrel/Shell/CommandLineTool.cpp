@@ -49,9 +49,16 @@ constexpr std::string_view usage = R"(Usage: korvanectl COMMAND [ARGUMENTS] [--j
   agents list               the saved Agents: identifier, name, model
   agents save FILE          saves the Agent that FILE describes in JSON
   skills scan               skills that an Agent may be given: name, path, description
-  ask TEXT [--agent NAME] [--allow TOOL]…
+  ask TEXT [--agent NAME] [--connect ID]… [--allow NAME]…
                             a model's answer, once AI requests are turned on; it may call
-                            tools, and each that changes something asks unless it is allowed
+                            tools, also those of the MCP servers that are connected for it;
+                            each tool that changes something, and each server (as mcp.ID),
+                            asks unless it is allowed
+  mcp add FILE              saves the MCP server that FILE describes in JSON
+  mcp list                  the saved servers: identifier, name, executable
+  mcp remove ID             forgets one
+  mcp tools ID              starts it (asks) and prints what it offers, as JSON
+  mcp call ID TOOL JSON     starts it (asks), calls a tool and prints its reply, as JSON
   diagnostics               versions, the index, errors and search times, of this command alone
   settings get [KEY]        the settings as JSON values
   settings set KEY VALUE    changes one, while Korvane does not run
@@ -68,7 +75,7 @@ Exit status: 0 done, 1 no or failed (one sentence on standard error), 2 wrong us
 constexpr Milliseconds writeWait{30'000};
 constexpr std::size_t longestSecret = 65'536; // bytes
 constexpr long long filesLimit = 100; // what a search gives
-constexpr std::size_t largestAgent = 4U << 20; // bytes of a file; far more than an Agent may have
+constexpr std::size_t largestDescription = 4U << 20; // bytes of a file; far more than an Agent or a server has
 constexpr double secondsBetweenProgress = 0.2;
 constexpr std::string_view agentPrefix = "agent:";
 constexpr const char *cancelled = "The operation was cancelled.";
@@ -121,7 +128,7 @@ SearchCategory categoryNamed(const std::string &name)
 
 bool takesValue(const std::string &option)
 {
-    constexpr std::string_view all[] = {"--category", "--in", "--limit", "--agent", "--allow"};
+    constexpr std::string_view all[] = {"--category", "--in", "--limit", "--agent", "--allow", "--connect"};
     return std::ranges::find(all, option) != std::end(all);
 }
 
@@ -150,11 +157,13 @@ public:
     const std::string sentence;
 };
 
-/// Of an option that is given more than once the last counts, but tools are allowed one by one.
+/// Of an option that is given more than once the last counts, but tools are allowed and servers connected one by one.
 void CommandLineTool::Line::give(const std::string &option, std::string value)
 {
     if (option == "--allow")
         allowed.insert(value);
+    if (option == "--connect")
+        connected.push_back(value);
     values.insert_or_assign(option, std::move(value));
 }
 
@@ -235,7 +244,8 @@ int CommandLineTool::dispatch(const Line &line)
         {"secret", 2, 2, {}, &CommandLineTool::secret},
         {"agents", 1, 2, {}, &CommandLineTool::agents},
         {"skills", 1, 1, {}, &CommandLineTool::skills},
-        {"ask", 1, 1, {"--agent", "--allow"}, &CommandLineTool::ask},
+        {"ask", 1, 1, {"--agent", "--allow", "--connect"}, &CommandLineTool::ask},
+        {"mcp", 1, 4, {}, &CommandLineTool::mcp},
         {"diagnostics", 0, 0, {}, &CommandLineTool::diagnostics},
         {"settings", 1, 3, {}, &CommandLineTool::settings},
     };
@@ -506,7 +516,7 @@ int CommandLineTool::listAgents(const Line &line)
 
 int CommandLineTool::saveAgent(const std::string &path)
 {
-    const auto text = beginningOf(path, largestAgent);
+    const auto text = beginningOf(path, largestDescription);
     if (!text)
         throw Refusal{"The file " + path + " could not be read."};
     Agent agent;
@@ -548,7 +558,7 @@ int CommandLineTool::skills(const Line &line)
 int CommandLineTool::ask(const Line &line)
 {
     if (line.yes)
-        throw UsageError("Each tool is allowed by its own name, with --allow.");
+        throw UsageError("Each tool and each server is allowed by its own name, with --allow.");
     if (trimmed(line.words[1]).empty())
         throw UsageError("The request is empty.");
     const auto services = wait(openServices(Use::Write));
@@ -560,8 +570,10 @@ int CommandLineTool::ask(const Line &line)
     wait(state->start());
     if (state->error())
         throw Refusal{*state->error()};
-    openAssistant(*state, line);
-    answer(*state, line.words[1]);
+    withServers(*services, serversFor(*services, line), [&] {
+        openAssistant(*state, line);
+        answer(*state, line.words[1]);
+    });
     const std::string &text = state->aiOutput();
     const JSONValue::Array json{JSONValue::Object{{"answer", text}}};
     host.out((line.json ? JSONValue(json).encodedString() : withoutControls(text)) + "\n");
@@ -607,6 +619,154 @@ void CommandLineTool::answer(PaletteState &state, const std::string &text)
     if (stopped)
         throw Refusal{cancelled};
 }
+
+// MCP servers
+
+int CommandLineTool::mcp(const Line &line)
+{
+    const std::string &what = line.words[1];
+    const std::size_t arguments = line.words.size() - 2;
+    if (what == "add" && arguments == 1)
+        return addServer(absolute(line.words[2]));
+    if (what == "list" && arguments == 0)
+        return listServers(line);
+    if (what == "remove" && arguments == 1)
+        return removeServer(line.words[2]);
+    if (what == "tools" && arguments == 1)
+        return listTools(line.words[2]);
+    if (what == "call" && arguments == 3)
+        return callTool(line.words[2], line.words[3], line.words[4]);
+    throw UsageError("These are not the arguments of mcp.");
+}
+
+int CommandLineTool::addServer(const std::string &path)
+{
+    const auto text = beginningOf(path, largestDescription);
+    if (!text)
+        throw Refusal{"The file " + path + " could not be read."};
+    MCPServerConfiguration server;
+    try {
+        server = MCPServerConfiguration::fromJSON(JSONValue::parse(*text));
+    } catch (const JSONError &) {
+        throw Refusal{"The file " + path + " describes no MCP server."};
+    }
+    const auto services = wait(openServices(Use::Write));
+    wait(services->mcp().load());
+    wait(services->mcp().add(std::move(server)));
+    wait(services->database->close());
+    return 0;
+}
+
+int CommandLineTool::listServers(const Line &line)
+{
+    const auto services = wait(openServices(Use::Read));
+    wait(services->mcp().load());
+    Table table;
+    for (const MCPServerConfiguration &server : services->mcp().configurations()) {
+        table.plain.push_back({server.id, server.name, server.command});
+        table.json.push_back(server.json());
+    }
+    print(table, line.json);
+    return 0;
+}
+
+int CommandLineTool::removeServer(const std::string &id)
+{
+    const auto services = wait(openServices(Use::Write));
+    wait(services->mcp().load());
+    wait(services->mcp().remove(serverNamed(*services, id)));
+    wait(services->database->close());
+    return 0;
+}
+
+MCPServerConfiguration CommandLineTool::serverNamed(AppServices &services, const std::string &id)
+{
+    const auto &servers = services.mcp().configurations();
+    const auto found = std::ranges::find(servers, id, &MCPServerConfiguration::id);
+    if (found == servers.end())
+        throw Refusal{"There is no MCP server with the identifier " + id + "."};
+    return *found;
+}
+
+namespace {
+
+/// What the names of all tools of a server begin with; without the dot it stands for the server itself.
+std::string prefixOf(const MCPServerConfiguration &server) { return "mcp." + server.id + "."; }
+
+} // namespace
+
+/// Connects servers for the time of `work`, whatever comes of it. The user has consented.
+void CommandLineTool::withServers(
+    AppServices &services, const std::vector<MCPServerConfiguration> &servers, const std::function<void()> &work)
+{
+    std::exception_ptr failure;
+    try {
+        for (const MCPServerConfiguration &server : servers)
+            waitInterruptibly(services.mcp().connect(server));
+        work();
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    for (const MCPServerConfiguration &server : servers)
+        wait(services.mcp().disconnect(server));
+    if (failure)
+        std::rethrow_exception(failure);
+}
+
+int CommandLineTool::listTools(const std::string &id)
+{
+    const auto services = wait(openServices(Use::Read));
+    wait(services->mcp().load());
+    const MCPServerConfiguration server = serverNamed(*services, id);
+    wait(MCPManager::confirm(services->permissions, server));
+    JSONValue::Array tools;
+    withServers(*services, {server}, [&] {
+        for (const ToolDefinition &tool : services->tools().definitions()) {
+            tools.emplace_back(JSONValue::Object{{"name", tool.name.substr(prefixOf(server).size())},
+                {"description", tool.description}, {"inputSchema", tool.inputSchema}});
+        }
+    });
+    host.out(JSONValue(std::move(tools)).encodedString() + "\n");
+    return 0;
+}
+
+int CommandLineTool::callTool(const std::string &id, const std::string &tool, const std::string &input)
+{
+    JSONValue arguments;
+    try {
+        arguments = JSONValue::parse(input);
+    } catch (const JSONError &) {
+        throw UsageError("The input of a tool is JSON.");
+    }
+    const auto services = wait(openServices(Use::Read));
+    wait(services->mcp().load());
+    const MCPServerConfiguration server = serverNamed(*services, id);
+    wait(MCPManager::confirm(services->permissions, server));
+    const std::string name = prefixOf(server) + tool;
+    services->allowedTools = {name}; // who names the tool and starts its server has consented to the call
+    std::string reply;
+    withServers(*services, {server},
+        [&] { reply = waitInterruptibly(services->tools().call(name, std::move(arguments))).value.encodedString(); });
+    host.out(reply + "\n");
+    return 0;
+}
+
+/// The servers that a request may use, each with the user's consent. None while requests are turned off: then the request
+/// says so.
+std::vector<MCPServerConfiguration> CommandLineTool::serversFor(AppServices &services, const Line &line)
+{
+    std::vector<MCPServerConfiguration> servers;
+    for (const std::string &id : line.connected)
+        servers.push_back(serverNamed(services, id));
+    if (!services.preferences().preferences->aiEnabled)
+        return {};
+    for (const MCPServerConfiguration &server : servers)
+        if (!line.allowed.contains("mcp." + server.id))
+            wait(MCPManager::confirm(services.permissions, server));
+    return servers;
+}
+
+// Diagnostics
 
 int CommandLineTool::diagnostics(const Line &line)
 {
@@ -904,33 +1064,70 @@ Task<std::shared_ptr<AppServices>> CommandLineTool::openServices(Use use)
     co_return co_await AppServices::createForReading(host.platform);
 }
 
-template <class T> T CommandLineTool::wait(Task<T> task)
-{
+/// A task that runs and what comes of it.
+template <class T> class CommandLineTool::Waiting {
     using Value = std::conditional_t<std::is_void_v<T>, std::monostate, T>;
+
+public:
+    Waiting(MainLoop &loop, Task<T> task) : loop(loop), handle(spawn(loop.executor(), keep(std::move(task), outcome))) { }
+
+    void cancel() { handle.cancel(); }
+    T result()
+    {
+        loop.runUntil([this] { return outcome->value || outcome->error; });
+        if (outcome->error)
+            std::rethrow_exception(outcome->error);
+        if constexpr (!std::is_void_v<T>)
+            return std::move(*outcome->value);
+    }
+
+private:
     struct Outcome {
         std::optional<Value> value;
         std::exception_ptr error;
-        static Task<void> keep(Task<T> task, std::shared_ptr<Outcome> outcome)
-        {
-            try {
-                if constexpr (std::is_void_v<T>) {
-                    co_await std::move(task);
-                    outcome->value.emplace();
-                } else {
-                    outcome->value.emplace(co_await std::move(task));
-                }
-            } catch (...) {
-                outcome->error = std::current_exception();
-            }
-        }
     };
-    const auto outcome = std::make_shared<Outcome>();
-    const TaskHandle handle = spawn(host.loop.executor(), Outcome::keep(std::move(task), outcome));
-    host.loop.runUntil([&] { return outcome->value || outcome->error; });
-    if (outcome->error)
-        std::rethrow_exception(outcome->error);
-    if constexpr (!std::is_void_v<T>)
-        return std::move(*outcome->value);
+
+    static Task<void> keep(Task<T> task, std::shared_ptr<Outcome> outcome)
+    {
+        try {
+            if constexpr (std::is_void_v<T>) {
+                co_await std::move(task);
+                outcome->value.emplace();
+            } else {
+                outcome->value.emplace(co_await std::move(task));
+            }
+        } catch (...) {
+            outcome->error = std::current_exception();
+        }
+    }
+
+    MainLoop &loop;
+    const std::shared_ptr<Outcome> outcome = std::make_shared<Outcome>();
+    TaskHandle handle;
+};
+
+template <class T> T CommandLineTool::wait(Task<T> task) { return Waiting<T>(host.loop, std::move(task)).result(); }
+
+/// Like `wait`, but the user can cancel the task.
+template <class T> T CommandLineTool::waitInterruptibly(Task<T> task)
+{
+    struct Listening {
+        ~Listening()
+        {
+            if (onInterrupt)
+                onInterrupt(nullptr);
+        }
+        const std::function<void(std::function<void()>)> &onInterrupt;
+    };
+    Waiting<T> waiting(host.loop, std::move(task));
+    const Listening listening{host.onInterrupt};
+    if (host.onInterrupt)
+        host.onInterrupt([&waiting] { waiting.cancel(); });
+    try {
+        return waiting.result();
+    } catch (const Cancelled &) {
+        throw Refusal{cancelled};
+    }
 }
 
 } // namespace korvane

@@ -42,7 +42,8 @@ private:
     struct Line {
         std::vector<std::string> words;
         std::map<std::string, std::string, std::less<>> values; ///< Options that have a value, by their name.
-        std::set<std::string> allowed; ///< Names of tools.
+        std::set<std::string> allowed; ///< Names of tools and of servers.
+        std::vector<std::string> connected; ///< Identifiers of servers.
         bool json = false, yes = false, help = false, version = false;
         void give(const std::string &option, std::string value);
     };
@@ -71,11 +72,23 @@ private:
     int skills(const Line &line);
     int ask(const Line &line);
     int diagnostics(const Line &line);
+    int mcp(const Line &line);
     int settings(const Line &line);
 
     // Requests to a model
     void openAssistant(PaletteState &state, const Line &line);
     void answer(PaletteState &state, const std::string &text);
+
+    // MCP servers
+    int addServer(const std::string &path);
+    int listServers(const Line &line);
+    int removeServer(const std::string &id);
+    int listTools(const std::string &id);
+    int callTool(const std::string &id, const std::string &tool, const std::string &input);
+    MCPServerConfiguration serverNamed(AppServices &services, const std::string &id);
+    std::vector<MCPServerConfiguration> serversFor(AppServices &services, const Line &line);
+    void withServers(
+        AppServices &services, const std::vector<MCPServerConfiguration> &servers, const std::function<void()> &work);
 
     // Settings
     int showSettings(const Line &line);
@@ -107,6 +120,8 @@ private:
     Task<std::shared_ptr<AppServices>> openServices(Use use);
     Row rowFor(PaletteState &state, const std::string &id) const;
     template <class T> T wait(Task<T> task);
+    template <class T> T waitInterruptibly(Task<T> task);
+    template <class T> class Waiting;
 
     Host host;
 };

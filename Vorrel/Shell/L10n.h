@@ -18,7 +18,7 @@ public:
     struct Places {
         std::string resources; ///< Folder of the installed program's resources.
         std::string beside; ///< Folder of the running program.
-        std::string fixedAtBuild; ///< Folder of the source tree's resources.
+        std::string fixedAtBuild; ///< Folder that an installation without further wishes puts them in.
         std::vector<std::string> languages; ///< The user's preferred languages, the first one first.
         std::string platform; ///< Name of the platform's own table of words, such as "linux".
     };

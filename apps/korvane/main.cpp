@@ -3,6 +3,7 @@
 #include "Vorrel/Platform/Linux/LinuxHotkeys.h"
 #include "Vorrel/Platform/Linux/LinuxPlatform.h"
 #include "Vorrel/Shell/KorvaneApp.h"
+#include "Vorrel/Shell/ProgramHelp.h"
 #include "Vorrel/Views/ActivationListener.h"
 #include "Vorrel/Views/Appearance.h"
 #include "Vorrel/Views/KeyEvents.h"
@@ -22,7 +23,6 @@
 
 #include <csignal>
 #include <cstdio>
-#include <filesystem>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -58,6 +58,10 @@ bool hasDisplay(const Environment &environment)
 int main(int count, char **words)
 {
     const std::vector<std::string> arguments(words + std::min(count, 1), words + count);
+    if (const auto answer = answerInsteadOfStarting(arguments)) {
+        std::fputs(answer->c_str(), stdout);
+        return 0;
+    }
     const std::vector<std::string> variables = processVariables();
     const Environment environment = variablesOf(variables);
 
@@ -91,7 +95,7 @@ int main(int count, char **words)
     ActivationListener activation;
     LinuxHotkeys hotkeys(mainLoop.executor(), system.pool.executor(), system.clock, environment, L10n::shown("Open Korvane"));
     QtPreviewWindow preview(mainLoop.executor(), system.pool.executor(), system.clock, appearance,
-        std::filesystem::path(executablePath()).parent_path() / "korvane-preview");
+        companionPath(executablePath(), "korvane-preview"));
     Platform ports = system.ports(dialogs, pasteboard, true);
     ports.preview = &preview;
 

@@ -4,6 +4,7 @@
 #include "Vorrel/Platform/Headless/HeadlessApplications.h"
 #include "Vorrel/Platform/Headless/HeadlessPreviewWindow.h"
 #include "Vorrel/Platform/Headless/HeadlessSecretStore.h"
+#include "Vorrel/Platform/Headless/HeadlessServers.h"
 #include "Vorrel/Platform/Headless/HeadlessSystem.h"
 #include "Vorrel/Platform/Platform.h"
 #include "Vorrel/Shell/DiagnosticsService.h"
@@ -31,7 +32,8 @@ struct HeadlessDesktop {
             .pasteboard = pasteboard,
             .preview = &preview,
             .secrets = &secrets,
-            .loginItem = &loginItem};
+            .loginItem = &loginItem,
+            .servers = &servers};
     }
 
     MainLoop loop;
@@ -47,6 +49,7 @@ struct HeadlessDesktop {
     HeadlessPreviewWindow preview;
     HeadlessSecretStore secrets;
     HeadlessLoginItem loginItem;
+    HeadlessServers servers;
 };
 
 /// What a report of this desktop is made with.

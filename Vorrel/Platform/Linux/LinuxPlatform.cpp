@@ -14,9 +14,6 @@ namespace {
 // The store's two connections, a scan and a request to the system can all block at once.
 constexpr std::size_t poolThreads = 4;
 
-/// A program that is installed with this one.
-std::string besideUs(const char *program) { return std::filesystem::path(executablePath()).parent_path() / program; }
-
 } // namespace
 
 /// Lets walks tell the watch of the folders that they enter, for as long as there is one.
@@ -48,8 +45,10 @@ LinuxPlatform::LinuxPlatform(Executor mainThread, std::vector<std::string> given
     launcher({.pool = pool.executor(), .environment = variables, .activationToken = std::move(token)}),
     workspace(pool.executor(), launcher),
     system(pool.executor(), workspace, launcher, LinuxSystemControl::surroundingsOf(environment, folders)),
-    secrets(buses.session), loginItem(LinuxLoginItem::Places::from(environment, folders), besideUs("korvane")),
-    http(CurlHTTPClient::Settings::from(environment)), following(std::make_shared<Following>()),
+    secrets(buses.session),
+    loginItem(LinuxLoginItem::Places::from(environment, folders), companionPath(executablePath(), "korvane")),
+    http(CurlHTTPClient::Settings::from(environment)), servers(companionPath(executablePath(), "korvane-mcp-host")),
+    following(std::make_shared<Following>()),
     walker([following = following](const std::string &folder) { following->entered(folder); })
 {
 }
@@ -101,9 +100,10 @@ Platform LinuxPlatform::ports(Dialogs &dialogs, Pasteboard &pasteboard, bool wat
         .secrets = &secrets,
         .http = &http,
         .loginItem = &loginItem,
+        .servers = &servers,
         .facts = [environment = environment] { return linuxSystemFacts(environment); },
         .environment = variables,
-        .shortcutsTool = ShortcutsTool{besideUs("korvane-shortcuts"), variables}};
+        .shortcutsTool = ShortcutsTool{companionPath(executablePath(), "korvane-shortcuts"), variables}};
 }
 
 L10n::Places LinuxPlatform::textPlaces(const std::string &executable) const
@@ -111,7 +111,7 @@ L10n::Places LinuxPlatform::textPlaces(const std::string &executable) const
     const std::filesystem::path folder = std::filesystem::path(executable).parent_path();
     return {.resources = (folder.parent_path() / "share/korvane").string(),
         .beside = folder.string(),
-        .fixedAtBuild = KORVANE_BUILD_RESOURCES,
+        .fixedAtBuild = KORVANE_FIXED_RESOURCES,
         .languages = linuxLanguages(environment),
         .platform = "linux"};
 }
@@ -128,6 +128,14 @@ std::string executablePath()
 {
     std::error_code failure;
     return std::filesystem::read_symlink("/proc/self/exe", failure).string();
+}
+
+std::string companionPath(const std::string &executable, const std::string &name)
+{
+    const std::filesystem::path folder = std::filesystem::path(executable).parent_path();
+    const std::filesystem::path installed = folder.parent_path() / "libexec/korvane" / name;
+    std::error_code failure;
+    return (std::filesystem::exists(installed, failure) ? installed : folder / name).string();
 }
 
 } // namespace korvane

@@ -12,6 +12,7 @@
 #include "Vorrel/Platform/Linux/LinuxLoginItem.h"
 #include "Vorrel/Platform/Linux/LinuxPasteboardWatching.h"
 #include "Vorrel/Platform/Linux/LinuxSecretStore.h"
+#include "Vorrel/Platform/Linux/LinuxServerLaunching.h"
 #include "Vorrel/Platform/Linux/LinuxSystemControl.h"
 #include "Vorrel/Platform/Linux/LinuxWorkspace.h"
 #include "Vorrel/Platform/Platform.h"
@@ -56,6 +57,7 @@ private:
     LinuxSecretStore secrets;
     LinuxLoginItem loginItem;
     CurlHTTPClient http;
+    LinuxServerLaunching servers;
     std::unique_ptr<FolderMonitor> watcher;
     std::unique_ptr<LinuxPasteboardWatching> clipboard;
     std::shared_ptr<Following> following; ///< Shared with walks, which may hang in the system longer than this lives.
@@ -69,5 +71,10 @@ std::vector<std::string> processVariables();
 
 /// The path of the running program; empty when the system does not tell.
 std::string executablePath();
+
+/// Where another of our programs is, for the one at `executable`. What a program starts for work of its own is in
+/// "../libexec/korvane" once installed, so that nobody finds it among the commands; all else is beside `executable`, and
+/// so is everything in a build.
+std::string companionPath(const std::string &executable, const std::string &name);
 
 } // namespace korvane

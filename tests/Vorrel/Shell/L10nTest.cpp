@@ -607,6 +607,9 @@ TEST(L10nTables, NoKeyStandsTwice)
 TEST(L10nTables, TheLinuxTableRewordsExactlyWhatWouldMislead)
 {
     const Texts reworded{
+        "A required MCP credential is missing from Keychain.",
+        "Plaintext environment values are not stored. Use secretEnvironment with Keychain account references.",
+        "Select an absolute path to an executable, such as /opt/homebrew/bin/node.",
         "A previous file access check is still waiting for macOS. Respond to its permission prompt before retrying.",
         "Choose a shortcut with Command, Option or Control.",
         "Choose an installed application bundle.",

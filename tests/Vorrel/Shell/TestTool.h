@@ -16,10 +16,15 @@ namespace korvane::test {
 
 /// Dialogs as the terminal's: yes or no, by the command line.
 struct ConsentingDialogs final : Dialogs {
-    Task<bool> confirm(std::string, std::string) override { co_return yes; }
+    Task<bool> confirm(std::string title, std::string detail) override
+    {
+        asked.push_back(title + "\n" + detail);
+        co_return yes;
+    }
     Task<void> failure(std::string, std::string) override { co_return; }
     Task<std::optional<std::vector<std::string>>> choose(Choice) override { co_return std::nullopt; }
     bool yes = false;
+    Strings asked; ///< Title and detail of every question.
 };
 
 /// Runs command lines over a desktop in memory with two real application folders below a temporary root.
@@ -66,7 +71,8 @@ struct TestTool : testing::Test {
             .pasteboard = given.pasteboard,
             .walker = &*walker,
             .indexPlaces = {.defaultRoots = {root + "/home"}, .skippedPrefixes = {root + "/data/Korvane"}, .aliasPrefix = {}},
-            .secrets = &secrets};
+            .secrets = &secrets,
+            .servers = &desktop->servers};
         CommandLineTool tool({.loop = desktop->loop,
             .platform = ports,
             .out = [this](std::string_view text) { out += text; },

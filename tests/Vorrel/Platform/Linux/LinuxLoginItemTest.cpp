@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -55,6 +56,16 @@ TEST(LinuxLoginItem, RegisteringWritesAnEntryThatStartsTheProgramAndUnregisterin
     EXPECT_EQ(item.status(), Status::disabled);
     EXPECT_EQ(session.own(), "");
     EXPECT_NO_THROW(item.unregister()) << "without an entry";
+}
+
+TEST(LinuxLoginItem, TheEntryIsOneByTheRulesOfDesktops)
+{
+    if (std::system("command -v desktop-file-validate >/dev/null") != 0)
+        GTEST_SKIP() << "desktop-file-validate is not installed";
+    Session session;
+    session.item(session.program).registerProgram();
+    const std::string file = session.disk / ("config/autostart/" + std::string(LinuxLoginItem::fileName));
+    EXPECT_EQ(std::system(("desktop-file-validate --warn-kde '" + file + "'").c_str()), 0);
 }
 
 TEST(LinuxLoginItem, APathOfAnyCharactersIsStartedAsItIs)
