@@ -11,9 +11,10 @@ declare -gA _korvanectl_commands=(
     [agents]='list save'
     [skills]='scan'
     [ask]='' [diagnostics]=''
+    [mcp]='add list remove tools call'
     [settings]='get set'
 )
-declare -gA _korvanectl_options=([search]='--category' [files]='--in --limit' [ask]='--agent --allow')
+declare -gA _korvanectl_options=([search]='--category' [files]='--in --limit' [ask]='--agent --connect --allow')
 
 # Offers those lines of the standard input that begin with the word under the cursor.
 _korvanectl_offer() {
@@ -28,7 +29,7 @@ _korvanectl() {
     COMPREPLY=()
     for ((i = 1; i < COMP_CWORD; ++i)); do
         case ${COMP_WORDS[i]} in
-        --category | --in | --limit | --agent | --allow) ((++i)) ;;
+        --category | --in | --limit | --agent | --connect | --allow) ((++i)) ;;
         -*) ;;
         *) said+=("${COMP_WORDS[i]}") ;;
         esac
@@ -39,6 +40,7 @@ _korvanectl() {
     --category) mapfile -t COMPREPLY < <(compgen -W 'all applications files shortcuts' -- "$word"); return ;;
     --in) mapfile -t COMPREPLY < <(compgen -d -- "$word"); compopt -o filenames 2>/dev/null; return ;;
     --agent) _korvanectl_offer < <(korvanectl agents list 2>/dev/null | cut -f 2); return ;;
+    --connect) _korvanectl_offer < <(korvanectl mcp list 2>/dev/null | cut -f 1); return ;;
     --limit | --allow) return ;;
     esac
     if [[ $word == -* ]]; then
@@ -50,11 +52,12 @@ _korvanectl() {
     elif ((${#said[@]} == 2)); then
         case "$command $task" in
         'index add') mapfile -t COMPREPLY < <(compgen -d -- "$word"); compopt -o filenames 2>/dev/null ;;
-        'agents save') mapfile -t COMPREPLY < <(compgen -f -- "$word"); compopt -o filenames 2>/dev/null ;;
+        'agents save' | 'mcp add') mapfile -t COMPREPLY < <(compgen -f -- "$word"); compopt -o filenames 2>/dev/null ;;
         'index remove') _korvanectl_offer < <(korvanectl index roots 2>/dev/null | cut -f 1) ;;
         'shortcuts run') _korvanectl_offer < <(korvanectl shortcuts list 2>/dev/null) ;;
         'quicklink remove') _korvanectl_offer < <(korvanectl quicklink list 2>/dev/null | cut -f 1) ;;
         'clipboard copy') _korvanectl_offer < <(korvanectl clipboard list 2>/dev/null | cut -f 1) ;;
+        'mcp remove' | 'mcp tools' | 'mcp call') _korvanectl_offer < <(korvanectl mcp list 2>/dev/null | cut -f 1) ;;
         'settings get' | 'settings set') _korvanectl_offer < <(korvanectl settings get 2>/dev/null | cut -f 1) ;;
         secret\ *) mapfile -t COMPREPLY < <(compgen -W 'ai.openai' -- "$word") ;;
         esac

@@ -7,7 +7,7 @@ function __korvanectl_said
     for word in (commandline -opc)[2..-1]
         if test $skip = 1
             set skip 0
-        else if contains -- $word --category --in --limit --agent --allow
+        else if contains -- $word --category --in --limit --agent --connect --allow
             set skip 1
         else if not string match -q -- '-*' $word
             set -a said $word
@@ -31,7 +31,8 @@ complete -c korvanectl -n '__korvanectl_command search' -l category -xa 'all app
 complete -c korvanectl -n '__korvanectl_command files' -l in -xa '(__fish_complete_directories)' -d 'Only below a folder'
 complete -c korvanectl -n '__korvanectl_command files' -l limit -x -d 'At most so many'
 complete -c korvanectl -n '__korvanectl_command ask' -l agent -xa '(korvanectl agents list 2>/dev/null | cut -f 2)' -d 'Ask one of your Agents'
-complete -c korvanectl -n '__korvanectl_command ask' -l allow -x -d 'Allow a tool'
+complete -c korvanectl -n '__korvanectl_command ask' -l allow -x -d 'Allow a tool, or a server'
+complete -c korvanectl -n '__korvanectl_command ask' -l connect -xa '(korvanectl mcp list 2>/dev/null)' -d 'Connect an MCP server for it'
 
 complete -c korvanectl -n __korvanectl_said -a calc -d 'The value of an arithmetic expression'
 complete -c korvanectl -n __korvanectl_said -a search -d 'The rows that the palette shows'
@@ -47,6 +48,7 @@ complete -c korvanectl -n __korvanectl_said -a secret -d 'Secrets in the keyring
 complete -c korvanectl -n __korvanectl_said -a agents -d 'The saved Agents'
 complete -c korvanectl -n __korvanectl_said -a skills -d 'Skills that an Agent may be given'
 complete -c korvanectl -n __korvanectl_said -a ask -d "A model's answer"
+complete -c korvanectl -n __korvanectl_said -a mcp -d 'MCP servers'
 complete -c korvanectl -n __korvanectl_said -a diagnostics -d 'Versions, the index, errors and search times'
 complete -c korvanectl -n __korvanectl_said -a settings -d 'The settings'
 
@@ -69,11 +71,17 @@ complete -c korvanectl -n '__korvanectl_said secret' -a delete -d 'Forget one'
 complete -c korvanectl -n '__korvanectl_said agents' -a list -d 'The saved Agents'
 complete -c korvanectl -n '__korvanectl_said agents' -a save -d 'Save the Agent that a file describes'
 complete -c korvanectl -n '__korvanectl_said skills' -a scan -d 'Skills that an Agent may be given'
+complete -c korvanectl -n '__korvanectl_said mcp' -a add -d 'Save the server that a file describes'
+complete -c korvanectl -n '__korvanectl_said mcp' -a list -d 'The saved servers'
+complete -c korvanectl -n '__korvanectl_said mcp' -a remove -d 'Forget one'
+complete -c korvanectl -n '__korvanectl_said mcp' -a tools -d 'Start one and print what it offers'
+complete -c korvanectl -n '__korvanectl_said mcp' -a call -d 'Start one and call a tool of it'
 complete -c korvanectl -n '__korvanectl_said settings' -a get -d 'The settings as JSON values'
 complete -c korvanectl -n '__korvanectl_said settings' -a set -d 'Change one'
 
 complete -c korvanectl -n '__korvanectl_said index add' -a '(__fish_complete_directories)'
-complete -c korvanectl -n '__korvanectl_said agents save' -F
+complete -c korvanectl -n '__korvanectl_said agents save; or __korvanectl_said mcp add' -F
+complete -c korvanectl -n '__korvanectl_said mcp remove; or __korvanectl_said mcp tools; or __korvanectl_said mcp call' -a '(korvanectl mcp list 2>/dev/null)'
 complete -c korvanectl -n '__korvanectl_said index remove' -a '(korvanectl index roots 2>/dev/null)'
 complete -c korvanectl -n '__korvanectl_said shortcuts run' -a '(korvanectl shortcuts list 2>/dev/null)'
 complete -c korvanectl -n '__korvanectl_said quicklink remove' -a '(korvanectl quicklink list 2>/dev/null)'

@@ -18,6 +18,8 @@ _korvanectl_tasks() { # COMMAND: what may follow it
     clipboard) tasks=('list:copied texts' 'copy:put one on the clipboard again' 'clear:forget them all') ;;
     secret) tasks=('set:keep standard input in the keyring' 'has:whether there is one' 'delete:forget one') ;;
     agents) tasks=('list:the saved Agents' 'save:save the Agent that a file describes') ;;
+    mcp) tasks=('add:save the server that a file describes' 'list:the saved servers' 'remove:forget one'
+        'tools:start one and print what it offers' 'call:start one and call a tool of it') ;;
     skills) tasks=('scan:skills that an Agent may be given') ;;
     settings) tasks=('get:the settings as JSON values' 'set:change one') ;;
     *) return 1 ;;
@@ -29,7 +31,8 @@ _korvanectl_argument() { # COMMAND TASK: what may follow both
     local expl
     case "$1 $2" in
     'index add') _directories ;;
-    'agents save') _files ;;
+    'agents save' | 'mcp add') _files ;;
+    'mcp remove' | 'mcp tools' | 'mcp call') _korvanectl_column server 1 mcp list ;;
     'index remove') _korvanectl_column folder 1 index roots ;;
     'shortcuts run') _korvanectl_column shortcut 1 shortcuts list ;;
     'quicklink remove') _korvanectl_column quicklink 1 quicklink list ;;
@@ -55,6 +58,7 @@ _korvanectl() {
         'agents:the saved Agents'
         'skills:skills that an Agent may be given'
         "ask:a model's answer"
+        'mcp:MCP servers'
         'diagnostics:versions, the index, errors and search times'
         'settings:the settings'
     )
@@ -69,7 +73,8 @@ _korvanectl() {
     case ${words[(r)(search|files|ask)]} in
     search) options+=('--category=[only rows of one kind]:category:(all applications files shortcuts)') ;;
     files) options+=('--in=[only below a folder]:folder:_directories' '--limit=[at most so many]:number:') ;;
-    ask) options+=('--agent=[ask one of your Agents]:Agent:_korvanectl_column Agent 2 agents list' '*--allow=[allow a tool]:tool:') ;;
+    ask) options+=('--agent=[ask one of your Agents]:Agent:_korvanectl_column Agent 2 agents list'
+        '*--connect=[connect an MCP server for it]:server:_korvanectl_column server 1 mcp list' '*--allow=[allow a tool, or a server]:name:') ;;
     esac
     _arguments -C $options '1:command:->command' '2:task:->task' '3:argument:->argument' '*::' && return
     case $state in

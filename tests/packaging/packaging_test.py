@@ -20,6 +20,7 @@ import xml.etree.ElementTree
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
 PACKAGING = SOURCE / "packaging"
 PROGRAMS = ("korvane", "korvanectl")
+HELPERS = ("korvane-mcp-host", "korvane-preview", "korvane-shortcuts")
 SIZES = (16, 22, 24, 32, 48, 64, 128, 256, 512)
 
 
@@ -234,9 +235,9 @@ class Installation(unittest.TestCase):
         cls.folder.cleanup()
 
     def test_holds_just_what_belongs_to_it(self):
-        expected = {"bin/korvane", "bin/korvanectl", "libexec/korvane/korvane-preview", "libexec/korvane/korvane-shortcuts",
-                    "share/applications/dev.korvane.vorrel.desktop", "share/metainfo/dev.korvane.vorrel.metainfo.xml",
-                    "share/icons/hicolor/scalable/apps/dev.korvane.vorrel.svg"}
+        expected = {f"bin/{program}" for program in PROGRAMS} | {f"libexec/korvane/{helper}" for helper in HELPERS}
+        expected |= {"share/applications/dev.korvane.vorrel.desktop", "share/metainfo/dev.korvane.vorrel.metainfo.xml",
+                     "share/icons/hicolor/scalable/apps/dev.korvane.vorrel.svg"}
         expected |= {f"share/icons/hicolor/{size}x{size}/apps/dev.korvane.vorrel.png" for size in SIZES}
         for program in PROGRAMS:
             expected |= {f"share/man/man1/{program}.1", f"share/bash-completion/completions/{program}",
@@ -256,8 +257,9 @@ class Installation(unittest.TestCase):
         self.assertEqual(said(self.prefix / "bin/korvanectl", "shortcuts", "list", env=environment), "Water plants\n")
 
     def test_names_no_folder_of_whoever_built_it(self):
-        for program in ("bin/korvane", "bin/korvanectl", "libexec/korvane/korvane-preview", "libexec/korvane/korvane-shortcuts"):
-            self.assertNotIn(str(SOURCE).encode(), (self.prefix / program).read_bytes())
+        for program in [f"bin/{program}" for program in PROGRAMS] + [f"libexec/korvane/{helper}" for helper in HELPERS]:
+            with self.subTest(program=program):
+                self.assertNotIn(str(SOURCE).encode(), (self.prefix / program).read_bytes())
 
 
 if __name__ == "__main__":

@@ -39,6 +39,17 @@ Exec=$HOME/harbour %f
 MimeType=text/plain;
 END
 printf '[Default Applications]\ntext/plain=harbour.desktop\n' >.config/mimeapps.list
+cat >tide-server <<'END'
+#!/bin/bash
+while IFS= read -r line; do
+    case $line in
+    *'"initialize"'*) echo '{"jsonrpc":"2.0","id":1,"result":{"protocolVersion":"2025-11-25","capabilities":{}}}' ;;
+    *'"tools/list"'*) echo '{"jsonrpc":"2.0","id":2,"result":{"tools":[{"name":"high-water","inputSchema":{"type":"object"}}]}}' ;;
+    esac
+done
+END
+chmod +x tide-server
+echo "{\"id\":\"tide\",\"name\":\"Tide\",\"command\":\"$HOME/tide-server\"}" >tide.json
 # This window manager has Korvane's own key for its menu of windows.
 sed 's/key="A-space"/key="A-F12"/' /etc/xdg/openbox/rc.xml >.config/openbox/rc.xml
 
@@ -82,6 +93,8 @@ korvanectl run "$id"
 until_true 10 "korvanectl did not start the application." grep -qx 'started ' started
 [ "$(korvanectl shortcuts list)" = 'Water plants' ] || fail "The shortcut is not found."
 korvanectl shortcuts run 'Water plants' && [ -e 'shortcut ran' ] || fail "The shortcut did not run."
+korvanectl mcp add tide.json
+korvanectl mcp tools tide --yes | grep -q '"high-water"' || fail "The MCP server's tools are not found."
 
 # By the palette: an application, then, after a second start, which shows it again, a file.
 : >started
