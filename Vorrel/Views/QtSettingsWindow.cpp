@@ -7,6 +7,7 @@
 
 #include <QCursor>
 #include <QGuiApplication>
+#include <QIcon>
 #include <QScreen>
 
 namespace korvane {
@@ -31,6 +32,8 @@ void QtSettingsWindow::refresh() { _view->refresh(); }
 void QtSettingsWindow::showCentred()
 {
     refresh();
+    if (_view->windowIcon().isNull()) // drawn when it is first seen, not when the program starts
+        _view->setWindowIcon(QIcon(":/korvane/icons/korvane.svg"));
     const QScreen *screen = QGuiApplication::screenAt(QCursor::pos());
     if (!screen)
         screen = QGuiApplication::primaryScreen();
