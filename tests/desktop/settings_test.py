@@ -1,8 +1,11 @@
 #!/usr/bin/python3
-"""The settings of the real program, worked by the keyboard and found as a screen reader finds them: settings_test.py KORVANE KORVANECTL
+"""The settings of the real program, worked by the keyboard and found as a screen reader finds them:
+settings_test.py KORVANE KORVANECTL SERVER
 
 Runs inside with-desktop.sh --accessibility. Every wait looks again until a deadline.
 """
+import json
+import pathlib
 import subprocess
 import sys
 import tempfile
@@ -10,6 +13,7 @@ import unittest
 
 from screen_reader import Atspi, below, children, find_program, has, soon
 
+SERVER = sys.argv.pop(3)
 KORVANECTL = sys.argv.pop(2)
 KORVANE = sys.argv.pop(1)
 Role, State = Atspi.Role, Atspi.StateType
@@ -23,6 +27,18 @@ def press(keys):
 
 def type_text(text):
     subprocess.run(["xdotool", "type", "--delay", "10", text], check=True)
+
+
+def running(*words):
+    """Whether a process was started with exactly these."""
+    wanted = b"".join(word.encode() + b"\0" for word in words)
+    for file in pathlib.Path("/proc").glob("[0-9]*/cmdline"):
+        try:
+            if file.read_bytes() == wanted:
+                return True
+        except OSError:
+            pass  # it has just gone
+    return False
 
 
 class Settings(unittest.TestCase):
@@ -106,6 +122,30 @@ class Settings(unittest.TestCase):
         Atspi.EditableText.set_text_contents(field, "zebra")
         soon(lambda: any(node.get_role() == Role.LIST_ITEM and node.get_name().startswith("Zebra tables")
                          for node in below(palette)), "the row of the quicklink")
+
+    def test_a_server_is_started_once_that_is_allowed_and_ends_with_its_connection(self):
+        def answer(name):
+            button = soon(lambda: next((node for node in below(self.root) if node.get_role() == Role.PUSH_BUTTON
+                                        and node.get_name() == name and has(node, State.SHOWING)), None), name)
+            Atspi.Action.do_action(button, 0)
+
+        self.open_tab("MCP")
+        server = json.dumps({"name": "Notes", "command": SERVER, "args": ["good"]})
+        Atspi.EditableText.set_text_contents(self.named(Role.TEXT, "Add a stdio server"), server)
+        Atspi.Action.do_action(self.named(Role.PUSH_BUTTON, "Add Server"), 0)
+        self.says("Server saved. Connect when ready.")
+        for refusal in (True, False):
+            Atspi.Action.do_action(self.named(Role.PUSH_BUTTON, "Connect"), 0)
+            soon(lambda: any("Start MCP server “Notes”?" in node.get_name() for node in below(self.root)), "the question")
+            self.assertFalse(running(SERVER, "good"), "nothing starts before it is allowed")
+            answer("Cancel" if refusal else "Allow")
+            if refusal:
+                self.says("The operation was cancelled.")
+        self.says("Connected · 1 tools")
+        self.assertTrue(running(SERVER, "good"))
+        Atspi.Action.do_action(self.named(Role.PUSH_BUTTON, "Disconnect"), 0)
+        self.says("Disconnected")
+        soon(lambda: not running(SERVER, "good"), "the end of the server")
 
 
 if __name__ == "__main__":
