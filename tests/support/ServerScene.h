@@ -10,6 +10,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <mutex>
+
 namespace korvane::test {
 
 /// The machine's time, in which only the long wait for a reply is a short one: processes end in their own time.
@@ -20,6 +23,31 @@ struct ImpatientClock final : SystemClock {
         return SystemClock::sleep(impatient && delay == StdioTransport::replyTimeout ? patience : delay);
     }
     bool impatient = false; ///< Set before use.
+};
+
+/// Remembers what it has launched.
+class RememberingLaunching final : public ServerLaunching {
+public:
+    explicit RememberingLaunching(std::string host) : real(std::move(host)) { }
+
+    bool isExecutable(const std::string &path) const override { return real.isExecutable(path); }
+    std::shared_ptr<ServerProcess> launch(const Program &program) override
+    {
+        auto process = real.launch(program);
+        const std::scoped_lock lock(mutex);
+        launched.push_back(process);
+        return process;
+    }
+    bool anyRuns() const
+    {
+        const std::scoped_lock lock(mutex);
+        return std::ranges::any_of(launched, [](const auto &process) { return process->isRunning(); });
+    }
+
+private:
+    LinuxServerLaunching real;
+    mutable std::mutex mutex;
+    std::vector<std::shared_ptr<ServerProcess>> launched;
 };
 
 /// A manager over a store in memory whose servers are real processes, and a registry that asks nobody.
@@ -75,10 +103,11 @@ struct ServerScene {
         const auto *text = content && !content->empty() ? content->front()["text"].string() : nullptr;
         return text ? *text : "";
     }
-    bool nothingRuns(Milliseconds limit = Milliseconds(3000))
+    /// By both witnesses: a process may be too short-lived to be seen, and one that escaped would not count as running.
+    bool nothingRuns(Milliseconds limit = Milliseconds(10'000))
     {
         return soon(
-            loop, [this] { return marked.alive().empty(); }, limit);
+            loop, [this] { return !launching.anyRuns() && marked.alive().empty(); }, limit);
     }
 
     MarkedProcesses marked;
@@ -88,7 +117,7 @@ struct ServerScene {
     HeadlessSecretStore secrets;
     KeychainService keychain{pool.executor(), &secrets};
     ToolRegistry registry{[](const ToolDefinition &, const JSONValue &) -> Task<void> { co_return; }};
-    LinuxServerLaunching launching{KORVANE_BINARIES "/korvane-mcp-host"};
+    RememberingLaunching launching{KORVANE_BINARIES "/korvane-mcp-host"};
     std::shared_ptr<Database> database = await(loop, Database::open(pool.executor(), ":memory:", Database::Access::readWrite));
     MCPManager manager;
     JSONValue result; ///< Of the last call that succeeded.
