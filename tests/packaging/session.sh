@@ -44,7 +44,7 @@ cat >tide-server <<'END'
 while IFS= read -r line; do
     case $line in
     *'"initialize"'*) echo '{"jsonrpc":"2.0","id":1,"result":{"protocolVersion":"2025-11-25","capabilities":{}}}' ;;
-    *'"tools/list"'*) echo '{"jsonrpc":"2.0","id":2,"result":{"tools":[{"name":"high-water","inputSchema":{"type":"object"}}]}}' ;;
+    *'"tools'*'list"'*) echo '{"jsonrpc":"2.0","id":2,"result":{"tools":[{"name":"high-water","inputSchema":{"type":"object"}}]}}' ;;
     esac
 done
 END
