@@ -123,8 +123,8 @@ int main(int count, char **words)
         }
         publication.result();
     }
-    Table table({"Saving the settings, " + std::to_string(rows) + " files", "Saves", "Median ms", "p95 ms", "Longest ms",
-        "To quiet", "Limit ms", ""});
+    Table table({"Saving the settings, " + std::to_string(rows) + " files", "Saves", "Median ms", "Longest ms", "To quiet",
+        "p95 ms", "Limit ms", ""});
     bool kept = add(table, "on a quiet store", quiet, median(quiet));
     kept &= add(table, "while the index is published again", busy, median(quiet));
     table.print();
