@@ -80,6 +80,20 @@ std::vector<Process> descendants()
     return found;
 }
 
+std::vector<pid_t> children()
+{
+    char path[64];
+    std::snprintf(path, sizeof path, "/proc/self/task/%d/children", int(::getpid()));
+    std::vector<pid_t> all;
+    FILE *list = std::fopen(path, "re");
+    if (!list)
+        return all;
+    for (int id = 0; std::fscanf(list, "%d", &id) == 1;)
+        all.push_back(id);
+    std::fclose(list);
+    return all;
+}
+
 void send(const Process &process, int signal)
 {
     const int handle = int(::syscall(SYS_pidfd_open, process.id, 0));

@@ -22,5 +22,9 @@ struct Process {
 /// process adopts orphans. A snapshot: whoever forks meanwhile may be missing.
 std::vector<Process> descendants();
 
+/// The children of this process, also those that have ended and were not waited for. Quick, unlike the above; empty where the
+/// system keeps no such list.
+std::vector<pid_t> children();
+
 /// Sends a signal to this very process, or to none when it has gone.
 void send(const Process &process, int signal);

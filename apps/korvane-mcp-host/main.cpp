@@ -29,6 +29,7 @@ namespace {
 constexpr int control = STDIN_FILENO;
 constexpr long grace = 300; // ms between asking and forcing
 constexpr long shortestPause = 10, longestPause = 1000; // ms between two attempts to force
+constexpr long chase = 50; // ms of running after what forks faster than the table of processes can be read
 constexpr int mostRounds = 32; // of looking for what has just been forked
 constexpr std::uint64_t largestRequest = 64U << 20; // more than the system starts a program with
 
@@ -221,6 +222,29 @@ void killAll()
         send(process, SIGKILL);
 }
 
+/// Waits for the children that have ended. False when none is left: then nothing of the server is, all of which is below this
+/// process, the adopter of the orphans.
+bool reap()
+{
+    for (;;) {
+        const pid_t gone = ::waitpid(-1, nullptr, WNOHANG | __WALL);
+        if (gone == 0)
+            return true;
+        if (gone < 0 && errno != EINTR)
+            return false;
+    }
+}
+
+/// Forces the children to end, and what that makes orphans of, which are children then: a chain in which each process starts the
+/// next one and goes has no other link. The number of a child is its own until it was waited for.
+void chaseOrphans()
+{
+    const long end = now() + chase;
+    while (reap() && now() < end)
+        for (const pid_t child : children())
+            ::kill(child, SIGKILL);
+}
+
 /// The life of a server that has begun.
 class Supervision {
 public:
@@ -243,19 +267,6 @@ public:
     }
 
 private:
-    /// Whether anything of the server is left. All of it is below this process, which adopts the orphans: without a child there
-    /// is nothing.
-    static bool reap()
-    {
-        for (;;) {
-            const pid_t gone = ::waitpid(-1, nullptr, WNOHANG | __WALL);
-            if (gone == 0)
-                return true;
-            if (gone < 0 && errno != EINTR)
-                return false;
-        }
-    }
-
     void readCommands()
     {
         char commands[64];
@@ -294,6 +305,7 @@ private:
     void force()
     {
         killAll();
+        chaseOrphans();
         due = now() + pause;
         pause = std::min(2 * pause, longestPause);
     }

@@ -24,10 +24,10 @@ inline Task<void> wakeUntil(double end, bool &over)
 inline bool soon(MainLoop &loop, const std::function<bool()> &truth, Milliseconds limit = Milliseconds(10'000))
 {
     const double end = SystemClock().uptime() + static_cast<double>(limit.count()) / 1000;
-    bool over = false;
+    bool over = false, held = false;
     const TaskHandle waking = spawn(loop.executor(), detail::wakeUntil(end, over));
-    loop.runUntil([&] { return over || truth(); });
-    return truth();
+    loop.runUntil([&] { return (held = truth()) || over; });
+    return held;
 }
 
 } // namespace korvane::test
