@@ -111,6 +111,18 @@ QFont Appearance::font(TypeSize size, QFont::Weight weight) const
     return font;
 }
 
+QPalette Appearance::fieldColours(QPalette base) const
+{
+    const Theme &present = theme();
+    base.setColor(QPalette::Base, Qt::transparent);
+    base.setColor(QPalette::Window, Qt::transparent);
+    base.setColor(QPalette::Text, present.text);
+    base.setColor(QPalette::PlaceholderText, present.secondary);
+    base.setColor(QPalette::Highlight, present.dark ? QColor(0x5a, 0x60, 0xd6) : QColor(0xc9, 0xcc, 0xf7));
+    base.setColor(QPalette::HighlightedText, present.text);
+    return base;
+}
+
 QStringList Appearance::iconThemes() const
 {
     static const auto hicolor = QStringLiteral("hicolor");

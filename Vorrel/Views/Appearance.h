@@ -3,6 +3,7 @@
 #include <QColor>
 #include <QFont>
 #include <QObject>
+#include <QPalette>
 #include <QStringList>
 
 class QDBusVariant;
@@ -39,6 +40,8 @@ public:
 
     const Theme &theme() const;
     QFont font(TypeSize size, QFont::Weight weight = QFont::Normal) const;
+    /// `base` with the colours of text that is typed on a ground of the program's own.
+    QPalette fieldColours(QPalette base) const;
     /// Icon themes to search, the user's own first.
     QStringList iconThemes() const;
     bool reducedMotion() const;

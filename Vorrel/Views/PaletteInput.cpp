@@ -99,15 +99,7 @@ PaletteInput::PaletteInput(Appearance &appearance, QWidget *parent) : QWidget(pa
 
 void PaletteInput::applyAppearance()
 {
-    const Theme &theme = appearance.theme();
-    QPalette colours;
-    colours.setColor(QPalette::Base, Qt::transparent);
-    colours.setColor(QPalette::Window, Qt::transparent);
-    colours.setColor(QPalette::Text, theme.text);
-    colours.setColor(QPalette::PlaceholderText, theme.secondary);
-    colours.setColor(QPalette::Highlight, theme.dark ? QColor(0x5a, 0x60, 0xd6) : QColor(0xc9, 0xcc, 0xf7));
-    colours.setColor(QPalette::HighlightedText, theme.text);
-    _field->setPalette(colours);
+    _field->setPalette(appearance.fieldColours(QPalette()));
     _field->setFont(appearance.font(TypeSize::Field));
     update();
 }

@@ -88,15 +88,7 @@ FieldFrame::FieldFrame(Appearance &appearance, QWidget *inside, const QMargins &
 
 void FieldFrame::applyAppearance()
 {
-    const Theme &theme = appearance.theme();
-    QPalette colours = inside->palette();
-    colours.setColor(QPalette::Base, Qt::transparent);
-    colours.setColor(QPalette::Window, Qt::transparent);
-    colours.setColor(QPalette::Text, theme.text);
-    colours.setColor(QPalette::PlaceholderText, theme.secondary);
-    colours.setColor(QPalette::Highlight, theme.dark ? QColor(0x5a, 0x60, 0xd6) : QColor(0xc9, 0xcc, 0xf7));
-    colours.setColor(QPalette::HighlightedText, theme.text);
-    inside->setPalette(colours);
+    inside->setPalette(appearance.fieldColours(inside->palette()));
     inside->setFont(appearance.font(TypeSize::Body));
     update();
 }

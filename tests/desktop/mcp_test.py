@@ -1,40 +1,27 @@
-"""The companion works with MCP servers: real processes, a real keyring, and a provider of this file on the loopback."""
-import http.server
+"""The companion works with MCP servers: real processes, a real keyring, and a provider of the test's own on the loopback."""
 import json
 import os
 import pathlib
 import signal
 import subprocess
 import sys
-import threading
 import time
+
+import provider
 
 MARK = "KORVANE_TEST_MARK=a-server-of-this-test"
 ANSWER = "The server says hello."
 
 
-class Provider(http.server.BaseHTTPRequestHandler):
+class Provider(provider.Endpoint):
     """Wants to call the tool of the server, then answers."""
 
     outputs = []
 
-    def do_POST(self):
-        body = json.loads(self.rfile.read(int(self.headers["Content-Length"])))
+    def output(self, body):
         given = [item for item in body["input"] if item.get("type") == "function_call_output"]
         Provider.outputs += [json.loads(item["output"]) for item in given]
-        if given:
-            output = [{"type": "message", "content": [{"type": "output_text", "text": ANSWER}]}]
-        else:
-            alias = next(tool["name"] for tool in body["tools"] if tool["description"] == "Works.")
-            output = [{"type": "function_call", "name": alias, "call_id": "c", "arguments": '{"text":"from a model"}'}]
-        answer = json.dumps({"status": "completed", "output": output}).encode()
-        self.send_response(200)
-        self.send_header("Content-Length", str(len(answer)))
-        self.end_headers()
-        self.wfile.write(answer)
-
-    def log_message(self, *_):
-        pass
+        return provider.message(ANSWER) if given else provider.call(body, "Works.", {"text": "from a model"})
 
 
 def marked():
@@ -58,11 +45,7 @@ def soon(truth, what):
 
 def main():
     tool, hostile = sys.argv[1:]
-    provider = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Provider)
-    threading.Thread(target=provider.serve_forever, daemon=True).start()
-    environment = dict(os.environ, OPENAI_BASE_URL=f"http://127.0.0.1:{provider.server_port}/v1/")
-    subprocess.run(["gnome-keyring-daemon", "--unlock", "--components=secrets"], input=b"password", check=True,
-                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    environment = dict(os.environ, **provider.start(Provider))
 
     def run(*words, given=""):
         ended = subprocess.run([tool, *words], input=given, capture_output=True, text=True, env=environment, timeout=30)
