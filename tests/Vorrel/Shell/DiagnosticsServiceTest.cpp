@@ -200,6 +200,12 @@ TEST(DiagnosticsReport, HoldsNothingOfWhatTheServicesHold)
     await(palette.loop, ClipboardRepository(palette.services->database, palette.clock).insert(marker, marker, 500));
     await(palette.loop, palette.services->quicklinks.save({.id = marker, .title = marker, .url = "https://" + marker}));
     await(palette.loop, palette.services->mcp().add({.id = marker, .name = marker, .command = "/" + marker}));
+    await(palette.loop, AgentRepository(palette.services->database).save({.id = marker, .name = marker, .systemPrompt = marker}));
+    await(palette.loop,
+        palette.services->database->execute(
+            "INSERT INTO conversations VALUES(?,?,1)", std::vector<SQLValue>{marker, "[{\"content\":\"" + marker + "\"}]"}));
+    await(palette.loop, palette.services->appLaunches.record("/" + marker, marker));
+    palette.used("app:/" + marker, 3);
     await(palette.loop, palette.services->preferences().load());
     palette.services->preferences().apiKey = marker;
     palette.services->preferences().credentialValue = marker;
