@@ -1,22 +1,33 @@
 #pragma once
 
 #include "Support/ChildProcess.h"
+#include "Support/Descriptor.h"
 #include "Support/UUID.h"
 
+#include <fcntl.h>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <string_view>
+#include <unistd.h>
 #include <vector>
 
 namespace korvane::test {
 
+/// What the system says of a process; empty for one that has gone, also while it is asked.
+inline std::string tableEntry(pid_t id, const std::string &name)
+{
+    const Descriptor file(::open(("/proc/" + std::to_string(id) + "/" + name).c_str(), O_RDONLY | O_CLOEXEC));
+    std::string all;
+    char piece[4096];
+    for (ssize_t count; (count = ::read(file.get(), piece, sizeof piece)) > 0;)
+        all.append(piece, std::size_t(count));
+    return all;
+}
+
 /// Whether the process runs; one that has ended and waits for its parent does not.
 inline bool isAlive(pid_t id)
 {
-    std::ifstream file("/proc/" + std::to_string(id) + "/stat");
-    const std::string stat(std::istreambuf_iterator<char>(file), {});
+    const std::string stat = tableEntry(id, "stat");
     const auto behindName = stat.rfind(") ");
     return behindName != stat.npos && stat[behindName + 2] != 'Z' && stat[behindName + 2] != 'X';
 }
@@ -42,12 +53,7 @@ public:
     }
 
 private:
-    bool isMarked(pid_t id) const
-    {
-        std::ifstream file("/proc/" + std::to_string(id) + "/environ");
-        const std::string variables(std::istreambuf_iterator<char>(file), {});
-        return variables.find(mark) != variables.npos;
-    }
+    bool isMarked(pid_t id) const { return tableEntry(id, "environ").find(mark) != std::string::npos; }
 
     const std::string mark = newUUID();
 };
