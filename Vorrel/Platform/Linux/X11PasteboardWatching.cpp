@@ -349,7 +349,7 @@ private:
     void close()
     {
         ::xcb_destroy_window(display->connection, std::exchange(window, XCB_NONE));
-        ::xcb_flush(display->connection);
+        display->send();
     }
 
     Task<void> fill(Offer &offer)
