@@ -326,9 +326,10 @@ private:
         xcb_generic_error_t *error = nullptr;
         display->send();
         std::function<bool()> there = [&] {
-            const bool came = ::xcb_poll_for_reply(display->connection, sequence, &bytes, &error) != 0;
-            display->handleEvents(); // those that came along with it
-            return came;
+            // Looking for events is what reads; looking for the reply does not. The other way round, one that came in between
+            // would wait in the library for the next thing to happen.
+            display->handleEvents();
+            return ::xcb_poll_for_reply(display->connection, sequence, &bytes, &error) != 0;
         };
         const bool came = co_await until(std::move(there));
         if (!came)
