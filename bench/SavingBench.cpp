@@ -1,7 +1,7 @@
 // Saving the settings, from the button to the last word, on a quiet store and beside a file index that is published over and
 // over.
 //   korvane_bench_saving [rows]
-// Ends with 1 when 95 of 100 saves are not over before a person notices.
+// Ends with 1 when a save takes longer than a person notices.
 #include "Vorrel/Shell/AppServices.h"
 #include "bench/IndexHost.h"
 #include "bench/IndexTrees.h"
@@ -92,10 +92,9 @@ Task<void> publish(IndexHost &host, const Listing &listing)
 bool add(Table &table, const std::string &when, const std::vector<double> &times, double quiet)
 {
     const double longest = *std::ranges::max_element(times), middle = median(times);
-    const double most = percentile95(times);
-    table.add({when, std::to_string(times.size()), number(middle, 2), number(longest, 2), number(middle / quiet, 2),
-        number(most, 2), number(limit, 0), most <= limit ? "kept" : "EXCEEDED"});
-    return most <= limit;
+    table.add({when, std::to_string(times.size()), number(middle, 2), number(percentile95(times), 2), number(middle / quiet, 2),
+        number(longest, 2), number(limit, 0), longest <= limit ? "kept" : "EXCEEDED"});
+    return longest <= limit;
 }
 
 } // namespace
@@ -123,8 +122,8 @@ int main(int count, char **words)
         }
         publication.result();
     }
-    Table table({"Saving the settings, " + std::to_string(rows) + " files", "Saves", "Median ms", "Longest ms", "To quiet",
-        "p95 ms", "Limit ms", ""});
+    Table table({"Saving the settings, " + std::to_string(rows) + " files", "Saves", "Median ms", "p95 ms", "To quiet",
+        "Longest ms", "Limit ms", ""});
     bool kept = add(table, "on a quiet store", quiet, median(quiet));
     kept &= add(table, "while the index is published again", busy, median(quiet));
     table.print();

@@ -104,7 +104,7 @@ struct ServerScene {
         return text ? *text : "";
     }
     /// By both witnesses: a process may be too short-lived to be seen, and one that escaped would not count as running.
-    bool nothingRuns(Milliseconds limit = Milliseconds(10'000))
+    bool nothingRuns(Milliseconds limit = Milliseconds(3000))
     {
         return soon(
             loop, [this] { return !launching.anyRuns() && marked.alive().empty(); }, limit);
