@@ -83,13 +83,15 @@ Process::Process(const std::function<void()> &work) : child(::fork())
 
 Process::~Process() { kill(); }
 
-void Process::kill()
+bool Process::kill()
 {
     if (child <= 0)
-        return;
+        return false;
+    int status = 0;
     ::kill(child, SIGKILL);
-    ::waitpid(child, nullptr, 0);
+    ::waitpid(child, &status, 0);
     child = -1;
+    return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
 }
 
 bool Process::finish()

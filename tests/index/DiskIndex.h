@@ -64,7 +64,7 @@ public:
     Process(const Process &) = delete;
     Process &operator=(const Process &) = delete;
 
-    void kill(); ///< By SIGKILL.
+    bool kill(); ///< By SIGKILL; whether it had not ended by itself before.
     /// Waits for its own end; false if it ended badly.
     bool finish();
 
