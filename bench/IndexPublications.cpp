@@ -140,7 +140,9 @@ void measurePublications(IndexRun &run, IndexHost &host, Listing &listing, Table
             result.waits.longest(), waitLimit, 0);
     };
     repeat("again, no change");
-    changeOneInAHundred(listing, 7);
+    changeOneIn(listing, 1000, 5);
+    repeat("again, 0.1 % changed");
+    changeOneIn(listing, 100, 7);
     repeat("again, 1 % changed");
     host.await(stage(host.repository(), small(listing)));
     host.await(host.repository().commitStagedRoot(listing.smallRoot));

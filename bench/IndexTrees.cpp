@@ -343,12 +343,12 @@ Listing makeListing(std::size_t rows, std::uint64_t seed, std::string largeRoot,
     return listing;
 }
 
-void changeOneInAHundred(Listing &listing, std::uint64_t seed)
+void changeOneIn(Listing &listing, double count, std::uint64_t seed)
 {
     Maker maker(listing.files.size(), seed);
     Dice dice(seed);
     for (auto &file : listing.files) {
-        if (file.isDirectory || !dice.oneIn(100))
+        if (file.isDirectory || !dice.oneIn(count))
             continue;
         if (dice.oneIn(5)) { // one goes and another comes beside it
             const std::string name = "renewed " + file.name;

@@ -33,8 +33,9 @@ struct Listing {
 /// A listing of `rows` rows. 72 of 1,000 rows are folders, among them those of builds and caches.
 Listing makeListing(std::size_t rows, std::uint64_t seed, std::string largeRoot, std::string smallRoot);
 
-/// Changes the size and time of one file in a hundred, takes a few away (0.2 in 100), adds as many, in random places.
-void changeOneInAHundred(Listing &listing, std::uint64_t seed);
+/// Changes one file in `count`, in random places: four of five of these get another size and time, the fifth goes and another
+/// comes beside it.
+void changeOneIn(Listing &listing, double count, std::uint64_t seed);
 
 /// Makes the listing's folders and files on the disk, with sizes but without contents. Throws `std::runtime_error`.
 void makeOnDisk(const Listing &listing);
