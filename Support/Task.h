@@ -237,10 +237,13 @@ private:
     Executor strand;
 };
 
-/// Runs `work(std::stop_token)` on `executor` and gives its result. Unlike an actor's work it is not waited for: a caller that is
-/// cancelled, or destroyed, stops the token and goes on at once. The work owns what it uses.
+/// Who runs a piece of work, later and on whichever thread.
+using WorkStarter = std::function<void(std::function<void()>)>;
+
+/// Has `start` run `work(std::stop_token)` and gives its result. Unlike an actor's work it is not waited for: a caller that is
+/// cancelled, or destroyed, stops the token and goes on at once. The work owns what it uses. Throws what `start` throws.
 template <class Work, class Result = std::invoke_result_t<Work &, std::stop_token>>
-Task<Result> runAside(Executor executor, Work work)
+Task<Result> runAside(WorkStarter start, Work work)
 {
     struct Stopping {
         ~Stopping() { source.request_stop(); }
@@ -248,7 +251,7 @@ Task<Result> runAside(Executor executor, Work work)
     } stopping;
     auto shared = std::make_shared<Work>(std::move(work));
     std::function<void(Continuation<Result>)> begin = [&](Continuation<Result> done) {
-        runLater(executor, [shared = std::move(shared), done, stop = stopping.source.get_token()]() mutable {
+        start([shared = std::move(shared), done, stop = stopping.source.get_token()]() mutable {
             std::exception_ptr error;
             try {
                 if constexpr (std::is_void_v<Result>) {
@@ -268,6 +271,14 @@ Task<Result> runAside(Executor executor, Work work)
         });
     };
     co_return co_await suspend<Result>(std::move(begin));
+}
+
+/// The same on `executor`.
+template <class Work, class Result = std::invoke_result_t<Work &, std::stop_token>>
+Task<Result> runAside(Executor executor, Work work)
+{
+    WorkStarter start = [executor = std::move(executor)](std::function<void()> begun) { runLater(executor, std::move(begun)); };
+    return runAside(std::move(start), std::move(work));
 }
 
 /// Threads that run actors' work. `join` waits for all of it and must come before what the work uses

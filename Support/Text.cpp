@@ -324,6 +324,12 @@ std::string_view firstCharacters(std::string_view text, std::size_t count)
     }
 }
 
+std::string_view boundedBeginning(std::string_view text, std::size_t count)
+{
+    constexpr std::size_t mostBytes = 32; // of a character; families and flags of regions need less
+    return firstCharacters(text.substr(0, count * mostBytes), count);
+}
+
 bool isWhitespace(std::string_view character)
 {
     std::int32_t at = 0;

@@ -38,6 +38,10 @@ std::size_t characterCount(std::string_view text);
 /// The first `count` user-perceived characters; all of a shorter text. Does not look at what lies far behind them.
 std::string_view firstCharacters(std::string_view text, std::size_t count);
 
+/// The same for a text that somebody else has made: at most 32 bytes for each character, since marks can be piled on one
+/// without end. May end in the middle of a character then, or of a code point.
+std::string_view boundedBeginning(std::string_view text, std::size_t count);
+
 /// Whether the character (one grapheme cluster) is white space or a line end: its first code point decides.
 bool isWhitespace(std::string_view character);
 

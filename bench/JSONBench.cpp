@@ -98,7 +98,7 @@ bool measureSkills(int runs)
     }
     MainLoop loop;
     ThreadPool pool(1);
-    SkillLoader loader(pool.executor());
+    SkillLoader loader;
     std::vector<double> times;
     for (int i = 0; i < runs; ++i)
         times.push_back(millisecondsOf([&] {

@@ -1,6 +1,7 @@
 #include "Vorrel/AI/AIRuntime.h"
 
 #include "CommandCore/Commands.h"
+#include "Support/Text.h"
 #include "Vorrel/Shell/L10n.h"
 
 #include <algorithm>
@@ -14,6 +15,7 @@ constexpr int mostSteps = 8;
 constexpr std::size_t mostCallsInStep = 8;
 constexpr std::size_t largestInstructions = 200'000; // bytes
 constexpr std::size_t largestResult = 256'000; // bytes
+constexpr std::size_t shownName = 200; // characters of a tool's, which its server has made
 
 /// Skills by their identity: their order and repeats in the Agent's list do not count.
 void requireSkillsOf(const Agent &agent, const std::vector<Skill> &skills)
@@ -93,7 +95,7 @@ private:
             throw AppError(AppError::Kind::toolExecution, "The model repeated an operation identifier.");
         if (std::ranges::find(tools, call.name, &ToolDefinition::name) == tools.end())
             throw AppError(AppError::Kind::permission, "This tool is not enabled for the current Agent.");
-        status("Running " + call.name + "…");
+        status("Running " + std::string(boundedBeginning(call.name, shownName)) + "…");
         const ToolResult result = co_await registry.call(call.name, std::move(call.arguments));
         std::string text = result.value.encodedString();
         if (text.size() > largestResult)

@@ -5,6 +5,7 @@
 #include "Support/Text.h"
 #include "Support/URL.h"
 #include "Vorrel/AI/ResponsesFormat.h"
+#include "Vorrel/Shell/L10n.h"
 
 #include <algorithm>
 #include <charconv>
@@ -15,6 +16,9 @@ namespace {
 
 constexpr const char *ownEndpoint = "https://api.openai.com/v1";
 constexpr std::size_t bodyLimit = 8'000'000;
+constexpr const char *unsafeEndpoint =
+    L10n::key("The AI provider's address must begin with https://, or with http:// on this computer. Check OPENAI_BASE_URL.");
+constexpr const char *rejectedKey = L10n::key("The provider rejected your API key or model access.");
 
 /// Whether `host` is four decimal numbers of which the first is 127. Other spellings of addresses are not for us to guess.
 bool isLoopbackAddress(std::string_view host)
@@ -49,11 +53,18 @@ bool isSafe(const std::string &endpoint)
     return parts->scheme == "https" || (parts->scheme == "http" && isThisMachine(parts->host));
 }
 
+/// Whether a key can stand in a header: a line end in it would begin another one.
+bool isOneLine(const std::string &key)
+{
+    return std::ranges::all_of(key, [](unsigned char c) { return c >= 0x20 && c != 0x7f; });
+}
+
 HTTPRequest requestTo(const std::string &endpoint, const std::string &key, const std::string &body)
 {
+    if (!isOneLine(key))
+        throw AppError(AppError::Kind::configuration, rejectedKey);
     if (!isSafe(endpoint))
-        throw AppError(AppError::Kind::configuration,
-            "The AI provider's address must begin with https://, or with http:// on this computer. Check OPENAI_BASE_URL.");
+        throw AppError(AppError::Kind::configuration, unsafeEndpoint);
     HTTPRequest request{.url = endpoint + "/responses", .headers = {}, .body = body, .bodyLimit = bodyLimit};
     request.headers.emplace_back("Authorization", "Bearer " + key);
     request.headers.emplace_back("Content-Type", "application/json");
@@ -71,7 +82,7 @@ void checkStatus(int status)
     if (status >= 200 && status <= 299)
         return;
     if (status == 401 || status == 403)
-        throw AppError(AppError::Kind::configuration, "The provider rejected your API key or model access.");
+        throw AppError(AppError::Kind::configuration, rejectedKey);
     if (status == 429)
         throw AppError(AppError::Kind::network, "The provider rate limit or account quota was reached.");
     // The number makes it a sentence that no table can have.
@@ -108,6 +119,16 @@ std::string OpenAIProvider::endpoint(const std::vector<std::string> &environment
     while (address.ends_with('/'))
         address.remove_suffix(1);
     return std::string(address.empty() ? ownEndpoint : address);
+}
+
+std::string OpenAIProvider::endpointNote(const std::vector<std::string> &environment)
+{
+    const std::string address = endpoint(environment);
+    if (address == ownEndpoint)
+        return L10n::text("The variable OPENAI_BASE_URL names another server with the same interface.");
+    if (!isSafe(address))
+        return L10n::text(unsafeEndpoint);
+    return L10n::format("Requests go to %@, as OPENAI_BASE_URL says.", parsedURL(address)->host);
 }
 
 OpenAIProvider::OpenAIProvider(
@@ -149,6 +170,10 @@ Task<HTTPResponse> OpenAIProvider::send(HTTPRequest request) const
     } catch (const HTTPFailure &failure) {
         if (failure.reason() == HTTPFailure::Reason::notHTTP)
             throw AppError(AppError::Kind::network, "The AI provider returned an invalid response.");
+        failUnreachable();
+    } catch (const Cancelled &) {
+        throw;
+    } catch (const std::exception &) { // of the system: no thread can be made, for instance
         failUnreachable();
     }
 }

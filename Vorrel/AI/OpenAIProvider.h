@@ -22,6 +22,8 @@ public:
     /// Where requests go to, without a slash at the end: OPENAI_BASE_URL, which ends in "/v1", or the provider's own address
     /// where it is not set or blank. `environment` is "NAME=value". Checked at each request.
     static std::string endpoint(const std::vector<std::string> &environment);
+    /// A sentence for the settings about that, localised: how it can be changed, or which host takes the requests.
+    static std::string endpointNote(const std::vector<std::string> &environment);
 
     /// `keychain` and `http` outlive the provider and its requests; without `http` nothing is reached. JSON is written and read
     /// on threads of `pool`.

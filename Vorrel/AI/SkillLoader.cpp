@@ -158,9 +158,18 @@ std::vector<std::string> entriesOf(const std::string &root)
     return entries;
 }
 
+/// Nobody waits for the work any more.
+void throwIfStopped(const std::stop_token &stop)
+{
+    if (stop.stop_requested())
+        throw Cancelled();
+}
+
 /// One look through the roots.
 class Search {
 public:
+    explicit Search(std::stop_token stop) : stop(std::move(stop)) { }
+
     void searchRoot(const std::string &root)
     {
         if (!exists(root))
@@ -172,12 +181,16 @@ public:
             scan.warnings.push_back(L10n::format("Cannot read skill folder: %@", displayable(root)));
             return;
         }
-        look(root);
-        for (std::size_t i = 0; i < std::min(entries.size(), mostEntries); ++i)
-            look(entries[i]);
-        if (entries.size() > mostEntries)
+        if (entries.size() > mostEntries) {
             scan.warnings.push_back(
                 L10n::format("Only the first 200 entries in %@ were scanned.", displayable(lastPathComponent(root))));
+            entries.resize(mostEntries);
+        }
+        look(root);
+        for (const std::string &entry : entries) {
+            throwIfStopped(stop);
+            look(entry);
+        }
     }
 
     SkillLoader::Scan result()
@@ -203,6 +216,7 @@ private:
         }
     }
 
+    const std::stop_token stop;
     std::map<std::string, Skill> found; ///< By path.
     SkillLoader::Scan scan;
 };
@@ -240,29 +254,27 @@ Skill SkillLoader::parse(std::string_view text, std::string path)
 Task<SkillLoader::Scan> SkillLoader::scan(std::vector<std::string> roots)
 {
     auto work = [roots = std::move(roots)](std::stop_token stop) {
-        Search search;
-        for (const std::string &root : roots) {
-            if (stop.stop_requested())
-                throw Cancelled();
+        Search search(stop);
+        for (const std::string &root : roots)
             search.searchRoot(root);
-        }
         return search.result();
     };
-    co_return co_await actor.run(std::move(work));
+    co_return co_await runAside(detached, std::move(work));
 }
 
 Task<std::vector<Skill>> SkillLoader::load(std::vector<std::string> paths)
 {
-    auto work = [paths = std::move(paths)](std::stop_token) {
+    auto work = [paths = std::move(paths)](std::stop_token stop) {
         std::vector<Skill> skills;
         for (const std::string &path : paths) {
+            throwIfStopped(stop);
             if (lastPathComponent(path) != fileName)
                 throw AppError(AppError::Kind::configuration, "Select a SKILL.md file.");
             skills.push_back(parse(textOf(path), path));
         }
         return skills;
     };
-    co_return co_await actor.run(std::move(work));
+    co_return co_await runAside(detached, std::move(work));
 }
 
 } // namespace korvane

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "CommandCore/Skill.h"
-#include "Support/Task.h"
+#include "Support/OwnThread.h"
 #include "Vorrel/Platform/UserFolders.h"
 
 #include <string>
@@ -15,10 +15,11 @@ struct SkillLocations {
 };
 
 /// Reads skills: regular files named SKILL.md, UTF-8 and at most 64,000 bytes, with a name and a description in front. Bounded
-/// and strict, for anybody may have written them. All file work runs on the given executor, one thing after the other.
+/// and strict, for anybody may have written them. All file work is begun by the given starter: a folder may lie on a volume that
+/// does not answer. A caller that is cancelled waits for none of it.
 class SkillLoader {
 public:
-    explicit SkillLoader(Executor pool) : actor(std::move(pool)) { }
+    explicit SkillLoader(WorkStarter detached = runOnOwnThread) : detached(std::move(detached)) { }
     virtual ~SkillLoader() = default;
 
     struct Scan {
@@ -38,7 +39,7 @@ public:
     static Skill parse(std::string_view text, std::string path);
 
 private:
-    Actor actor;
+    const WorkStarter detached;
 };
 
 } // namespace korvane

@@ -291,9 +291,12 @@ std::vector<ApplicationRecord> ApplicationService::search(std::string_view query
     confined.check();
     std::vector<std::pair<double, const ApplicationRecord *>> matches;
     const double now = ports.clock.now();
-    for (const auto &record : _applications)
-        if (const auto score = SearchRanker{}.score(query, record.name, identifyingKeywords(record), std::nullopt, now))
+    const PreparedQuery prepared(query);
+    for (const auto &record : _applications) {
+        const SearchKeys keys(record.name, identifyingKeywords(record));
+        if (const auto score = SearchRanker{}.score(prepared, keys, nullptr, now))
             matches.emplace_back(*score, &record);
+    }
     std::stable_sort(
         matches.begin(), matches.end(), [](const auto &left, const auto &right) { return left.first > right.first; });
     std::vector<ApplicationRecord> records;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Support/Clock.h"
+#include "Support/OwnThread.h"
 #include "Vorrel/Platform/ApplicationLauncher.h"
 #include "Vorrel/Platform/ApplicationSource.h"
 #include "Vorrel/Platform/Dialogs.h"
@@ -54,6 +55,7 @@ struct Platform {
     ServerLaunching *servers = nullptr; ///< Null where no MCP server can be run.
     std::function<SystemFacts()> facts = [] { return SystemFacts(); }; ///< Looks at the machine; blocks; any thread.
     std::vector<std::string> environment = {}; ///< The program's own, as "NAME=value".
+    WorkStarter detached = runOnOwnThread; ///< For work that may hang in the system for good.
     std::optional<ShortcutsTool> shortcutsTool = {}; ///< Nothing where there are no shortcuts.
 };
 

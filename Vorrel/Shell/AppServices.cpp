@@ -14,7 +14,8 @@ namespace korvane {
 namespace {
 
 constexpr const char *presentVersion = "5";
-constexpr std::size_t shownInput = 1600; // characters
+// Characters. What a server says of its tools has no bound of its own, and must not push the input out of sight.
+constexpr std::size_t shownInput = 1600, shownDescription = 2000, shownName = 200;
 
 Database::Uptime uptimeOf(const Platform &platform)
 {
@@ -96,8 +97,9 @@ Task<void> askFor(const AppServices &services, const ToolDefinition &tool, const
         shown = input.encodedString();
     } catch (const JSONError &) {
     }
-    std::string title = L10n::format("AI wants to run %@", tool.name);
-    std::string detail = tool.description + "\n\n" + std::string(firstCharacters(shown, shownInput));
+    std::string title = L10n::format("AI wants to run %@", std::string(boundedBeginning(tool.name, shownName)));
+    std::string detail(boundedBeginning(tool.description, shownDescription));
+    detail.append("\n\n").append(boundedBeginning(shown, shownInput));
     co_await services.permissions.confirm(std::move(title), std::move(detail));
 }
 
@@ -231,7 +233,7 @@ AgentStore &AppServices::agents()
             .folders = platform.folders,
             .tools = tools(),
             .repository = AgentRepository(database),
-            .loader = std::make_unique<SkillLoader>(platform.pool)});
+            .loader = std::make_unique<SkillLoader>(platform.detached)});
     return *lazyAgents;
 }
 

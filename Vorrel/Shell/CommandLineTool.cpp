@@ -64,7 +64,7 @@ constexpr std::string_view usage = R"(Usage: korvanectl COMMAND [ARGUMENTS] [--j
   settings set KEY VALUE    changes one, while Korvane does not run
 
   --json      lists as a JSON array of objects
-  --yes       gives the consent that an action asks for
+  --yes       gives the consent that is asked for, to whatever a model wants too
   --help      this text
   --version   the version
   --          ends the options
@@ -92,10 +92,10 @@ std::string_view nameOf(ResultKind kind)
     return {};
 }
 
-/// One cell of a plain list: what would break the row is shown as blanks.
+/// One cell of a plain list: what would break the row is shown as blanks, and nothing in it moves the terminal's cursor.
 std::string cell(std::string_view text)
 {
-    std::string shown = displayable(text);
+    std::string shown = withoutControls(text);
     std::replace_if(
         shown.begin(), shown.end(), [](char c) { return c == '\t' || c == '\n' || c == '\r'; }, ' ');
     return shown;
@@ -416,10 +416,11 @@ int CommandLineTool::quicklink(const Line &line)
         const std::string title(trimmed(line.words[2]));
         if (title.empty())
             throw AppError(AppError::Kind::configuration, "Give the quicklink a name.");
-        Quicklink link{newUUID(), title, Quicklinks::validatedURL(line.words[3])};
+        const Quicklink link{newUUID(), title, Quicklinks::validatedURL(line.words[3])};
         const auto services = wait(openServices(Use::Write));
-        wait(services->quicklinks.save(std::move(link)));
+        wait(services->quicklinks.save(link));
         wait(services->database->close());
+        host.out(link.id + "\n");
         return 0;
     }
     if (what != "remove" || line.words.size() != 3)
@@ -525,9 +526,11 @@ int CommandLineTool::saveAgent(const std::string &path)
     } catch (const JSONError &) {
         throw Refusal{"The file " + path + " describes no Agent."};
     }
+    refuseWhileKorvaneRuns("the Agents");
     const auto services = wait(openServices(Use::Write));
-    wait(AgentRepository(services->database).save(std::move(agent)));
+    wait(AgentRepository(services->database).save(agent));
     wait(services->database->close());
+    host.out(cell(agent.id) + "\n");
     return 0;
 }
 
@@ -535,19 +538,14 @@ int CommandLineTool::skills(const Line &line)
 {
     if (line.words[1] != "scan")
         throw UsageError("These are not the arguments of skills.");
-    SkillLoader loader(host.platform.pool);
+    SkillLoader loader(host.platform.detached);
     const SkillLoader::Scan scan = wait(loader.scan(SkillLocations::roots(host.platform.folders)));
     Table table;
     for (const Skill &skill : scan.skills) {
         table.plain.push_back({skill.name, skill.path, skill.description});
         table.json.push_back(skill.json());
     }
-    if (line.json) {
-        const JSONValue::Array warnings(scan.warnings.begin(), scan.warnings.end());
-        host.out(JSONValue(JSONValue::Object{{"skills", table.json}, {"warnings", warnings}}).encodedString() + "\n");
-        return 0;
-    }
-    print(table, false);
+    print(table, line.json);
     for (const std::string &warning : scan.warnings)
         host.err(cell(warning) + "\n");
     return 0;
@@ -557,8 +555,6 @@ int CommandLineTool::skills(const Line &line)
 
 int CommandLineTool::ask(const Line &line)
 {
-    if (line.yes)
-        throw UsageError("Each tool and each server is allowed by its own name, with --allow.");
     if (trimmed(line.words[1]).empty())
         throw UsageError("The request is empty.");
     const auto services = wait(openServices(Use::Write));
@@ -570,6 +566,7 @@ int CommandLineTool::ask(const Line &line)
     wait(state->start());
     if (state->error())
         throw Refusal{*state->error()};
+    readShortcuts(*services);
     withServers(*services, serversFor(*services, line), [&] {
         openAssistant(*state, line);
         answer(*state, line.words[1]);
@@ -579,6 +576,15 @@ int CommandLineTool::ask(const Line &line)
     host.out((line.json ? JSONValue(json).encodedString() : withoutControls(text)) + "\n");
     wait(services->database->close());
     return 0;
+}
+
+/// A model is told the shortcuts that are known, and here nothing else asks for them. Without them it is told none.
+void CommandLineTool::readShortcuts(AppServices &services)
+{
+    try {
+        wait(services.shortcuts->refreshNow());
+    } catch (const std::exception &) { // of the tool, or of the system that could not start it
+    }
 }
 
 void CommandLineTool::openAssistant(PaletteState &state, const Line &line)
@@ -650,10 +656,12 @@ int CommandLineTool::addServer(const std::string &path)
     } catch (const JSONError &) {
         throw Refusal{"The file " + path + " describes no MCP server."};
     }
+    refuseWhileKorvaneRuns("the servers");
     const auto services = wait(openServices(Use::Write));
     wait(services->mcp().load());
-    wait(services->mcp().add(std::move(server)));
+    wait(services->mcp().add(server));
     wait(services->database->close());
+    host.out(cell(server.id) + "\n");
     return 0;
 }
 
@@ -672,6 +680,7 @@ int CommandLineTool::listServers(const Line &line)
 
 int CommandLineTool::removeServer(const std::string &id)
 {
+    refuseWhileKorvaneRuns("the servers");
     const auto services = wait(openServices(Use::Write));
     wait(services->mcp().load());
     wait(services->mcp().remove(serverNamed(*services, id)));
@@ -757,7 +766,8 @@ std::vector<MCPServerConfiguration> CommandLineTool::serversFor(AppServices &ser
 {
     std::vector<MCPServerConfiguration> servers;
     for (const std::string &id : line.connected)
-        servers.push_back(serverNamed(services, id));
+        if (std::ranges::find(servers, id, &MCPServerConfiguration::id) == servers.end())
+            servers.push_back(serverNamed(services, id));
     if (!services.preferences().preferences->aiEnabled)
         return {};
     for (const MCPServerConfiguration &server : servers)
@@ -846,8 +856,7 @@ int CommandLineTool::changeSetting(const std::string &key, const std::string &va
     const JSONValue defaults = AppPreferences().json();
     if (!defaults.object()->contains(key))
         throw UsageError("There is no setting " + key + ".");
-    if (SingleInstanceLock::isHeld(host.platform.folders))
-        throw Refusal{"Korvane runs and keeps the settings itself. Quit it first."};
+    refuseWhileKorvaneRuns("the settings");
     const auto services = wait(openServices(Use::Write));
     SettingsState &settings = services->preferences();
     wait(settings.load());
@@ -862,6 +871,13 @@ int CommandLineTool::changeSetting(const std::string &key, const std::string &va
     if (settings.message.get() != "Settings saved.")
         throw Refusal{settings.message};
     return 0;
+}
+
+/// A running Korvane would go on with what it has read, and write it over what is changed here.
+void CommandLineTool::refuseWhileKorvaneRuns(std::string_view what) const
+{
+    if (SingleInstanceLock::isHeld(host.platform.folders))
+        throw Refusal{"Korvane runs and keeps " + std::string(what) + " itself. Quit it first."};
 }
 
 std::string CommandLineTool::absolute(const std::string &path) const
@@ -932,7 +948,14 @@ int CommandLineTool::addIndexRoot(const std::string &folder)
     std::error_code failure;
     if (!std::filesystem::is_directory(folder, failure))
         throw Refusal{"There is no folder " + folder + "."};
-    return changeIndex([&folder](FileIndex &index) { index.addRoot(folder); });
+    changeIndex([&folder](FileIndex &index) { index.addRoot(folder); });
+    const auto services = wait(openServices(Use::Read));
+    const FileIndexRepository repository(services->database, host.platform.folders, host.platform.clock);
+    const auto roots = wait(repository.roots());
+    const auto added = std::ranges::find(roots, folder, &IndexRoot::path);
+    if (added != roots.end())
+        host.out(added->id + "\n");
+    return 0;
 }
 
 int CommandLineTool::removeIndexRoot(const std::string &id)
@@ -955,8 +978,7 @@ int CommandLineTool::changeIndex(const std::function<void(FileIndex &)> &change)
         AppServices::createPrivateFolder(*host.platform.folders.korvane());
         FileLock::Failure failure{};
         lock = FileLock::tryTake(*path, &failure);
-        if (SingleInstanceLock::isHeld(host.platform.folders))
-            throw Refusal{"Korvane runs and keeps the index itself. Quit it first."};
+        refuseWhileKorvaneRuns("the index");
         if (!lock && failure == FileLock::Failure::taken)
             throw Refusal{"Another program works on the index. Try again when it has ended."};
     }
@@ -1018,6 +1040,8 @@ int CommandLineTool::secret(const Line &line)
     const std::string &what = line.words[1], &account = line.words[2];
     if (account.empty())
         throw UsageError("The account of a secret has a name.");
+    if (!isValidUTF8(account))
+        throw UsageError("The account of a secret is text in UTF-8.");
     if (what == "set")
         return setSecret(account);
     if (what == "has")

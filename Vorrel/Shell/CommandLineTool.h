@@ -76,6 +76,7 @@ private:
     int settings(const Line &line);
 
     // Requests to a model
+    void readShortcuts(AppServices &services);
     void openAssistant(PaletteState &state, const Line &line);
     void answer(PaletteState &state, const std::string &text);
 
@@ -93,6 +94,7 @@ private:
     // Settings
     int showSettings(const Line &line);
     int changeSetting(const std::string &key, const std::string &value);
+    void refuseWhileKorvaneRuns(std::string_view what) const;
 
     // What else the store holds
     int listQuicklinks(const Line &line);

@@ -3,6 +3,7 @@
 #include "Support/Memory.h"
 #include "Support/Text.h"
 #include "Support/UUID.h"
+#include "Vorrel/AI/OpenAIProvider.h"
 #include "Vorrel/Launch/Quicklinks.h"
 #include "Vorrel/Shell/AppServices.h"
 #include "Vorrel/Shell/L10n.h"
@@ -427,6 +428,8 @@ Task<void> SettingsState::openSettingsTask(SettingsPage page, std::string otherw
     if (!opened)
         message = std::move(otherwise);
 }
+
+std::string SettingsState::providerNote() const { return OpenAIProvider::endpointNote(services.platform.environment); }
 
 std::vector<Subscription> SettingsState::observe(const std::function<void()> &changed)
 {

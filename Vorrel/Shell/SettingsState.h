@@ -65,6 +65,9 @@ public:
     /// What a status means to the user: English, a key of `L10n`.
     static const char *sentence(LoginItemStatus status);
 
+    /// Where requests to a model go, and how to change it; localised.
+    std::string providerNote() const;
+
     // How the following ended stands in `message`; all return at once.
     void removeKey(); ///< Forgets the key for the provider.
     void clearClipboard(); ///< Deletes the clipboard history, once the user has confirmed it.

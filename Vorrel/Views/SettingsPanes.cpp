@@ -248,6 +248,7 @@ AISettingsPane::AISettingsPane(const PaneParts &parts) : SettingsPane(parts)
     auto *name = new Text(parts.appearance, TypeSize::Body, Text::Tone::Secondary, QFont::Normal, provider);
     name->setText(shownText(L10n::key("OpenAI · Responses API")));
     provider->addRow(label, name);
+    provider->addNote(fromUtf8(parts.state.providerNote()));
     provider->column().addSpacing(4);
     model = new LineField(parts.appearance, shownText(L10n::key("Model")), LineField::Kind::Plain, provider);
     model->edited = [this](const std::string &typed) { edit([&](AppPreferences &draft) { draft.model = typed; }); };

@@ -21,6 +21,7 @@
 #include <QPointer>
 #include <QWidget>
 
+#include <clocale>
 #include <csignal>
 #include <cstdio>
 #include <sys/signalfd.h>
@@ -81,6 +82,8 @@ int main(int count, char **words)
         qputenv("QT_QPA_PLATFORM", "xcb");
     QApplication::setDesktopFileName("dev.korvane.vorrel");
     QApplication application(count, words);
+    // The toolkit has taken the user's locale for the C library, whose readers of numbers must know the point everywhere.
+    std::setlocale(LC_NUMERIC, "C");
     QApplication::setQuitOnLastWindowClosed(false);
 
     QtMainLoop mainLoop;

@@ -31,6 +31,7 @@ public:
         if (!::isatty(STDIN_FILENO) || !::isatty(STDERR_FILENO))
             co_return false;
         std::cerr << withoutControls(title) << "\n" << withoutControls(detail) << "\nAllow? [y/N] " << std::flush;
+        ::tcflush(STDIN_FILENO, TCIFLUSH); // what was typed before is no answer to what only now stands here
         std::string answer;
         std::getline(std::cin, answer);
         co_return answer == "y" || answer == "Y" || answer == "yes";
@@ -106,13 +107,14 @@ void showProgress(std::string_view line)
     write(stderr, text);
 }
 
-/// What is typed, a secret, is not shown.
+/// What is typed, a secret, is not shown; what comes after it is, also when a signal ends the process.
 class HiddenTyping {
 public:
     HiddenTyping()
     {
         if (::tcgetattr(STDIN_FILENO, &before) != 0)
             return;
+        handle(restoreAndEnd);
         termios silent = before;
         silent.c_lflag &= ~tcflag_t(ECHO);
         changed = ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent) == 0;
@@ -121,12 +123,27 @@ public:
     {
         if (changed)
             ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &before);
+        handle(SIG_DFL);
     }
     HiddenTyping(const HiddenTyping &) = delete;
     HiddenTyping &operator=(const HiddenTyping &) = delete;
 
 private:
-    termios before{};
+    static void handle(void (*handler)(int))
+    {
+        struct sigaction action = {};
+        action.sa_handler = handler;
+        action.sa_flags = static_cast<int>(SA_RESETHAND | unsigned(SA_NODEFER));
+        for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGHUP})
+            ::sigaction(signal, &action, nullptr);
+    }
+    static void restoreAndEnd(int signal)
+    {
+        ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &before);
+        ::raise(signal);
+    }
+
+    static inline termios before{}; // a handler of signals can be given nothing else
     bool changed = false;
 };
 

@@ -7,7 +7,9 @@
 #include <rapidcheck/gtest.h>
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
+#include <cstdint>
 #include <limits>
 
 using namespace korvane;
@@ -70,7 +72,7 @@ JSONValue anyValue(int depth)
     case 0: return nullptr;
     case 1: return *rc::gen::arbitrary<bool>();
     case 2: {
-        const double number = *rc::gen::arbitrary<double>();
+        const auto number = std::bit_cast<double>(*rc::gen::arbitrary<std::uint64_t>()); // of every size
         return std::isfinite(number) ? number : 0.5;
     }
     case 3: return displayable(*rc::gen::arbitrary<std::string>());
@@ -404,6 +406,14 @@ RC_GTEST_PROP(JSONLaws, WhatIsWrittenReadsBackEqual, ())
 {
     const auto value = anyValue(3);
     RC_ASSERT(JSONValue::parse(value.encodedString()) == value);
+}
+
+RC_GTEST_PROP(JSONLaws, ANumberOfAnySizeReadsBackToTheSameBits, (std::uint64_t bits))
+{
+    const auto number = std::bit_cast<double>(bits);
+    RC_PRE(std::isfinite(number));
+    const auto read = JSONValue::parse(JSONValue(number).encodedString());
+    RC_ASSERT(read.number() && std::bit_cast<std::uint64_t>(*read.number()) == bits);
 }
 
 RC_GTEST_PROP(JSONLaws, AnyBytesAreReadOrRefused, ())

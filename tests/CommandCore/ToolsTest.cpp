@@ -184,6 +184,35 @@ TEST_F(Tools, ACallThatWasCancelledWhileTheQuestionStoodDoesNotActThoughItWasAll
     EXPECT_EQ(log, Strings{"ask write {}"});
 }
 
+TEST_F(Tools, ACallThatIsCancelledBeforeItActsDoesNotActThoughNobodyHadToBeAsked)
+{
+    struct Cancelling final : Tool {
+        const ToolDefinition &definition() const override
+        {
+            whenAsked();
+            return told;
+        }
+        Task<ToolResult> execute(JSONValue) const override
+        {
+            ++runs;
+            co_return ToolResult(JSONValue("done"));
+        }
+        ToolDefinition told{.name = "read", .description = "", .inputSchema = JSONValue::schema({}, {})};
+        std::function<void()> whenAsked = [] {};
+        mutable int runs = 0;
+    };
+    const auto reading = std::make_shared<Cancelling>();
+    registry.registerTool(reading);
+    std::string outcome;
+    TaskHandle handle;
+    reading->whenAsked = [&] { handle.cancel(); };
+    handle = spawn(loop.executor(), note(registry, "read", JSONValue::Object{}, outcome));
+    loop.runUntilIdle();
+    EXPECT_EQ(outcome, "cancelled");
+    EXPECT_EQ(reading->runs, 0);
+    EXPECT_EQ(log, Strings{});
+}
+
 TEST_F(Tools, ADenialIsToldAlsoWhenTheCallWasCancelledMeanwhile)
 {
     tool("write", ToolPermission::write);

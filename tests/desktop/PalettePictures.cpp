@@ -38,6 +38,10 @@ constexpr struct {
     int scale;
 } alsoKept[] = {
     {"filefilters", {"zh", false}, 1},
+    {"ai", {"zh", false}, 1},
+    {"airunning", {"zh", true}, 1},
+    {"aierror", {"zh", false}, 1},
+    {"approval", {"zh", true}, 1},
     {"settingsissue", {"zh", true}, 1},
     {"settingsskills", {"zh", false}, 1},
     {"settingslinks", {"zh", true}, 1},

@@ -531,7 +531,7 @@ constexpr PictureState states[] = {
             showAssistant(scene,
                 "Two reports changed this week:\n\n1. Final report of the first expedition.pdf — Documents/Research/2026\n"
                 "2. 第四季度财务报告（最终版）.xlsx — 项目\n\nShall I open the first one?",
-                "gpt-4.1-mini");
+                {});
         }},
     {"shortcuts",
         [](Stage &scene) {

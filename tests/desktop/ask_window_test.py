@@ -2,12 +2,15 @@
 
 ask_window_test.py KORVANE KORVANECTL, inside with-desktop.sh --accessibility.
 """
+import json
 import os
+import pathlib
+import sqlite3
 import subprocess
 import sys
 
 import provider
-from provider import KEY, Provider
+from provider import ANSWER, KEY, Provider
 from screen_reader import Atspi, below, find_program, has, soon
 
 KORVANE, KORVANECTL = sys.argv[1:]
@@ -61,6 +64,18 @@ def main():
         soon(lambda: window.says("Ask AI"), "the row of requests")
         press("Return")
         soon(lambda: not window.says("ask ai"), "the mode of requests")
+        soon(lambda: window.says("approval"), "the introduction")
+
+        write("wait")
+        press("Return")
+        soon(lambda: window.says("Thinking…"), "that it works")
+        soon(lambda: len(Provider.requests) == 1, "the request at the provider")
+        press("Escape")
+        soon(lambda: not window.says("Thinking…"), "the end of the request")
+        assert window.says("approval") and not window.says("cancelled"), "Escape has no word and leaves nothing behind"
+        soon(window.has_keyboard, "the keyboard still in the field")
+        Provider.requests.clear()
+        press("ctrl+a")
 
         write("copy the tide")
         press("Return")
@@ -80,7 +95,11 @@ def main():
         copied = subprocess.run(["xclip", "-selection", "clipboard", "-o"], capture_output=True, timeout=5).stdout
         assert copied == b"tide at noon", copied
         assert not window.says(KEY)
+        store = pathlib.Path(os.environ["XDG_DATA_HOME"]) / "Korvane" / "korvane.sqlite"
+        kept = sqlite3.connect(store).execute("SELECT messages FROM conversations").fetchall()
+        assert [[one["content"] for one in json.loads(text)] for (text,) in kept] == [["copy the tide", ANSWER]], kept
     finally:
+        Provider.may_go_on.set()
         program.terminate()
         program.wait(10)
 

@@ -34,12 +34,15 @@ def call(body, described, arguments, number=0):
 
 
 class Provider(Endpoint):
-    """Wants to list a folder, then to copy, then answers."""
+    """Wants to list a folder, then to copy, then answers. To "wait" it answers nothing until it may go on."""
 
     requests = []
+    may_go_on = threading.Event()
 
     def output(self, body):
         Provider.requests.append((self.path, self.headers["Authorization"], body))
+        if body["input"][-1].get("content") == "wait":
+            Provider.may_go_on.wait(60)
         kinds = [item.get("type") for item in body["input"]]
         step = kinds.count("function_call_output")
         if step == 0:

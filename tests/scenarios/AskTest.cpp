@@ -145,6 +145,22 @@ TEST_F(AskScenario, AQuestionShowsTheFirstSixteenHundredCharactersOfTheInput)
     EXPECT_EQ(detailFor(100'000), ahead + most);
 }
 
+TEST_F(AskScenario, AQuestionStaysShortWhateverAServerPilesUp)
+{
+    std::string piled = "a";
+    while (piled.size() < 1'000'000)
+        piled += "\u0301"; // still one character
+    const auto tool = std::make_shared<ScriptedTool>(piled, ToolPermission::destructive);
+    tool->told.description = std::string(1'000'000, 'd');
+    services->tools().registerTool(tool);
+    Begun<ToolResult> call(loop, services->tools().call(piled, JSONValue::Object{{"t", piled}}));
+    settle();
+    const auto asked = dialogs.asked().back();
+    EXPECT_LE(asked.title.size(), 200 * 32 + 32U);
+    EXPECT_EQ(asked.detail.find("\n\n{\"t\":\"a"), 2000U) << "the input stays in sight";
+    EXPECT_LE(asked.detail.size(), 2000 + 1600 * 32 + 2U);
+}
+
 TEST_F(AskScenario, AnInputThatJsonCannotExpressIsAskedForWithoutIt)
 {
     Begun<ToolResult> call(

@@ -33,7 +33,8 @@ struct HeadlessDesktop {
             .preview = &preview,
             .secrets = &secrets,
             .loginItem = &loginItem,
-            .servers = &servers};
+            .servers = &servers,
+            .detached = [this](std::function<void()> work) { runLater(loop.executor(), std::move(work)); }};
     }
 
     MainLoop loop;

@@ -63,7 +63,7 @@ ScriptedAgents::ScriptedAgents(Executor loop, std::unique_ptr<ToolRegistry> tool
         .folders = {.home = "/nowhere", .data = {}},
         .tools = *tools,
         .repository = AgentRepository(nullptr),
-        .loader = std::make_unique<ScriptedSkills>(loop)}),
+        .loader = std::make_unique<ScriptedSkills>([loop](std::function<void()> work) { runLater(loop, std::move(work)); })}),
     skillFiles(static_cast<ScriptedSkills &>(loader())), ownTools(std::move(tools))
 {
 }

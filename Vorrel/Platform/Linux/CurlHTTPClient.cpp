@@ -16,6 +16,7 @@ namespace {
 
 constexpr std::chrono::seconds patience{2};
 constexpr int longestPoll = 1000; // milliseconds; a cancellation wakes it
+constexpr std::size_t mostOfHeaders = 1'000'000; // bytes, those of interim answers too
 
 void initializeLibrary()
 {
@@ -191,6 +192,9 @@ private:
     /// False when nothing more is wanted.
     bool takeHeader(std::string_view line)
     {
+        headerBytes += line.size();
+        if (headerBytes > mostOfHeaders)
+            return false;
         if (line != "\r\n" && line != "\n")
             return true;
         long status = 0;
@@ -225,6 +229,7 @@ private:
     HeaderLines headers; ///< Longer than the handle that uses them.
     std::unique_ptr<CURL, FreeEasy> easy;
     HTTPResponse response;
+    std::size_t headerBytes = 0;
     bool finished = false; ///< What is known will do, though the server has more to say.
 
     std::mutex mutex;
@@ -283,14 +288,20 @@ Task<HTTPResponse> CurlHTTPClient::post(HTTPRequest request)
     } const ending{*transfer};
     std::function<void(Continuation<HTTPResponse>)> begin = [this, &transfer](Continuation<HTTPResponse> done) {
         running->add(transfer);
-        runOnOwnThread([running = running, transfer, done]() mutable {
+        auto work = [running = running, transfer, done]() mutable {
             try {
                 done.resume(transfer->run());
             } catch (...) {
                 done.fail(std::current_exception());
             }
             running->remove(transfer);
-        });
+        };
+        try {
+            runOnOwnThread(std::move(work));
+        } catch (...) {
+            running->remove(transfer);
+            throw;
+        }
     };
     co_return co_await suspend<HTTPResponse>(std::move(begin));
 }

@@ -168,6 +168,8 @@ public:
         if (const Outcome opened = open(); opened != Outcome::done)
             return opened;
         const Attributes attributes = attributesOf(item);
+        if (!attributes)
+            return Outcome::failed; // no text: the library would not even begin
         const auto result = calls.run(limits.call, [&](GCancellable *cancellable, GAsyncReadyCallback done, gpointer data) {
             secret_service_search(service.get(), schema(), attributes.get(), SECRET_SEARCH_ALL, cancellable, done, data);
         });
@@ -218,6 +220,8 @@ public:
         if (const Outcome opened = open(); opened != Outcome::done)
             return opened;
         const Attributes attributes = attributesOf(item);
+        if (!attributes)
+            return Outcome::failed; // no text: the library would not even begin
         const Value value = valueOf(bytes);
         const std::string label = "Korvane: " + item.account;
         const auto result = calls.run(limits.prompt, [&](GCancellable *cancellable, GAsyncReadyCallback done, gpointer data) {

@@ -38,7 +38,7 @@ struct AgentStoreTest : testing::Test {
     AgentStoreTest()
     {
         desktop.folders.home = folder.path;
-        store = storeWith(std::make_shared<SkillLoader>(desktop.loop.executor()));
+        store = storeWith(std::make_shared<SkillLoader>(desktop.platform().detached));
     }
     ~AgentStoreTest() override { desktop.loop.shutDown(); }
 
@@ -304,7 +304,7 @@ TEST_F(AgentStoreTest, AScanShowsWhatItFoundAndSaysHowMuch)
 
 TEST_F(AgentStoreTest, NothingElseBeginsWhileAScanGoesOn)
 {
-    const auto loader = std::make_shared<HeldLoader>(desktop.loop.executor());
+    const auto loader = std::make_shared<HeldLoader>(desktop.platform().detached);
     store = storeWith(loader);
     store->scanSkills();
     store->scanSkills();
@@ -323,7 +323,7 @@ TEST_F(AgentStoreTest, NothingElseBeginsWhileAScanGoesOn)
 
 TEST_F(AgentStoreTest, AStoreMayGoAwayWhileItWorks)
 {
-    const auto loader = std::make_shared<HeldLoader>(desktop.loop.executor());
+    const auto loader = std::make_shared<HeldLoader>(desktop.platform().detached);
     store = storeWith(loader);
     store->scanSkills();
     settle();

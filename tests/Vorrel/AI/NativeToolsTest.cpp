@@ -344,6 +344,18 @@ TEST_F(NativeToolsTest, AnyInputGivesAnAnswerOrASentence)
     }
 }
 
+TEST_F(NativeToolsTest, AnEnormousQueryIsFoldedOnceForAllApplications)
+{
+    for (int i = 0; i < 300; ++i)
+        application("Program " + std::to_string(i));
+    await(desktop.loop, services->applications->refresh());
+    std::string query;
+    while (query.size() < 7'000'000) // once for each would take longer than a test may
+        query += "É\u0327";
+    EXPECT_EQ(call("application.search", Object{{"query", query}}), JSONValue(Array{}));
+    EXPECT_EQ(call("application.search", Object{{"query", "program 7"}}).array()->size(), 11U);
+}
+
 // The clipboard
 
 TEST_F(NativeToolsTest, ReadingTheClipboardIsAskedForEachTimeWhateverThePolicy)

@@ -73,10 +73,33 @@ struct SkillLoaderTest : testing::Test {
 
     DiskFolder folder;
     MainLoop loop;
-    SkillLoader loader{loop.executor()};
+    SkillLoader loader{[this](std::function<void()> work) { runLater(loop.executor(), std::move(work)); }};
 };
 
 } // namespace
+
+// A volume that does not answer
+
+TEST_F(SkillLoaderTest, WhoIsCancelledWaitsForNoDiskAndTheWorkEndsAtItsNextStep)
+{
+    std::vector<std::function<void()>> begun;
+    const auto hanging = [&begun](std::function<void()> work) { begun.push_back(std::move(work)); };
+    SkillLoader far(hanging);
+    const std::string path = folder.file("skills/a/SKILL.md", skillText("a"));
+    {
+        Begun<std::vector<Skill>> load(loop, far.load({path}));
+        Begun<SkillLoader::Scan> look(loop, far.scan({folder / "skills"}));
+        loop.runUntilIdle();
+        ASSERT_EQ(begun.size(), 2U);
+        load.cancel();
+        look.cancel();
+        EXPECT_THROW(load.result(), Cancelled);
+        EXPECT_THROW(look.result(), Cancelled);
+    }
+    for (const auto &work : begun)
+        work(); // the volume answers after all
+    loop.runUntilIdle();
+}
 
 // Where skills are
 
@@ -126,10 +149,11 @@ TEST_F(SkillLoaderTest, OfTwoHundredAndOneEntriesTheLastIsNotLookedAtAndOneWarni
 {
     for (int i = 0; i < 201; ++i)
         folder.file("skills/" + std::to_string(1000 + i) + "/SKILL.md", skillText(std::to_string(i)));
+    folder.file("skills/1000/SKILL.md", "nothing");
     const auto found = scan();
-    EXPECT_EQ(found.skills.size(), 200U);
+    EXPECT_EQ(found.skills.size(), 199U);
     EXPECT_EQ(found.skills.back().name, "199");
-    EXPECT_THAT(found.warnings, ElementsAre("Only the first 200 entries in skills were scanned."));
+    EXPECT_THAT(found.warnings, ElementsAre("Only the first 200 entries in skills were scanned.", "1000: " + noFrontmatter));
 }
 
 TEST_F(SkillLoaderTest, TwoHundredEntriesAreNoReasonToWarnAndHiddenOnesDoNotCount)

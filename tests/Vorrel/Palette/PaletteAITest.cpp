@@ -324,34 +324,63 @@ TEST_F(AskAI, EscapeEndsARunWithoutAWordAndASecondOneLeavesTheMode)
     EXPECT_EQ(state->mode(), Mode::commands);
 }
 
-TEST_F(AskAI, EscapeHasNoWordAlsoWhereWhatWasInterruptedCallsItAFailure)
-{
+namespace {
+
+/// A provider that answers its cancellation with a failure.
+struct AskRudely : AskAI {
     struct Rude final : ModelProvider {
-        explicit Rude(Clock &clock) : clock(clock) { }
+        explicit Rude(AskRudely &test) : test(test) { }
         Task<ModelResponse> chat(std::vector<Message>, std::vector<ToolDefinition>, std::optional<std::string>) override
         {
             try {
-                co_await clock.sleep(1s);
+                co_await test.clock.sleep(1s);
             } catch (const Cancelled &) {
             }
+            ++test.failures;
             throw network();
         }
-        Clock &clock;
+        AskRudely &test;
     };
-    auto database = await(loop, Database::open(loop.executor(), ":memory:", Database::Access::readWrite));
-    AppServices::Injected injected;
-    injected.makeProvider = [this](std::string) { return std::make_unique<Rude>(clock); };
-    AppServices rude(platform(), std::move(database), std::move(injected));
-    rude.preferences().preferences = AppPreferences{.aiEnabled = true};
-    const auto asking = std::make_shared<PaletteState>(rude, *coordinator);
-    asking->enter(Mode::ai);
-    asking->setInputText("question");
-    asking->execute();
-    settle();
+    AskRudely()
+    {
+        auto database = await(loop, Database::open(loop.executor(), ":memory:", Database::Access::readWrite));
+        AppServices::Injected injected;
+        injected.makeProvider = [this](std::string) { return std::make_unique<Rude>(*this); };
+        rude = std::make_unique<AppServices>(platform(), std::move(database), std::move(injected));
+        rude->preferences().preferences = AppPreferences{.aiEnabled = true};
+        asking = std::make_shared<PaletteState>(*rude, *coordinator);
+        asking->enter(Mode::ai);
+        asking->setInputText("question");
+        asking->execute();
+        settle();
+    }
+
+    std::unique_ptr<AppServices> rude;
+    std::shared_ptr<PaletteState> asking;
+    int failures = 0;
+};
+
+} // namespace
+
+TEST_F(AskRudely, EscapeHasNoWordAlsoWhereWhatWasInterruptedCallsItAFailure)
+{
     asking->escape();
     settle();
+    EXPECT_EQ(failures, 1);
     EXPECT_FALSE(asking->busy());
     EXPECT_EQ(asking->error(), std::nullopt);
+}
+
+TEST_F(AskRudely, AFailureThatComesAfterHidingIsNotShownInTheNextSession)
+{
+    asking->cancelWork();
+    asking->enter(Mode::ai);
+    settle();
+    wait(1s);
+    EXPECT_EQ(failures, 1);
+    EXPECT_FALSE(asking->busy());
+    EXPECT_EQ(asking->error(), std::nullopt);
+    EXPECT_EQ(asking->aiStatus(), "");
 }
 
 TEST_F(AskAI, EscapeWhileAQuestionStandsTakesItAway)

@@ -1,3 +1,4 @@
+#include "Support/FileLock.h"
 #include "tests/Vorrel/Shell/TestTool.h"
 
 #include <gmock/gmock.h>
@@ -33,7 +34,7 @@ TEST_F(AgentCommands, AnAgentIsSavedFromAFileListedAndFoundAsARow)
     EXPECT_EQ(out, "");
     const auto path = file("pilot.json", pilot.json().encodedString());
     EXPECT_EQ(run({"agents", "save", path}), 0) << err;
-    EXPECT_EQ(out, "");
+    EXPECT_EQ(out, "0A\n");
     EXPECT_EQ(run({"agents", "list"}), 0);
     EXPECT_EQ(out, "0A\tHarbour pilot\tm-1\n");
     EXPECT_EQ(run({"agents", "list", "--json"}), 0);
@@ -82,17 +83,33 @@ TEST_F(AgentCommands, WhatIsNoUsableAgentIsRefusedAndNothingIsSaved)
 TEST_F(AgentCommands, SkillsAreScannedWithTheirWarnings)
 {
     EXPECT_EQ(run({"skills", "scan", "--json"}), 0) << err;
-    EXPECT_EQ(JSONValue::parse(out), JSONValue::parse(R"({"skills":[],"warnings":[]})"));
+    EXPECT_EQ(out, "[]\n");
     const auto path = file(".claude/skills/tides/SKILL.md", "---\nname: Tides\ndescription: Reads tables\n---\nRead.");
     file(".config/agents/skills/broken/SKILL.md", "nothing");
     EXPECT_EQ(run({"skills", "scan"}), 0);
     EXPECT_EQ(out, "Tides\t" + path + "\tReads tables\n");
     EXPECT_EQ(err, "broken: SKILL.md needs name and description frontmatter.\n");
     EXPECT_EQ(run({"skills", "scan", "--json"}), 0);
-    EXPECT_EQ(err, "");
-    const auto scan = JSONValue::parse(out);
-    EXPECT_EQ(scan["skills"], JSONValue(JSONValue::Array{Skill{"Tides", "Reads tables", "Read.", path}.json()}));
-    EXPECT_EQ(scan["warnings"].array()->size(), 1U);
+    EXPECT_EQ(err, "broken: SKILL.md needs name and description frontmatter.\n");
+    EXPECT_EQ(JSONValue::parse(out), JSONValue(JSONValue::Array{Skill{"Tides", "Reads tables", "Read.", path}.json()}));
+}
+
+TEST_F(AgentCommands, WhatSomebodyElseWroteDoesNothingToATerminal)
+{
+    file(".claude/skills/tides/SKILL.md", "---\nname: \x1b]0;mine\x07\ndescription: \u202Etxt\x1b[2J\n---\nRead.");
+    EXPECT_EQ(run({"skills", "scan"}), 0);
+    EXPECT_THAT(out, testing::StartsWith("\uFFFD]0;mine\uFFFD\t"));
+    EXPECT_THAT(out, testing::EndsWith("\t\uFFFDtxt\uFFFD[2J\n"));
+}
+
+TEST_F(AgentCommands, AreNotChangedUnderARunningKorvane)
+{
+    std::filesystem::create_directories(root + "/data/Korvane");
+    const auto instance = FileLock::tryTake(root + "/data/Korvane/korvane.lock");
+    EXPECT_EQ(run({"agents", "save", file("a.json", pilot.json().encodedString())}), 1);
+    EXPECT_EQ(err, "Korvane runs and keeps the Agents itself. Quit it first.\n");
+    EXPECT_EQ(run({"agents", "list"}), 0);
+    EXPECT_EQ(out, "");
 }
 
 TEST_F(AgentCommands, WrongUsageIsTold)

@@ -3,6 +3,7 @@
 #include "tests/support/ScriptedAI.h"
 
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 
 using namespace korvane;
 using namespace korvane::test;
@@ -55,6 +56,21 @@ TEST_F(AskCommand, WhatAModelSendsDoesNothingToATerminal)
     EXPECT_EQ(out, "\uFFFD]0;mine\uFFFD \uFFFDtxt\n");
 }
 
+TEST_F(AskCommand, TellsTheModelOfTheShortcutsThatThereAreNow)
+{
+    turnOn();
+    const std::string tool = root + "/shortcuts-tool";
+    std::ofstream(tool) << "#!/bin/sh\necho Tidy\necho Wake\n";
+    ASSERT_EQ(::chmod(tool.c_str(), 0700), 0);
+    shortcutsTool = ShortcutsTool{tool, {}};
+    for (const char *names : {"[\"Tidy\",\"Wake\"]", "[]"}) {
+        model.answers(wishes({wish("1", "shortcuts.list", JSONValue::Object{})})).answers(said("Two."));
+        EXPECT_EQ(run({"ask", "which shortcuts?"}), 0) << err;
+        EXPECT_EQ(model.asked.back().messages.back().content, names);
+        shortcutsTool = ShortcutsTool{root + "/nowhere", {}}; // then none are known
+    }
+}
+
 TEST_F(AskCommand, AFailureIsOneSentence)
 {
     turnOn();
@@ -90,12 +106,11 @@ TEST_F(AskCommand, InterruptingItEndsItsRequest)
     EXPECT_FALSE(stop) << "nothing of the request is reached any more";
 }
 
-TEST_F(AskCommand, TakesNoConsentForEverythingAndNoEmptyRequest)
+TEST_F(AskCommand, TakesNoEmptyRequestAndNoOptionOfAnotherCommand)
 {
     turnOn();
-    for (const auto &words :
-        {Strings{"ask", "question", "--yes"}, Strings{"ask", "  "}, Strings{"ask"}, Strings{"ask", "two", "requests"},
-            Strings{"calc", "1+1", "--allow", "file.open"}, Strings{"ask", "question", "--category", "all"}}) {
+    for (const auto &words : {Strings{"ask", "  "}, Strings{"ask"}, Strings{"ask", "two", "requests"},
+             Strings{"calc", "1+1", "--allow", "file.open"}, Strings{"ask", "question", "--category", "all"}}) {
         EXPECT_EQ(run(words), 2) << testing::PrintToString(words);
         EXPECT_EQ(out, "");
     }

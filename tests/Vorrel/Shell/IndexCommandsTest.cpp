@@ -119,6 +119,8 @@ TEST_F(IndexCommands, AFolderThatIsNotIndexedIsTold)
 TEST_F(IndexCommands, AddBringsTheDefaultRootsFirstAndThenTheFolder)
 {
     EXPECT_EQ(run({"index", "add", "../projects/"}), 0) << err;
+    const std::string printed = out;
+    EXPECT_EQ(printed, idOf(root + "/projects") + "\n");
     EXPECT_EQ(run({"index", "roots"}), 0);
     EXPECT_EQ(std::ranges::count(out, '\n'), 2);
     EXPECT_EQ(idOf(root + "/projects").size(), 36u);

@@ -1,3 +1,4 @@
+#include "Support/FileLock.h"
 #include "tests/Vorrel/Shell/TestTool.h"
 #include "tests/support/ScriptedAI.h"
 
@@ -84,7 +85,7 @@ TEST_F(McpCommand, AServerIsAddedListedAndRemoved)
     EXPECT_EQ(run({"mcp", "list"}), 0) << err;
     EXPECT_EQ(out, "");
     add();
-    EXPECT_EQ(out, "");
+    EXPECT_EQ(out, "t\n");
     EXPECT_EQ(run({"mcp", "list"}), 0);
     EXPECT_EQ(out, "t\tTide\t/opt/server\n");
     EXPECT_EQ(run({"mcp", "list", "--json"}), 0);
@@ -96,6 +97,18 @@ TEST_F(McpCommand, AServerIsAddedListedAndRemoved)
     EXPECT_EQ(out, "");
     EXPECT_EQ(launched(), 0u);
     EXPECT_TRUE(dialogs.asked.empty());
+}
+
+TEST_F(McpCommand, ServersAreNotChangedUnderARunningKorvane)
+{
+    add();
+    const auto instance = FileLock::tryTake(root + "/data/Korvane/korvane.lock");
+    EXPECT_EQ(run({"mcp", "remove", "t"}), 1);
+    EXPECT_EQ(err, "Korvane runs and keeps the servers itself. Quit it first.\n");
+    EXPECT_EQ(run({"mcp", "add", file("b.json", R"({"name":"Other","command":"/opt/other","args":[]})")}), 1);
+    EXPECT_EQ(err, "Korvane runs and keeps the servers itself. Quit it first.\n");
+    EXPECT_EQ(run({"mcp", "list"}), 0);
+    EXPECT_EQ(out, "t\tTide\t/opt/server\n");
 }
 
 TEST_F(McpCommand, WhatIsNoServerIsNotAdded)
@@ -288,5 +301,20 @@ TEST_F(AskWithServer, AServerThatIsNotThereIsTold)
     EXPECT_EQ(run({"ask", "how high?", "--connect", "t", "--connect", "x", "--allow", "mcp.t"}), 1);
     EXPECT_EQ(err, "There is no MCP server with the identifier x.\n");
     EXPECT_EQ(launched(), 0u);
-    EXPECT_EQ(run({"ask", "how high?", "--connect", "t", "--yes"}), 2) << "no consent for everything";
+}
+
+TEST_F(AskWithServer, YesIsTheConsentToAllOfIt)
+{
+    turnOn();
+    EXPECT_EQ(run({"ask", "how high?", "--connect", "t", "--yes"}), 0) << err;
+    EXPECT_EQ(out, "Two metres.\n");
+    EXPECT_EQ(dialogs.asked.size(), 2u) << "asked each time, and answered by it";
+}
+
+TEST_F(AskWithServer, AServerThatIsNamedTwiceIsAskedForAndStartedOnce)
+{
+    turnOn();
+    EXPECT_EQ(run({"ask", "how high?", "--connect", "t", "--connect", "t", "--yes"}), 0) << err;
+    EXPECT_EQ(dialogs.asked.size(), 2u);
+    EXPECT_EQ(launched(), 1u);
 }

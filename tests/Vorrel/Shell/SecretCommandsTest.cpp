@@ -35,6 +35,8 @@ TEST_F(SecretCommands, WhatIsNoTextOrTooLongIsNotKept)
     input.assign(65'537, 'x');
     EXPECT_EQ(run({"secret", "set", "ada"}), 1);
     EXPECT_EQ(err, "The secret is too long.\n");
+    EXPECT_EQ(run({"secret", "has", "\xff"}), 2);
+    EXPECT_EQ(err, "The account of a secret is text in UTF-8.\nTry: korvanectl --help\n");
     EXPECT_EQ(secrets.requests(), Strings());
 }
 

@@ -33,8 +33,9 @@ TEST_F(StoreCommands, AQuicklinkIsAddedListedFoundAndRemoved)
     EXPECT_EQ(run({"quicklink", "list"}), 0);
     EXPECT_EQ(out, "");
     EXPECT_EQ(run({"quicklink", "add", "  Tracker ", " HTTPS://bugs.example.org/ "}), 0) << err;
+    const std::string id = out.substr(0, out.find('\n'));
+    EXPECT_EQ(out, id + "\n") << "what was added";
     EXPECT_EQ(run({"quicklink", "list"}), 0);
-    const std::string id = identifierOf(out);
     EXPECT_EQ(out, id + "\tTracker\tHTTPS://bugs.example.org/\n");
     EXPECT_EQ(run({"quicklink", "list", "--json"}), 0);
     EXPECT_EQ(JSONValue::parse(out).array()->at(0)["title"], JSONValue("Tracker"));

@@ -72,7 +72,8 @@ struct TestTool : testing::Test {
             .walker = &*walker,
             .indexPlaces = {.defaultRoots = {root + "/home"}, .skippedPrefixes = {root + "/data/Korvane"}, .aliasPrefix = {}},
             .secrets = &secrets,
-            .servers = &desktop->servers};
+            .servers = &desktop->servers,
+            .shortcutsTool = shortcutsTool};
         CommandLineTool tool({.loop = desktop->loop,
             .platform = ports,
             .out = [this](std::string_view text) { out += text; },
@@ -92,6 +93,7 @@ struct TestTool : testing::Test {
     Strings progress;
     std::function<void(std::function<void()>)> onInterrupt;
     AppServices::MakeProvider makeProvider;
+    std::optional<ShortcutsTool> shortcutsTool;
     bool showsProgress = false;
     std::optional<HeadlessDesktop> desktop;
     std::optional<HeadlessDirectoryWalker> walker;

@@ -277,71 +277,195 @@ TEST_F(HTTP, ARequestIsCancelledWhileTheNameIsResolved)
     EXPECT_LE(Time::now() - start, promptly) << "the end of the client does not wait for the name either";
 }
 
-TEST_F(HTTP, ARequestIsCancelledWhileItConnects)
-{
-    // A queue of one that is full: the system drops what asks for more.
-    const Descriptor full(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    ASSERT_EQ(::bind(full.get(), reinterpret_cast<sockaddr *>(&address), size), 0);
-    ASSERT_EQ(::listen(full.get(), 0), 0);
-    ::getsockname(full.get(), reinterpret_cast<sockaddr *>(&address), &size);
-    std::vector<Descriptor> waiting;
-    for (int i = 0; i < 3; ++i) {
-        waiting.emplace_back(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-        ::connect(waiting.back().get(), reinterpret_cast<const sockaddr *>(&address), size);
-    }
-    const std::string url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/v1";
-    const auto start = Time::now();
-    EXPECT_LE(cancelled(request(url), [&] { return Time::now() - start > Milliseconds(50); }), promptly);
-}
+namespace {
 
-TEST_F(HTTP, ARequestIsCancelledInEveryPhaseOfItsConnection)
+/// An address at which nobody takes a connection: a queue of one that is full, so that the system drops what asks for more.
+struct FullQueue {
+    FullQueue()
+    {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof address;
+        EXPECT_EQ(::bind(full.get(), reinterpret_cast<sockaddr *>(&address), size), 0);
+        EXPECT_EQ(::listen(full.get(), 0), 0);
+        ::getsockname(full.get(), reinterpret_cast<sockaddr *>(&address), &size);
+        for (int i = 0; i < 3; ++i) {
+            waiting.emplace_back(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+            ::connect(waiting.back().get(), reinterpret_cast<const sockaddr *>(&address), size);
+        }
+        url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/v1";
+    }
+    const Descriptor full{::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+    std::vector<Descriptor> waiting;
+    std::string url;
+};
+
+/// A phase of a connection in which the server stops; it notes that it has come there.
+struct Phase {
+    const char *name;
+    bool secure;
+    std::size_t body;
+    TestServer::Serve serve;
+
+    HTTPRequest of(HTTPRequest asked, const TestServer &server) const
+    {
+        // The handshake hangs because the other side does not even speak TLS.
+        asked.url = secure ? "https://localhost:" + std::to_string(server.port()) + "/v1" : server.url();
+        asked.body.assign(body, ' ');
+        return asked;
+    }
+};
+
+std::vector<Phase> phases(std::atomic<int> &reached)
 {
-    const TestAuthority authority;
-    std::atomic<int> reached = 0;
-    const struct {
-        const char *why;
-        bool secure;
-        std::size_t body;
-        TestServer::Serve serve;
-    } cases[] = {
+    return {
         {"the handshake of TLS", true, 10,
-            [&](Connection &connection) {
+            [&reached](Connection &connection) {
                 ++reached;
                 connection.awaitClose();
             }},
         {"sending", false, 50'000'000,
-            [&](Connection &connection) {
+            [&reached](Connection &connection) {
                 ++reached;
                 std::this_thread::sleep_for(Milliseconds(50)); // reads nothing while the line fills
                 connection.awaitClose();
             }},
         {"waiting for the answer", false, 10,
-            [&](Connection &connection) {
+            [&reached](Connection &connection) {
                 connection.request();
                 ++reached;
                 connection.awaitClose();
             }},
         {"the body", false, 10,
-            [&](Connection &connection) {
+            [&reached](Connection &connection) {
                 connection.request();
                 connection.send("HTTP/1.1 200 OK\r\nContent-Length: 900\r\n\r\nhalf of it");
                 ++reached;
                 connection.awaitClose();
             }},
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.why);
+}
+
+} // namespace
+
+TEST_F(HTTP, ARequestIsCancelledWhileItConnects)
+{
+    const FullQueue nobody;
+    const auto start = Time::now();
+    EXPECT_LE(cancelled(request(nobody.url), [&] { return Time::now() - start > Milliseconds(50); }), promptly);
+}
+
+TEST_F(HTTP, ARequestIsCancelledInEveryPhaseOfItsConnection)
+{
+    std::atomic<int> reached = 0;
+    for (const Phase &phase : phases(reached)) {
+        SCOPED_TRACE(phase.name);
         reached = 0;
-        // The handshake hangs because the other side does not even speak TLS.
-        TestServer server(c.serve);
-        HTTPRequest asked = request(c.secure ? "https://localhost:" + std::to_string(server.port()) + "/v1" : server.url());
-        asked.body.assign(c.body, ' ');
-        EXPECT_LE(cancelled(std::move(asked), [&] { return reached == 1; }), promptly);
+        TestServer server(phase.serve);
+        EXPECT_LE(cancelled(phase.of(request(""), server), [&] { return reached == 1; }), promptly);
         EXPECT_TRUE(soon(loop, [&] { return server.closed() == 1; })) << "the connection is closed, too";
+    }
+}
+
+TEST_F(HTTP, TheTimeLimitHoldsInEveryPhase)
+{
+    const auto givenUp = [this](HTTPRequest asked) {
+        asked.timeout = Milliseconds(150);
+        return failure(std::move(asked)) == Reason::unreachable;
+    };
+    const int before = hangingNames;
+    EXPECT_TRUE(givenUp(request("https://hanging.example/v1"))) << "resolving the name";
+    EXPECT_GT(hangingNames, before);
+    const FullQueue nobody;
+    EXPECT_TRUE(givenUp(request(nobody.url))) << "connecting";
+    std::atomic<int> reached = 0;
+    for (const Phase &phase : phases(reached)) {
+        SCOPED_TRACE(phase.name);
+        reached = 0;
+        TestServer server(phase.serve);
+        EXPECT_TRUE(givenUp(phase.of(request(""), server)));
+        EXPECT_EQ(reached, 1);
+        EXPECT_TRUE(soon(loop, [&] { return server.closed() == 1; }));
+    }
+}
+
+TEST_F(HTTP, AServerThatSendsHeadersWithoutEndIsCutOff)
+{
+    for (const char *line : {"X-More: and more\r\n", "HTTP/1.1 103 Early Hints\r\nX-More: and more\r\n\r\n"}) {
+        SCOPED_TRACE(line);
+        std::atomic<std::size_t> sent = 0;
+        TestServer server([&](Connection &connection) {
+            connection.request();
+            connection.send("HTTP/1.1 103 Early Hints\r\n");
+            std::string many;
+            while (many.size() < 50'000)
+                many += line;
+            while (sent < 20'000'000 && connection.send(many))
+                sent += many.size();
+            connection.awaitClose();
+        });
+        EXPECT_TRUE(failure(server));
+        EXPECT_TRUE(soon(loop, [&] { return server.closed() == 1; }));
+        EXPECT_LT(sent, 20'000'000u);
+    }
+}
+
+TEST(ProxyVariables, AreReadInSmallLettersBeforeCapitalsAndTheSecureOneBeforeThatForAll)
+{
+    using Variables = std::map<std::string, std::string>;
+    const auto from = [](Variables variables) {
+        return CurlHTTPClient::Settings::from([&](std::string_view name) -> std::optional<std::string> {
+            const auto found = variables.find(std::string(name));
+            return found == variables.end() ? std::nullopt : std::optional(found->second);
+        });
+    };
+    Variables all{{"https_proxy", "a"}, {"HTTPS_PROXY", "b"}, {"all_proxy", "c"}, {"ALL_PROXY", "d"}};
+    for (const char *proxy : {"a", "b", "c", "d"}) {
+        EXPECT_EQ(from(all).proxy, proxy);
+        std::erase_if(all, [proxy](const auto &variable) { return variable.second == proxy; });
+    }
+    EXPECT_EQ(from({{"http_proxy", "x"}, {"https_proxy", ""}}).proxy, "") << "plain HTTP goes to this machine alone";
+    EXPECT_EQ(from({{"no_proxy", "e"}, {"NO_PROXY", "f"}}).noProxy, "e");
+    EXPECT_EQ(from({{"NO_PROXY", "f"}}).noProxy, "f");
+}
+
+TEST_F(HTTP, TheProviderTellsEachEndOfARealLineInItsSentence)
+{
+    const auto response = [](const std::string &status) { return "HTTP/1.1 " + status + "\r\nContent-Length: 5\r\n\r\nwords"; };
+    const AppError rejected(AppError::Kind::configuration, "The provider rejected your API key or model access.");
+    const AppError unreachable(AppError::Kind::network, "Could not reach the AI provider. Check your connection.");
+    const struct {
+        std::string sent;
+        AppError told;
+    } cases[] = {
+        {response("401 Unauthorized"), rejected},
+        {response("403 Forbidden"), rejected},
+        {response("429 Too Many Requests"),
+            AppError(AppError::Kind::network, "The provider rate limit or account quota was reached.")},
+        {response("302 Found"),
+            AppError(AppError::Kind::network, "The AI request failed (HTTP 302). Check the model in Settings.")},
+        {response("500 Oh"), AppError(AppError::Kind::network, "The AI request failed (HTTP 500). Check the model in Settings.")},
+        {"220 mail.example ESMTP\r\n", AppError(AppError::Kind::network, "The AI provider returned an invalid response.")},
+        {"HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\nhalf of it", unreachable},
+        {"", unreachable},
+    };
+    HeadlessSecretStore secrets;
+    secrets.keep("ai.openai", "sk-marker");
+    KeychainService keychain(loop.executor(), &secrets);
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.sent);
+        TestServer server([&](Connection &connection) {
+            connection.request();
+            connection.send(c.sent);
+        });
+        OpenAIProvider provider("m", keychain, &*client, loop.executor(), server.url("/v1"));
+        try {
+            await(loop, provider.chat({{Message::Role::user, "Hello?"}}, {}, {}));
+            ADD_FAILURE() << "no error";
+        } catch (const AppError &error) {
+            EXPECT_EQ(error, c.told);
+        }
     }
 }
 

@@ -1,6 +1,7 @@
 #include "Vorrel/Platform/Linux/LinuxSecretStore.h"
 
 #include "tests/Vorrel/Platform/Linux/PrivateBus.h"
+#include "tests/support/DiskFolder.h"
 
 #include <gio/gio.h>
 #include <gtest/gtest.h>
@@ -148,6 +149,117 @@ struct MuteService {
 };
 
 } // namespace
+
+namespace {
+
+/// A service with one locked item. It asks for its password and waits for ever, or denies everything; what was done to its
+/// question is noted in a file.
+struct StubbornService {
+    StubbornService(const PrivateBus &bus, const std::string &mode) :
+        process({"/usr/bin/python3", "-c", program, mode, notes()},
+            {"DBUS_SESSION_BUS_ADDRESS=" + bus.address(), "LD_PRELOAD=", "PYTHONDONTWRITEBYTECODE=1"})
+    {
+        bus.waitFor(service);
+    }
+    std::string notes() const { return folder / "notes"; }
+    std::string noted() const
+    {
+        std::ifstream file(notes());
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+
+    static constexpr const char *program = R"python(
+import sys
+import dbus, dbus.service, dbus.mainloop.glib
+from gi.repository import GLib
+
+mode, notes = sys.argv[1:]
+base, interface = "/org/freedesktop/secrets", "org.freedesktop.Secret."
+item, prompt = base + "/collection/a/1", base + "/prompt/p"
+
+
+def deny():
+    if mode == "denies":
+        raise dbus.exceptions.DBusException("no", name="org.freedesktop.DBus.Error.AccessDenied")
+
+
+class Thing(dbus.service.Object):
+    @dbus.service.method("org.freedesktop.DBus.Properties", in_signature="s", out_signature="a{sv}")
+    def GetAll(self, of):
+        attributes = dbus.Dictionary({"service": "dev.korvane.vorrel", "account": "ada"}, signature="ss")
+        return {"Locked": True, "Label": "a secret", "Attributes": attributes} if of.endswith("Item") else {}
+
+    @dbus.service.method(interface + "Service", in_signature="sv", out_signature="vo")
+    def OpenSession(self, algorithm, _):
+        if algorithm != "plain":
+            raise dbus.exceptions.DBusException("no", name="org.freedesktop.DBus.Error.NotSupported")
+        return dbus.String("", variant_level=1), dbus.ObjectPath(base + "/session/s")
+
+    @dbus.service.method(interface + "Service", in_signature="a{ss}", out_signature="aoao")
+    def SearchItems(self, _):
+        deny()
+        return [], [dbus.ObjectPath(item)]
+
+    @dbus.service.method(interface + "Service", in_signature="ao", out_signature="aoo")
+    def Unlock(self, _):
+        return [], dbus.ObjectPath(prompt)
+
+    @dbus.service.method(interface + "Collection", in_signature="a{sv}(oayays)b", out_signature="oo")
+    def CreateItem(self, _, secret, replace):
+        deny()
+        return dbus.ObjectPath("/"), dbus.ObjectPath(prompt)
+
+    @dbus.service.method(interface + "Prompt", in_signature="s")
+    def Prompt(self, _):
+        open(notes, "a").write("asked ")
+
+    @dbus.service.method(interface + "Prompt")
+    def Dismiss(self):
+        open(notes, "a").write("withdrawn ")
+        self.Completed(True, dbus.String("", variant_level=1))
+
+    @dbus.service.signal(interface + "Prompt", signature="bv")
+    def Completed(self, dismissed, result):
+        pass
+
+
+dbus.mainloop.glib.DBusGMainLoop(set_as_default=True)
+bus = dbus.SessionBus()
+things = [Thing(bus, path) for path in (base, item, prompt, base + "/aliases/default")]
+name = dbus.service.BusName("org.freedesktop.secrets", bus)
+GLib.MainLoop().run()
+)python";
+
+    const DiskFolder folder;
+    const Process process;
+};
+
+} // namespace
+
+TEST(SecretStoreAsks, AQuestionForThePasswordThatNobodyAnswersIsWithdrawnAndTheKeyringIsLocked)
+{
+    const PrivateBus bus;
+    const SessionBus session(bus.address());
+    const StubbornService asking(bus, "asks");
+    LinuxSecretStore store(bus.address(), {Milliseconds(5000), Milliseconds(300)});
+    EXPECT_EQ(store.read(ada, {}).outcome, Outcome::locked);
+    EXPECT_EQ(asking.noted(), "asked withdrawn ");
+    EXPECT_EQ(store.add(ada, "new", {}), Outcome::locked);
+    EXPECT_EQ(asking.noted(), "asked withdrawn asked withdrawn ");
+}
+
+TEST(SecretStoreAsks, AServiceThatDeniesIsToldApartFromALockedOne)
+{
+    const PrivateBus bus;
+    const SessionBus session(bus.address());
+    const StubbornService denying(bus, "denies");
+    LinuxSecretStore store(bus.address(), {Milliseconds(5000), Milliseconds(300)});
+    EXPECT_EQ(store.read(ada, {}).outcome, Outcome::denied);
+    EXPECT_EQ(store.update(ada, "new", {}), Outcome::denied);
+    EXPECT_EQ(store.add(ada, "new", {}), Outcome::denied);
+    EXPECT_EQ(store.remove(ada, {}), Outcome::denied);
+    EXPECT_EQ(denying.noted(), "");
+}
 
 TEST(SecretStoreThatHangs, AServiceThatNeverAnswersIsGivenUpAfterTheTimeLimit)
 {

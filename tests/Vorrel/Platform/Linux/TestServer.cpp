@@ -163,16 +163,17 @@ std::string TestServer::Connection::request()
     return all;
 }
 
-void TestServer::Connection::send(const std::string &bytes)
+bool TestServer::Connection::send(const std::string &bytes)
 {
     for (std::size_t sent = 0; sent < bytes.size() && !server.ending;) {
         const int part = static_cast<int>(std::min<std::size_t>(bytes.size() - sent, 65536));
         const auto done = tls ? SSL_write(tls, bytes.data() + sent, part)
                               : static_cast<int>(::send(descriptor, bytes.data() + sent, std::size_t(part), MSG_NOSIGNAL));
         if (done <= 0)
-            return;
+            return false;
         sent += std::size_t(done);
     }
+    return !server.ending;
 }
 
 void TestServer::Connection::awaitClose()

@@ -40,7 +40,7 @@ public:
     public:
         /// Everything up to the end of a request: its head, and as many bytes as that announces.
         std::string request();
-        void send(const std::string &bytes);
+        bool send(const std::string &bytes); ///< Whether all of it was taken.
         /// Waits until the other side has closed, reading nothing that matters.
         void awaitClose();
 
