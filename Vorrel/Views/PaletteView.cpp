@@ -96,8 +96,8 @@ PaletteView::PaletteView(PaletteState &state, Appearance &appearance, IconStore 
     input->edited = [&state](const QString &text) { state.setInputText(text.toStdString()); };
 
     icons.setThemes(appearance.iconThemes());
-    icons.arrived = [this] { results->viewport()->update(); };
     subscriptions = state.observe([this] { refreshSoon(); });
+    subscriptions.push_back(icons.arrivals.observe([this] { results->viewport()->update(); }));
     ShortcutsService &service = *state.services.shortcuts;
     subscriptions.push_back(service.statusText.observe([this] { refreshSoon(); }));
     subscriptions.push_back(service.startedAt.observe([this] { refreshSoon(); }));
@@ -109,10 +109,7 @@ PaletteView::PaletteView(PaletteState &state, Appearance &appearance, IconStore 
     refresh();
 }
 
-PaletteView::~PaletteView()
-{
-    icons.arrived = [] {};
-}
+PaletteView::~PaletteView() = default;
 
 PaletteSearchField &PaletteView::field() { return input->field(); }
 

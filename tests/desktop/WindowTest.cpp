@@ -33,6 +33,7 @@
 #include <QScreen>
 #include <QScrollBar>
 #include <QThread>
+#include <QWindow>
 
 #include <thread>
 
@@ -649,6 +650,26 @@ TEST_F(Palette, AnotherWindowThatTakesTheKeyboardHidesThePalette)
     EXPECT_TRUE(scene.waitFor([&] { return !scene.controller->presented(); }))
         << "the server's keyboard " << int(x11::keyboardOf(*scene.shownWindow().surface())) << ", palette active "
         << scene.shownWindow().hasKeyboard() << ", other active " << other.isActiveWindow();
+}
+
+TEST_F(Palette, AWindowOfTheProgramThatComesWhileAFreshPaletteGoesKeepsTheKeyboard)
+{
+    QWidget settings;
+    settings.resize(300, 200);
+    int losses = 0;
+    const auto count = [&] { losses += QApplication::activeWindow() != &settings; };
+    scene.controller->hide();
+    x11::showInFront(settings);
+    ASSERT_TRUE(scene.waitFor([&] { return settings.isActiveWindow(); }));
+    const auto watch = QObject::connect(qApp, &QGuiApplication::focusWindowChanged, count);
+    ASSERT_TRUE(scene.waitFor([&] { return !scene.shownWindow().visible(); }));
+    for (int i = 0; i < 50; i++) {
+        scene.turn();
+        scene.wait(10ms);
+    }
+    QObject::disconnect(watch);
+    EXPECT_TRUE(settings.isActiveWindow());
+    EXPECT_EQ(losses, 0);
 }
 
 TEST_F(Palette, AnAlertStandsOverThePaletteWhichStays)
