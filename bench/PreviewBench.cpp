@@ -6,6 +6,7 @@
 #include "bench/Table.h"
 
 #include "Vorrel/Views/Appearance.h"
+#include "Vorrel/Views/IconStore.h"
 #include "Vorrel/Views/QtMainLoop.h"
 #include "Vorrel/Views/QuickLookWindow.h"
 
@@ -61,7 +62,7 @@ QString writePhotograph(const QString &path, const QSize &size)
 
 class Bench {
 public:
-    explicit Bench(std::string decoder) : preview(loop.executor(), pool.executor(), clock, appearance, std::move(decoder))
+    explicit Bench(std::string decoder) : preview(loop.executor(), clock, appearance, *icons, std::move(decoder))
     {
         screen.moveMouse(4, 4);
     }
@@ -145,6 +146,7 @@ private:
     ThreadPool pool{2};
     SystemClock clock;
     Appearance appearance;
+    std::shared_ptr<IconStore> icons = std::make_shared<IconStore>(loop.executor(), pool.executor());
     QtPreviewWindow preview; // shows one file after the other, as in the program
 };
 

@@ -6,6 +6,7 @@
 #include "bench/Table.h"
 
 #include "Vorrel/Views/Appearance.h"
+#include "Vorrel/Views/IconStore.h"
 #include "Vorrel/Views/QtSettingsWindow.h"
 #include "Vorrel/Views/SettingsView.h"
 #include "tests/support/TestPalette.h"
@@ -136,7 +137,7 @@ public:
 private:
     std::unique_ptr<QtSettingsWindow> make()
     {
-        return std::make_unique<QtSettingsWindow>(desktop.services->preferences(), desktop.platform(), appearance);
+        return std::make_unique<QtSettingsWindow>(desktop.services->preferences(), desktop.platform(), appearance, *icons);
     }
 
     double timed(const std::function<void()> &wish)
@@ -178,6 +179,7 @@ private:
     Screen screen;
     test::TestPalette desktop;
     Appearance appearance;
+    std::shared_ptr<IconStore> icons = std::make_shared<IconStore>(desktop.loop.executor(), desktop.loop.executor());
     QList<Part> parts;
     std::unique_ptr<QtSettingsWindow> kept;
     std::unique_ptr<QWidget> keptBare;

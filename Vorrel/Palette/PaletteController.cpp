@@ -12,6 +12,7 @@ namespace {
 
 constexpr Milliseconds showTime = 160ms;
 constexpr Milliseconds hideTime = 100ms;
+constexpr double longestClick = 0.3; // seconds from the press to what it does elsewhere
 
 } // namespace
 
@@ -101,6 +102,13 @@ void PaletteController::screensChanged()
         placeWindow();
 }
 
+void PaletteController::toggleByClick()
+{
+    const bool sameClick = hiddenByPress && services.platform.clock.uptime() - *hiddenByPress < longestClick;
+    if (_presented || !sameClick)
+        toggle();
+}
+
 void PaletteController::hide()
 {
     if (!_presented || !window)
@@ -134,8 +142,10 @@ bool PaletteController::mayHide() const { return !actionCoordinator.isPresenting
 
 void PaletteController::mousePressed(int x, int y, bool inside)
 {
-    if (window && _presented && mayHide() && !inside && !window->frame().contains(x, y))
-        hide();
+    if (!window || !_presented || !mayHide() || inside || window->frame().contains(x, y))
+        return;
+    hiddenByPress = services.platform.clock.uptime();
+    hide();
 }
 
 bool PaletteController::handleKey(const KeyPress &key)

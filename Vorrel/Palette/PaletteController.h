@@ -17,6 +17,9 @@ public:
     ~PaletteController();
 
     void toggle(); ///< Shows if hidden, hides if shown; under a dialog it only brings that forward.
+    /// `toggle` for a click on something beside the palette, such as the status item. Where the press of that very click
+    /// has just hidden the palette, it stays hidden.
+    void toggleByClick();
     void hide();
     void stop(); ///< Removes the window for good, at application end.
 
@@ -44,6 +47,7 @@ private:
     std::unique_ptr<PaletteWindow> window;
     bool _presented = false;
     int presentationGeneration = 0;
+    std::optional<double> hiddenByPress; ///< When, by the clock that never jumps.
     TaskHandle startTask;
     // Owns nothing; what waits holds it weakly. The state would not do: a task may keep that beyond the controller.
     std::shared_ptr<PaletteController> itself{this, [](PaletteController *) {}};

@@ -50,8 +50,9 @@ void AppDelegate::didFinishLaunching()
     host.activation.observe([this] { activateFromSecondLaunch(); });
     servicesTask = spawn(host.platform.mainThread, startServices());
     host.status.show("square.grid.3x3.fill", "Korvane",
-        {{L10n::shown("Open Korvane"), "", [this] { toggle(); }}, {L10n::shown("Settings…"), ",", [this] { showSettings(); }},
-            {"", "", nullptr}, {L10n::shown("Quit Korvane"), "q", host.terminate}});
+        {{L10n::shown("Open Korvane"), "", [this] { toggleFromStatusItem(); }},
+            {L10n::shown("Settings…"), ",", [this] { showSettings(); }}, {"", "", nullptr},
+            {L10n::shown("Quit Korvane"), "q", host.terminate}});
     hotkey = std::make_unique<HotkeyService>(
         host.hotkeys, [this] { toggle(); }, [this](const HotkeyRegistrationError &why) { hotkeyLost(why); });
 }
@@ -208,6 +209,12 @@ void AppDelegate::toggle()
     confined.check();
     if (paletteController && _phase != Phase::terminating)
         paletteController->toggle();
+}
+
+void AppDelegate::toggleFromStatusItem()
+{
+    if (paletteController && _phase != Phase::terminating)
+        paletteController->toggleByClick();
 }
 
 void AppDelegate::showSettings()

@@ -67,6 +67,7 @@ private:
     void registerHotkey();
     void bindHotkey(const HotkeyConfiguration &wanted);
     void suspendHotkey(bool recording);
+    void toggleFromStatusItem();
     void hotkeyLost(const HotkeyRegistrationError &why);
     void runFlags();
     Task<void> keychainSelfTest(bool clean);

@@ -150,7 +150,7 @@ Task<void> IconStore::loadAll(std::weak_ptr<IconStore> store, std::shared_ptr<Ac
         alive->wished.remove(wish->key);
         if (names == alive->themes) // else it is asked for again, from the new theme
             alive->keep(wish->key, QPixmap::fromImage(image));
-        alive->arrived();
+        alive->arrivals = alive->arrivals + 1;
     }
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Support/Observed.h"
 #include "Support/Task.h"
 
 #include <QCache>
@@ -16,7 +17,7 @@ namespace korvane {
 
 class IconFinder;
 
-/// Pictures at the size and resolution at which they are shown, in one cache of bounded bytes.
+/// Pictures at the size and resolution at which they are shown, in one cache of bounded bytes for all windows.
 ///
 /// Main thread only and never blocks it: symbols are drawn on the spot from the program's own resources,
 /// icons of files are read on the pool, one at a time, the latest wish first. Held by a shared pointer, so that
@@ -33,7 +34,7 @@ public:
     QPixmap symbol(std::string_view name, int size, qreal ratio, const QColor &color);
 
     enum class Look { Ready, Loading, Nothing };
-    /// The icon of a file, if it is there. `Loading` says that `arrived` will be called.
+    /// The icon of a file, if it is there. `Loading` says that it will be among the `arrivals`.
     Look file(const std::string &path, int size, qreal ratio, QPixmap &icon);
 
     /// The same drawn anew each time, for what is seldom shown.
@@ -46,7 +47,7 @@ public:
     bool loading() const { return reading; }
     qsizetype bytes() const { return cache.totalCost(); } ///< Of the pictures that are kept.
 
-    std::function<void()> arrived = [] {}; ///< Called when an icon that was asked for can be shown.
+    Observed<int> arrivals{0}; ///< Counts the icons that were asked for and can be shown now.
 
 private:
     struct Wish {

@@ -1,6 +1,7 @@
 #include "Vorrel/Views/KeyEvents.h"
 
 #include "Vorrel/Platform/VirtualKeys.h"
+#include "Vorrel/Views/X11Window.h"
 
 #include <QCoreApplication>
 #include <QKeyEvent>
@@ -21,32 +22,47 @@ static std::uint32_t eventFlags(Qt::KeyboardModifiers modifiers)
     return all;
 }
 
-static const VirtualKey *virtualKeyOf(const QKeyEvent &event)
+/// What the key says alone, where the event tells what Shift makes of it.
+static std::optional<std::uint32_t> keysymWithoutShift(const QKeyEvent &event)
 {
-    if (const VirtualKey *named = virtualKeyNamed(event.nativeVirtualKey()))
+    return event.modifiers() & Qt::ShiftModifier ? x11::plainKeysym(event.nativeScanCode(), event.nativeModifiers())
+                                                 : std::nullopt;
+}
+
+static const VirtualKey *virtualKeyOf(std::uint32_t keysym, std::uint32_t scanCode)
+{
+    if (const VirtualKey *named = virtualKeyNamed(keysym))
         return named;
-    const std::uint32_t scanCode = event.nativeScanCode();
     return scanCode > firstScanCode ? virtualKeyAt(scanCode - firstScanCode) : nullptr;
 }
 
-/// What is printed on the key. With Shift the event tells another character than the key has alone.
-static QString labelOf(const QKeyEvent &event, const VirtualKey &key)
+/// The character that is printed on the key, or the toolkit's number of a key without one.
+static char32_t printedOn(const QKeyEvent &event, const VirtualKey &key, std::optional<std::uint32_t> plain)
 {
+    constexpr std::uint32_t firstOfOtherAlphabets = 0x100; // keysyms below are their characters
+    if (plain && *plain < firstOfOtherAlphabets)
+        return *plain;
     const bool shifted = event.modifiers() & Qt::ShiftModifier && event.key() < 0x80;
-    const auto character = char32_t(shifted ? key.keysym : std::uint32_t(event.key()));
-    if (character > 0x20 && character < 0x1000000)
-        return QString::fromUcs4(&character, 1).toUpper();
-    return QKeySequence(event.key()).toString(); // "F5", "Home"
+    return shifted ? key.keysym : char32_t(event.key());
+}
+
+static QString labelOf(const QKeyEvent &event, char32_t printed)
+{
+    if (printed <= 0x20 || printed >= 0x1000000)
+        return QKeySequence(event.key()).toString(); // "F5", "Home"
+    const char32_t capital = QChar::toUpper(printed);
+    return QString::fromUcs4(&capital, 1);
 }
 
 std::optional<HotkeyConfiguration> hotkeyOf(const QKeyEvent &event)
 {
-    const VirtualKey *key = virtualKeyOf(event);
+    const auto plain = keysymWithoutShift(event);
+    const VirtualKey *key = virtualKeyOf(plain.value_or(event.nativeVirtualKey()), event.nativeScanCode());
     if (!key)
         return std::nullopt;
     HotkeyConfiguration hotkey{
         .keyCode = key->code, .modifiers = HotkeyConfiguration::carbonModifiers(eventFlags(event.modifiers()))};
-    if (const QString label = labelOf(event, *key); !label.isEmpty())
+    if (const QString label = labelOf(event, printedOn(event, *key, plain)); !label.isEmpty())
         hotkey.keyLabel = label.toStdString();
     return hotkey;
 }
@@ -82,6 +98,20 @@ KeyPress keyPressOf(const QKeyEvent &event)
         press.character = QString(name).toStdString();
     }
     return press;
+}
+
+std::optional<QAbstractSlider::SliderAction> pageActionOf(const QKeyEvent &event)
+{
+    static constexpr std::tuple<Qt::Key, Qt::KeyboardModifier, QAbstractSlider::SliderAction> actions[] = {
+        {Qt::Key_PageUp, Qt::NoModifier, QAbstractSlider::SliderPageStepSub},
+        {Qt::Key_PageDown, Qt::NoModifier, QAbstractSlider::SliderPageStepAdd},
+        {Qt::Key_Home, Qt::ControlModifier, QAbstractSlider::SliderToMinimum},
+        {Qt::Key_End, Qt::ControlModifier, QAbstractSlider::SliderToMaximum},
+    };
+    for (const auto &[key, modifier, action] : actions)
+        if (event.key() == key && (event.modifiers() & ~Qt::KeypadModifier) == modifier)
+            return action;
+    return std::nullopt;
 }
 
 KeyDownFilter::KeyDownFilter(Taken taken) : taken(std::move(taken)) { QCoreApplication::instance()->installEventFilter(this); }

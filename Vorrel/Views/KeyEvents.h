@@ -3,7 +3,7 @@
 #include "Vorrel/Platform/HotkeyRegistering.h"
 #include "Vorrel/Platform/KeyPress.h"
 
-#include <QObject>
+#include <QAbstractSlider>
 
 #include <functional>
 #include <optional>
@@ -18,6 +18,9 @@ std::optional<HotkeyConfiguration> hotkeyOf(const QKeyEvent &event);
 
 /// The key of an event as the model's shortcuts know it.
 KeyPress keyPressOf(const QKeyEvent &event);
+
+/// What a key that turns pages does to what can be scrolled: Page Up, Page Down, and Ctrl with Home and End.
+std::optional<QAbstractSlider::SliderAction> pageActionOf(const QKeyEvent &event);
 
 /// Shows every key that goes down in one of the program's windows to the application before any view sees it.
 class KeyDownFilter : public QObject {

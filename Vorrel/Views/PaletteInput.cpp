@@ -2,6 +2,7 @@
 
 #include "Vorrel/Shell/L10n.h"
 #include "Vorrel/Views/Appearance.h"
+#include "Vorrel/Views/KeyEvents.h"
 #include "Vorrel/Views/SearchComponents.h"
 #include "Vorrel/Views/ViewText.h"
 
@@ -10,19 +11,25 @@
 #include <QKeyEvent>
 #include <QPainter>
 
+#include <limits>
+
 namespace korvane {
 
 PaletteSearchField::PaletteSearchField(QWidget *parent) : QLineEdit(parent)
 {
     setFrame(false);
+    setMaxLength(std::numeric_limits<int>::max()); // the toolkit would cut a long text without a word
     setAttribute(Qt::WA_MacShowFocusRect, false);
     setAccessibleName(fromUtf8(L10n::shown("Search commands, apps or ask AI")));
 }
 
 void PaletteSearchField::keyPressEvent(QKeyEvent *event)
 {
-    if (!mapped(event))
-        QLineEdit::keyPressEvent(event);
+    if (mapped(event))
+        return;
+    if (!composing() && pageActionOf(*event))
+        return event->ignore(); // meant for what is below
+    QLineEdit::keyPressEvent(event);
 }
 
 bool PaletteSearchField::mapped(QKeyEvent *event)

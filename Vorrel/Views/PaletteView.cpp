@@ -3,11 +3,13 @@
 #include "Vorrel/Shell/L10n.h"
 #include "Vorrel/Views/Appearance.h"
 #include "Vorrel/Views/IconStore.h"
+#include "Vorrel/Views/KeyEvents.h"
 #include "Vorrel/Views/PaletteInput.h"
 
 #include <QBoxLayout>
 #include <QCoreApplication>
 #include <QKeyEvent>
+#include <QScrollBar>
 
 namespace korvane {
 
@@ -94,8 +96,8 @@ PaletteView::PaletteView(PaletteState &state, Appearance &appearance, IconStore 
     input->edited = [&state](const QString &text) { state.setInputText(text.toStdString()); };
 
     icons.setThemes(appearance.iconThemes());
-    icons.arrived = [this] { results->viewport()->update(); };
     subscriptions = state.observe([this] { refreshSoon(); });
+    subscriptions.push_back(icons.arrivals.observe([this] { results->viewport()->update(); }));
     ShortcutsService &service = *state.services.shortcuts;
     subscriptions.push_back(service.statusText.observe([this] { refreshSoon(); }));
     subscriptions.push_back(service.startedAt.observe([this] { refreshSoon(); }));
@@ -107,10 +109,7 @@ PaletteView::PaletteView(PaletteState &state, Appearance &appearance, IconStore 
     refresh();
 }
 
-PaletteView::~PaletteView()
-{
-    icons.arrived = [] {};
-}
+PaletteView::~PaletteView() = default;
 
 PaletteSearchField &PaletteView::field() { return input->field(); }
 
@@ -187,11 +186,28 @@ void PaletteView::refresh()
     layout()->activate();
 }
 
+/// What the Tab key reaches in a part of the window.
+static QList<QWidget *> reachedIn(const QWidget &part)
+{
+    QList<QWidget *> all = part.findChildren<QWidget *>();
+    all.removeIf([](const QWidget *one) { return !(one->focusPolicy() & Qt::TabFocus); });
+    return all;
+}
+
+/// Gives what is in a page its place among what the keyboard reaches: right after another part of the window.
+static void tabAfter(const QWidget &part, const QWidget &page)
+{
+    QWidget *last = reachedIn(part).last();
+    for (QWidget *next : reachedIn(page))
+        QWidget::setTabOrder(std::exchange(last, next), next);
+}
+
 template <class Page, class... Arguments> Page &PaletteView::page(Page *&kept, Arguments &&...arguments)
 {
     if (!kept) {
         kept = new Page(std::forward<Arguments>(arguments)..., this);
         middle->addWidget(kept);
+        tabAfter(*errors, *kept);
         if constexpr (requires { kept->applyAppearance(); })
             kept->applyAppearance();
     }
@@ -222,8 +238,21 @@ void PaletteView::refreshMiddle()
     results->refresh(); // also when hidden: it must not keep rows of another session
 }
 
+void PaletteView::turnPage(QAbstractSlider::SliderAction action)
+{
+    const QWidget *shown = middle->currentWidget();
+    if (shown == results)
+        state.select(results->rowAfter(action));
+    else if (shown == actionsPage)
+        state.selectAction(actionsPage->rowAfter(action));
+    else if (const auto *pane = shown->findChild<TextPane *>())
+        pane->verticalScrollBar()->triggerAction(action);
+}
+
 void PaletteView::keyPressEvent(QKeyEvent *event)
 {
+    if (const auto action = pageActionOf(*event); action && !input->field().composing())
+        return turnPage(*action);
     // A letter typed while a button has the keyboard is meant for the field.
     const bool printable = !event->text().isEmpty() && event->text().front().isPrint();
     if (input->field().hasFocus()

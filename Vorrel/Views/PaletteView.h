@@ -34,6 +34,8 @@ protected:
 private:
     void refreshSoon();
     void refreshMiddle();
+    /// Scrolls the text in the middle, or selects a row further on.
+    void turnPage(QAbstractSlider::SliderAction action);
     void applyAppearance();
     QString placeholder() const;
     /// Shows a page in the middle, made at its first use.

@@ -3,6 +3,7 @@
 #include "Vorrel/Shell/L10n.h"
 #include "Vorrel/Views/Appearance.h"
 #include "Vorrel/Views/IconStore.h"
+#include "Vorrel/Views/KeyEvents.h"
 #include "Vorrel/Views/Painting.h"
 #include "Vorrel/Views/ResultPreviewView.h"
 #include "Vorrel/Views/ViewText.h"
@@ -148,11 +149,10 @@ protected:
     }
     void keyPressEvent(QKeyEvent *event) override
     {
-        const bool down = event->key() == Qt::Key_PageDown;
-        if (!words || (!down && event->key() != Qt::Key_PageUp))
-            return QDialog::keyPressEvent(event);
-        using Slider = QAbstractSlider;
-        words->verticalScrollBar()->triggerAction(down ? Slider::SliderPageStepAdd : Slider::SliderPageStepSub);
+        if (const auto action = pageActionOf(*event); action && words)
+            words->verticalScrollBar()->triggerAction(*action);
+        else
+            QDialog::keyPressEvent(event);
     }
     void mousePressEvent(QMouseEvent *event) override { grip = event->globalPosition().toPoint() - pos(); }
     void mouseMoveEvent(QMouseEvent *event) override

@@ -102,7 +102,8 @@ public:
 protected:
     bool event(QEvent *event) override
     {
-        if (event->type() == QEvent::WindowDeactivate && isVisible())
+        // One that fades away has given the keyboard up.
+        if (event->type() == QEvent::WindowDeactivate && isVisible() && controller.presented())
             deactivated();
         // A dialog that stands over the palette.
         if (event->type() == QEvent::WindowBlocked)
@@ -413,10 +414,11 @@ private:
 
 // The port
 
-QtPaletteWindow::QtPaletteWindow(PaletteController &controller, const Platform &platform, Appearance &appearance) :
-    mainThread(platform.mainThread), clock(platform.clock), appearance(appearance),
-    icons(std::make_shared<IconStore>(platform.mainThread, platform.pool)),
-    _surface(std::make_unique<Surface>(controller, appearance, *icons)), fade(std::make_unique<Fade>(*_surface))
+QtPaletteWindow::QtPaletteWindow(
+    PaletteController &controller, const Platform &platform, Appearance &appearance, IconStore &icons) :
+    mainThread(platform.mainThread),
+    clock(platform.clock), appearance(appearance), _surface(std::make_unique<Surface>(controller, appearance, icons)),
+    fade(std::make_unique<Fade>(*_surface))
 {
     _surface->deactivated = [this] { deactivated(); };
     _surface->gainedKeyboard = [this] { noteKeyboard(); };

@@ -22,9 +22,9 @@ public:
     /// The size of the palette itself, in the toolkit's units; a shadow comes on top.
     static constexpr int width = 700, height = 510;
 
-    /// `controller`, what `platform` refers to and `appearance` outlive the window. Until `controller` is
+    /// `controller`, what `platform` refers to, `appearance` and `icons` outlive the window. Until `controller` is
     /// complete the window only keeps it.
-    QtPaletteWindow(PaletteController &controller, const Platform &platform, Appearance &appearance);
+    QtPaletteWindow(PaletteController &controller, const Platform &platform, Appearance &appearance, IconStore &icons);
     ~QtPaletteWindow() override;
 
     std::vector<Screen> screens() const override;
@@ -83,7 +83,6 @@ private:
     Executor mainThread;
     Clock &clock;
     Appearance &appearance;
-    std::shared_ptr<IconStore> icons;
     std::unique_ptr<Surface> _surface;
     std::unique_ptr<Fade> fade;
     std::optional<Shape> shape; // as it has it now

@@ -12,9 +12,8 @@
 
 namespace korvane {
 
-QtSettingsWindow::QtSettingsWindow(SettingsState &state, const Platform &platform, Appearance &appearance) :
-    icons(std::make_shared<IconStore>(platform.mainThread, platform.pool)),
-    _view(std::make_unique<SettingsView>(PaneParts{state, platform.mainThread, appearance, *icons}))
+QtSettingsWindow::QtSettingsWindow(SettingsState &state, const Platform &platform, Appearance &appearance, IconStore &icons) :
+    _view(std::make_unique<SettingsView>(PaneParts{state, platform.mainThread, appearance, icons}))
 {
     _view->setAttribute(Qt::WA_QuitOnClose, false);
     _view->setWindowTitle(fromUtf8(L10n::shown("Korvane Settings")));

@@ -21,8 +21,8 @@ public:
     /// The size of what the window shows, in the toolkit's units.
     static constexpr int width = 650, height = 540;
 
-    /// All three, and what `platform` refers to, outlive the window.
-    QtSettingsWindow(SettingsState &state, const Platform &platform, Appearance &appearance);
+    /// All four, and what `platform` refers to, outlive the window.
+    QtSettingsWindow(SettingsState &state, const Platform &platform, Appearance &appearance, IconStore &icons);
     ~QtSettingsWindow() override;
 
     void showCentred() override;
@@ -34,7 +34,6 @@ public:
     void refresh();
 
 private:
-    std::shared_ptr<IconStore> icons;
     std::unique_ptr<SettingsView> _view;
 };
 

@@ -285,10 +285,9 @@ struct QtPreviewWindow::Showing {
 // The port
 
 QtPreviewWindow::QtPreviewWindow(
-    Executor mainThread, Executor pool, Clock &clock, Appearance &appearance, std::string decoderProgram) :
-    mainThread(mainThread),
-    clock(clock), appearance(appearance), decoderProgram(std::move(decoderProgram)),
-    icons(std::make_shared<IconStore>(mainThread, std::move(pool)))
+    Executor mainThread, Clock &clock, Appearance &appearance, IconStore &icons, std::string decoderProgram) :
+    mainThread(std::move(mainThread)),
+    clock(clock), appearance(appearance), icons(icons), decoderProgram(std::move(decoderProgram))
 {
 }
 
@@ -325,7 +324,7 @@ bool QtPreviewWindow::show(const std::string &path, Events events)
     telling.cancel();
     dropShowing();
     if (!_surface) {
-        _surface = std::make_unique<Surface>(appearance, *icons);
+        _surface = std::make_unique<Surface>(appearance, icons);
         _surface->closed = [this] { userClosed(); };
         _surface->keyPressed = [this](const KeyPress &press) {
             const auto pressed = showing ? showing->events.keyPressed : nullptr;

@@ -23,8 +23,8 @@ class IconStore;
 /// them it appears and says that it loads. What comes after the window was closed or shows another file is dropped.
 class QtPreviewWindow : public PreviewWindow {
 public:
-    /// `decoder` is the path of the program that decodes. What `platform` refers to and `appearance` outlive the window.
-    QtPreviewWindow(Executor mainThread, Executor pool, Clock &clock, Appearance &appearance, std::string decoder);
+    /// `decoder` is the path of the program that decodes. `clock`, `appearance` and `icons` outlive the window.
+    QtPreviewWindow(Executor mainThread, Clock &clock, Appearance &appearance, IconStore &icons, std::string decoder);
     ~QtPreviewWindow() override;
 
     std::function<void()> keyWindow() override;
@@ -63,8 +63,8 @@ private:
     Executor mainThread;
     Clock &clock;
     Appearance &appearance;
+    IconStore &icons;
     const std::string decoderProgram;
-    std::shared_ptr<IconStore> icons;
     std::unique_ptr<Surface> _surface;
     std::unique_ptr<DecoderProcess> decoder; // of the file that is shown, once it is needed
     std::unique_ptr<Showing> showing; // when a preview stands

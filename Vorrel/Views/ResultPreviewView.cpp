@@ -38,7 +38,7 @@ TextPane::TextPane(Appearance &appearance, QWidget *parent) : QPlainTextEdit(par
     setReadOnly(true);
     setFrameShape(QFrame::NoFrame);
     setTextInteractionFlags(Qt::TextSelectableByMouse | Qt::TextSelectableByKeyboard);
-    setFocusPolicy(Qt::ClickFocus);
+    setFocusPolicy(Qt::StrongFocus);
     setContextMenuPolicy(Qt::NoContextMenu);
     setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     document()->setDocumentMargin(0);
@@ -73,8 +73,9 @@ static bool hasEndlessWord(const QString &text)
 
 void TextPane::show(const QString &text)
 {
-    if (text == toPlainText())
+    if (text == shown)
         return;
+    shown = text;
     setWordWrapMode(hasEndlessWord(text) ? QTextOption::WrapAnywhere : QTextOption::WrapAtWordBoundaryOrAnywhere);
     setPlainText(text);
 }
@@ -104,9 +105,24 @@ int TextPane::heightFor(int width) const
     return int(std::ceil(height));
 }
 
+static bool isForReading(const QKeyEvent &event)
+{
+    switch (event.key()) {
+    case Qt::Key_Left:
+    case Qt::Key_Right:
+    case Qt::Key_Home:
+    case Qt::Key_End:
+    case Qt::Key_PageUp:
+    case Qt::Key_PageDown: return true;
+    case Qt::Key_Up:
+    case Qt::Key_Down: return event.modifiers() & Qt::ShiftModifier; // alone they choose another row
+    default: return event.matches(QKeySequence::Copy) || event.matches(QKeySequence::SelectAll);
+    }
+}
+
 void TextPane::keyPressEvent(QKeyEvent *event)
 {
-    if (event->matches(QKeySequence::Copy) || event->matches(QKeySequence::SelectAll))
+    if (isForReading(*event))
         QPlainTextEdit::keyPressEvent(event);
     else
         event->ignore();

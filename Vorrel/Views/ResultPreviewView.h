@@ -6,7 +6,7 @@
 
 namespace korvane {
 
-/// A scrolling text to read and to copy from. Keys that do neither go on to the palette.
+/// A scrolling text to read and to copy from, also by the keyboard alone. Keys that do neither go on to the palette.
 class TextPane : public QPlainTextEdit {
     Q_OBJECT
 
@@ -25,6 +25,7 @@ protected:
 private:
     Appearance &appearance;
     Text::Tone tone = Text::Tone::Main;
+    QString shown; // as it was given: the document has other characters for some
 };
 
 /// A text at full length, up to a limit that bounds what is shown and nothing else.

@@ -196,6 +196,16 @@ int RowList::lastRowAbove(int y) const
     return low - 1;
 }
 
+int RowList::rowAfter(QAbstractSlider::SliderAction action) const
+{
+    const int page = std::max(1, viewport()->height() / rowHeight);
+    const int step = action == QAbstractSlider::SliderPageStepAdd ? page
+        : action == QAbstractSlider::SliderPageStepSub            ? -page
+        : action == QAbstractSlider::SliderToMaximum              ? rows
+                                                                  : -rows;
+    return std::min(std::max(selected + step, 0), rows - 1);
+}
+
 int RowList::rowAt(const QPoint &place) const
 {
     const int row = lastRowAbove(place.y() + verticalScrollBar()->value());

@@ -3,6 +3,7 @@
 #include "CommandCore/Commands.h"
 
 #include <QAbstractScrollArea>
+#include <QAbstractSlider>
 
 #include <functional>
 #include <vector>
@@ -38,6 +39,8 @@ public:
     int count() const { return rows; }
     int selection() const { return selected; } ///< -1 when no row is selected.
     virtual RowFace face(int row) const = 0;
+    /// The row to select when the list is turned by a page or to an end; -1 without rows.
+    int rowAfter(QAbstractSlider::SliderAction action) const;
     /// Where a row is, in the viewport, its section's head not counted.
     QRect rowRect(int row) const;
     /// The row at a place in the viewport; -1 where there is none.

@@ -1,5 +1,7 @@
 #include "Vorrel/Views/X11Window.h"
 
+#include "Vorrel/Platform/Linux/Xkb.h"
+
 #include <QGuiApplication>
 #include <QScreen>
 #include <QSocketNotifier>
@@ -196,6 +198,27 @@ Keyboard keyboardOf(const QWidget &window)
         return Keyboard::Ours;
     constexpr xcb_window_t pointerRoot = 1; // stands for whatever is under the mouse
     return focus->focus > pointerRoot && isManaged(x, focus->focus) ? Keyboard::Other : Keyboard::Nobody;
+}
+
+std::optional<std::uint32_t> plainKeysym(std::uint32_t keyCode, std::uint32_t modifiers)
+{
+    xcb_connection_t *x = connection();
+    const auto code = xcb_keycode_t(keyCode);
+    if (!x || code != keyCode)
+        return std::nullopt;
+    const auto cookie =
+        xcb_xkb_get_map(x, XCB_XKB_ID_USE_CORE_KBD, 0, XCB_XKB_MAP_PART_KEY_SYMS, 0, 0, code, 1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
+    const Reply<xcb_xkb_get_map_reply_t> reply(xcb_xkb_get_map_reply(x, cookie, nullptr));
+    if (!reply || reply->nKeySyms != 1)
+        return std::nullopt;
+    // Only the keysyms of one key were asked for, so they are all that follows.
+    const auto *key = static_cast<const xcb_xkb_key_sym_map_t *>(xcb_xkb_get_map_map(reply.get()));
+    constexpr std::uint32_t countOfLayouts = 0x0f, layoutBits = 0x6000, layoutShift = 13;
+    const std::uint32_t layouts = key->groupInfo & countOfLayouts;
+    if (layouts == 0 || key->nSyms < layouts * key->width)
+        return std::nullopt;
+    const std::uint32_t layout = ((modifiers & layoutBits) >> layoutShift) % layouts; // a key may have fewer than others
+    return xcb_xkb_key_sym_map_syms(key)[layout * key->width];
 }
 
 void setSolidPart(const QWidget &window, const QRect &part)

@@ -46,6 +46,9 @@ enum class Keyboard {
 };
 Keyboard keyboardOf(const QWidget &window);
 
+/// What a key of this code says without Shift in the layout that was active at `modifiers`, as the server reported them.
+std::optional<std::uint32_t> plainKeysym(std::uint32_t keyCode, std::uint32_t modifiers);
+
 /// Lets the mouse through outside `part`, and tells window managers and compositors that what lies outside is
 /// the window's own shadow. `part` in units of the window; empty takes both back.
 void setSolidPart(const QWidget &window, const QRect &part);

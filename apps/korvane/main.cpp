@@ -6,6 +6,7 @@
 #include "Vorrel/Shell/ProgramHelp.h"
 #include "Vorrel/Views/ActivationListener.h"
 #include "Vorrel/Views/Appearance.h"
+#include "Vorrel/Views/IconStore.h"
 #include "Vorrel/Views/KeyEvents.h"
 #include "Vorrel/Views/QtDialogs.h"
 #include "Vorrel/Views/QtMainLoop.h"
@@ -92,13 +93,14 @@ int main(int count, char **words)
     QLocale::setDefault(
         QLocale(QString::fromStdString(L10n::languageInUse()))); // the toolkit's own words, such as kinds of files
     Appearance appearance;
+    const auto icons = std::make_shared<IconStore>(mainLoop.executor(), system.pool.executor());
     QtDialogs dialogs(appearance);
     QtPasteboard pasteboard;
     TrayStatusItem status;
     ActivationListener activation;
     LinuxHotkeys hotkeys(mainLoop.executor(), system.pool.executor(), system.clock, environment, L10n::shown("Open Korvane"));
-    QtPreviewWindow preview(mainLoop.executor(), system.pool.executor(), system.clock, appearance,
-        companionPath(executablePath(), "korvane-preview"));
+    QtPreviewWindow preview(
+        mainLoop.executor(), system.clock, appearance, *icons, companionPath(executablePath(), "korvane-preview"));
     Platform ports = system.ports(dialogs, pasteboard, true);
     ports.preview = &preview;
 
@@ -111,13 +113,14 @@ int main(int count, char **words)
         .hotkeys = hotkeys,
         .makeWindow =
             [&](PaletteController &controller) {
-                auto window = std::make_unique<QtPaletteWindow>(controller, ports, appearance);
+                auto window = std::make_unique<QtPaletteWindow>(controller, ports, appearance, *icons);
                 window->userTime = [&hotkeys] { return hotkeys.claimKeys(); };
                 window->keyboardSettled = [&hotkeys] { hotkeys.letKeysThrough(); };
                 dialogs.palette = [surface = QPointer<QWidget>(window->surface())] { return surface.data(); };
                 return window;
             },
-        .makeSettingsWindow = [&](SettingsState &state) { return std::make_unique<QtSettingsWindow>(state, ports, appearance); },
+        .makeSettingsWindow =
+            [&](SettingsState &state) { return std::make_unique<QtSettingsWindow>(state, ports, appearance, *icons); },
         .arguments = arguments,
         .terminate = quit,
     });

@@ -556,6 +556,112 @@ TEST_F(Bars, EachWayOutOfAFailureHasItsButton)
     }
 }
 
+TEST_F(Bars, TheButtonsOfAFailureDoWhatTheySay)
+{
+    int settings = 0, runs = 0;
+    scene.palette().openSettings = [&] { settings++; };
+    CommandAction failing{.id = "fail", .title = "Fail"};
+    failing.execute = [&runs]() -> Task<void> {
+        runs++;
+        return []() -> Task<void> {
+            throw FileAccessFailure(FileAccessFailure::Reason::permission);
+            co_return;
+        }();
+    };
+    show({makeRow({.id = "test.row", .title = "Row", .keepsOpen = true, .actions = {failing}})});
+    press(scene.field(), Qt::Key_Return);
+    scene.turn();
+    ASSERT_EQ(runs, 1);
+    click(button("File Access Settings"));
+    EXPECT_EQ(settings, 1);
+    EXPECT_EQ(scene.services->preferences().selectedTab.get(), SettingsState::Tab::files);
+    click(button("Retry"));
+    scene.turn();
+    EXPECT_EQ(runs, 2);
+
+    scene.palette()._error = "This file no longer exists. Refresh the search results.";
+    scene.palette()._errorRecovery = {.refreshResults = true};
+    scene.turn();
+    click(button("Refresh Search"));
+    scene.turn();
+    EXPECT_EQ(runs, 2);
+    EXPECT_FALSE(scene.palette().error()) << "a search begins without a failure";
+    EXPECT_TRUE(scene.palette().results().empty() || scene.palette().results()[0]->id != "test.row") << "and finds its own rows";
+}
+
+TEST_F(Bars, TheFootersPreviewOpensTheTextAndItsCloseButtonClosesIt)
+{
+    show({makeRow({.id = "clipboard:1", .title = "x", .previewText = "A text"})});
+    click(button("Preview"));
+    scene.turn();
+    ASSERT_TRUE(scene.palette().showsPreview());
+    auto *preview = scene.view().findChild<ResultPreviewView *>();
+    ASSERT_TRUE(preview && preview->isVisible());
+    click(*preview->findChild<FlatButton *>());
+    scene.turn();
+    EXPECT_FALSE(scene.palette().showsPreview());
+    EXPECT_FALSE(preview->isVisible());
+}
+
+TEST_F(Bars, AClickInTheActionsRunsTheActionUnderTheMouse)
+{
+    Strings ran;
+    std::vector<CommandAction> actions;
+    for (const char *id : {"first", "second", "third"}) {
+        CommandAction action{.id = id, .title = id};
+        action.execute = [&ran, id]() -> Task<void> {
+            ran.push_back(id);
+            return []() -> Task<void> { co_return; }();
+        };
+        actions.push_back(action);
+    }
+    show({makeRow({.id = "test.row", .title = "Row", .actions = actions})});
+    scene.palette().toggleActions();
+    scene.turn();
+    auto &list = *scene.view().findChild<ActionsList *>();
+    click(*list.viewport(), list.rowRect(1).center());
+    scene.turn();
+    EXPECT_THAT(ran, ElementsAre("second"));
+}
+
+TEST_F(Bars, AnActionIsMarkedByItsRole)
+{
+    show({makeRow({.id = "test.row",
+        .title = "Row",
+        .actions = {{.id = "look", .title = "Look"}, {.id = "write", .title = "Write", .role = ActionRole::write},
+            {.id = "delete", .title = "Delete", .role = ActionRole::destructive}}})});
+    scene.palette().toggleActions();
+    scene.turn();
+    const auto &list = *scene.view().findChild<ActionsList *>();
+    ASSERT_EQ(list.count(), 3);
+    const std::pair<const char *, const char *> marks[] = {
+        {"arrow.right", ""}, {"pencil", "write"}, {"exclamationmark.triangle", "destructive"}};
+    for (int row = 0; row < list.count(); row++) {
+        const RowFace face = list.face(row);
+        EXPECT_EQ(face.icon, CommandIcon::symbol(marks[row].first));
+        EXPECT_EQ(face.badge, marks[row].second);
+        EXPECT_EQ(face.grave, row == 2);
+    }
+}
+
+TEST_F(Bars, TheSelectedActionIsAlwaysInView)
+{
+    std::vector<CommandAction> actions;
+    for (int i = 0; i < 30; i++)
+        actions.push_back({.id = "action" + std::to_string(i), .title = "Action"});
+    show({makeRow({.id = "test.row", .title = "Row", .actions = actions})});
+    scene.palette().toggleActions();
+    scene.turn();
+    const auto &list = *scene.view().findChild<ActionsList *>();
+    for (const int step : {1, -1})
+        for (int i = 0; i < 31; i++) {
+            scene.palette().move(step);
+            scene.turn();
+            ASSERT_EQ(list.selection(), scene.palette().actionSelection());
+            ASSERT_TRUE(list.viewport()->rect().contains(list.rowRect(list.selection()))) << list.selection();
+        }
+}
+
 TEST_F(Bars, TheFooterOffersWhatTheSelectedRowCanDo)
 {
     const auto offered = [&] {

@@ -2,12 +2,15 @@
 #include "tests/desktop/Person.h"
 #include "tests/desktop/Scene.h"
 
+#include "Vorrel/Platform/Linux/X11Hotkeys.h"
+#include "Vorrel/Views/KeyEvents.h"
 #include "Vorrel/Views/PaletteInput.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <QApplication>
+#include <QClipboard>
 #include <QKeyEvent>
 #include <QProcess>
 
@@ -20,7 +23,7 @@ namespace {
 
 // Codes of keys, named as on a US keyboard
 constexpr std::uint8_t key1 = 2, key2 = 3, key3 = 4, key4 = 5, key5 = 6, keyC = 46, keyK = 37, keyY = 21, keyReturn = 28,
-                       keyTab = 15, keyA = 30;
+                       keyTab = 15, keyA = 30, keyRight = 106;
 
 void setLayout(const QStringList &arguments) { EXPECT_EQ(QProcess::execute("setxkbmap", arguments), 0); }
 
@@ -49,6 +52,32 @@ protected:
     ~Keyboard() override { setLayout({"-layout", "us", "-option", ""}); }
 
     bool soon(const std::function<bool()> &truth) { return scene.waitFor(truth); }
+    /// One step with Shift and Tab; what has the keyboard then.
+    QWidget *stepBack()
+    {
+        QWidget *const before = QApplication::focusWidget();
+        person.key(keyTab, {Person::shift});
+        EXPECT_TRUE(soon([&] { return QApplication::focusWidget() != before; }));
+        return QApplication::focusWidget();
+    }
+    bool reach(const QWidget &wanted)
+    {
+        for (int i = 0; i < 20; i++)
+            if (stepBack() == &wanted)
+                return true;
+        return false;
+    }
+    /// The names of all that is reached from the field until it is reached again.
+    Strings walkBackwards()
+    {
+        Strings names;
+        for (QWidget *now = stepBack(); now != &scene.field() && names.size() < 20; now = stepBack()) {
+            auto *button = qobject_cast<QAbstractButton *>(now);
+            names.push_back((button && now->accessibleName().isEmpty() ? button->text() : now->accessibleName()).toStdString());
+        }
+        EXPECT_TRUE(scene.field().hasFocus());
+        return names;
+    }
 
     Person person;
     Scene scene;
@@ -117,6 +146,47 @@ TEST_F(Keyboard, AFrenchDigitMayAlsoBeTypedWithItsShift)
     EXPECT_TRUE(soon([&] { return scene.palette().category() == SearchCategory::applications; }));
 }
 
+TEST_F(Keyboard, ACombinationWithShiftIsTheKeyThatWasPressedAndIsGrabbedAsThatKey)
+{
+    const struct {
+        const char *why;
+        Layout layout;
+        std::uint8_t place;
+        std::uint32_t keyCode;
+        const char *label;
+    } cases[] = {
+        {"German Shift+7, a slash", {"", {"-layout", "de", "-option", ""}}, 8, 26, "7"},
+        {"French Shift and comma, a question mark", {"", {"-layout", "fr", "-option", ""}}, 50, 43, ","},
+        {"German minus in the active second layout",
+            {"", {"-layout", "us,de", "-option", "", "-option", "grp:menu_toggle"}, true}, 53, 27, "-"},
+        {"a letter", {"", {"-layout", "fr", "-option", ""}}, 16, 0, "A"},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.why);
+        setLayout(c.layout.arguments);
+        if (c.layout.secondGroup)
+            person.key(Person::menu);
+        std::optional<HotkeyConfiguration> recorded;
+        const KeyDownFilter filter([&](const HotkeyConfiguration &key, bool) {
+            if (key.modifiers)
+                recorded = key;
+            return true;
+        });
+        person.key(c.place, {Person::control, Person::shift});
+        ASSERT_TRUE(soon([&] { return recorded.has_value(); }));
+        constexpr std::uint32_t modifiers = HotkeyConfiguration::control | HotkeyConfiguration::shift;
+        EXPECT_EQ(*recorded, (HotkeyConfiguration{c.keyCode, modifiers, c.label}));
+
+        X11Hotkeys hotkeys(scene.loop.executor(), scene.clock, qgetenv("DISPLAY").toStdString());
+        int pressed = 0;
+        ASSERT_TRUE(hotkeys.install({.pressed = [&] { ++pressed; }, .lost = [](const HotkeyRegistrationError &) {}}));
+        const HotkeyLease lease = hotkeys.reserve(*recorded);
+        person.key(c.place, {Person::control, Person::shift});
+        EXPECT_TRUE(soon([&] { return pressed == 1; })) << "the registered key is another one";
+        hotkeys.remove();
+    }
+}
+
 TEST_F(Keyboard, WhatIsNoShortcutGoesToTheField)
 {
     person.key(key5, {Person::control});
@@ -141,18 +211,7 @@ TEST_F(Keyboard, AKeyPressedInAnotherWindowOfTheProgramIsLeftAlone)
 
 TEST_F(Keyboard, TabAndShiftTabReachEveryTabAndButtonAndComeBackToTheField)
 {
-    Strings backwards;
-    for (int i = 0; i < 20; i++) {
-        QWidget *const before = QApplication::focusWidget();
-        person.key(keyTab, {Person::shift});
-        ASSERT_TRUE(soon([&] { return QApplication::focusWidget() != before; }));
-        if (scene.field().hasFocus())
-            break;
-        QWidget *const now = QApplication::focusWidget();
-        auto *button = qobject_cast<QAbstractButton *>(now);
-        backwards.push_back((button && now->accessibleName().isEmpty() ? button->text() : now->accessibleName()).toStdString());
-    }
-    ASSERT_TRUE(scene.field().hasFocus());
+    const Strings backwards = walkBackwards();
     for (const char *name : {"All", "Applications", "Files", "Shortcuts", "Actions", "Preview"})
         EXPECT_THAT(backwards, Contains(name));
     EXPECT_LT(std::ranges::find(backwards, "Actions"), std::ranges::find(backwards, "Shortcuts")) << "from the bottom upwards";
@@ -163,6 +222,34 @@ TEST_F(Keyboard, TabAndShiftTabReachEveryTabAndButtonAndComeBackToTheField)
     ASSERT_TRUE(soon([&] { return !scene.field().hasFocus(); }));
     person.key(keyTab);
     EXPECT_TRUE(soon([&] { return scene.field().hasFocus(); }));
+}
+
+TEST_F(Keyboard, TabAndShiftTabReachALongTextBetweenWhatIsAboveAndBelow)
+{
+    scene.palette().togglePreview();
+    scene.turn();
+    const Strings backwards = walkBackwards();
+    const auto place = [&](const char *name) { return std::ranges::find(backwards, name); };
+    EXPECT_THAT(backwards, Contains("Text Preview"));
+    EXPECT_LT(place("Actions"), place("Text Preview"));
+    EXPECT_LT(place("Text Preview"), place("Shortcuts"));
+    EXPECT_THAT(backwards, Contains("Close"));
+}
+
+TEST_F(Keyboard, APartOfALongTextIsSelectedAndCopiedByKeysAlone)
+{
+    scene.palette().togglePreview();
+    scene.turn();
+    auto *pane = scene.view().findChild<TextPane *>();
+    ASSERT_TRUE(reach(*pane));
+    person.key(keyRight);
+    for (int i = 0; i < 5; i++)
+        person.key(keyRight, {Person::shift});
+    EXPECT_TRUE(soon([&] { return pane->textCursor().selectedText() == " text"; }));
+    person.key(keyC, {Person::control});
+    EXPECT_TRUE(soon([&] { return QApplication::clipboard()->text() == " text"; }));
+    person.key(keyK);
+    EXPECT_TRUE(soon([&] { return scene.field().hasFocus(); })) << "a letter is meant for the field";
 }
 
 TEST_F(Keyboard, SpaceAndReturnPressTheButtonThatHasTheKeyboard)

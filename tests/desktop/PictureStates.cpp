@@ -716,7 +716,7 @@ SettingsState &Stage::showSettings()
 {
     if (!settings) {
         wait(Milliseconds(600)); // a fresh palette would ask for the keyboard again
-        settings = std::make_unique<QtSettingsWindow>(services->preferences(), platform(), appearance);
+        settings = std::make_unique<QtSettingsWindow>(services->preferences(), platform(), appearance, *icons);
         settings->showCentred();
         waitFor([this] { return settings->surface()->isActiveWindow(); });
     }
@@ -725,7 +725,7 @@ SettingsState &Stage::showSettings()
 
 QtPreviewWindow &Stage::makePreview(const std::string &decoder)
 {
-    preview = std::make_unique<QtPreviewWindow>(loop.executor(), loop.executor(), clock, appearance, decoder);
+    preview = std::make_unique<QtPreviewWindow>(loop.executor(), clock, appearance, *icons, decoder);
     controller->coordinator()._isPresenting = true; // the palette stays
     return *preview;
 }

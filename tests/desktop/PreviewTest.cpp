@@ -78,8 +78,8 @@ protected:
     QtPreviewWindow &preview()
     {
         if (!_preview)
-            _preview = std::make_unique<QtPreviewWindow>(
-                scene.loop.executor(), scene.loop.executor(), scene.clock, scene.appearance, decoder);
+            _preview =
+                std::make_unique<QtPreviewWindow>(scene.loop.executor(), scene.clock, scene.appearance, *scene.icons, decoder);
         return *_preview;
     }
     void begin(const std::string &path)
@@ -334,7 +334,7 @@ TEST_F(Preview, AMovingPictureStandsStillForWhoWantsNoMotion)
     qputenv("KORVANE_REDUCED_MOTION", "1");
     Appearance still;
     qunsetenv("KORVANE_REDUCED_MOTION");
-    _preview = std::make_unique<QtPreviewWindow>(scene.loop.executor(), scene.loop.executor(), scene.clock, still, decoder);
+    _preview = std::make_unique<QtPreviewWindow>(scene.loop.executor(), scene.clock, still, *scene.icons, decoder);
     show(write("moving.gif", movingPicture()));
     const auto colour = [&] { return pane<PicturePane>()->grab().toImage().pixel(pane<PicturePane>()->rect().center()); };
     const QRgb first = colour();

@@ -14,7 +14,7 @@ namespace korvane::test {
 Scene::Scene()
 {
     const auto make = [this](PaletteController &made) {
-        auto one = std::make_unique<QtPaletteWindow>(made, platform(), appearance);
+        auto one = std::make_unique<QtPaletteWindow>(made, platform(), appearance, *icons);
         window = one.get();
         return one;
     };

@@ -2,6 +2,7 @@
 
 #include "Vorrel/Palette/PaletteController.h"
 #include "Vorrel/Views/Appearance.h"
+#include "Vorrel/Views/IconStore.h"
 #include "Vorrel/Views/PaletteView.h"
 #include "Vorrel/Views/QtPaletteWindow.h"
 #include "tests/support/TestPalette.h"
@@ -38,6 +39,7 @@ public:
 
     QTemporaryDir folder;
     Appearance appearance;
+    std::shared_ptr<IconStore> icons = std::make_shared<IconStore>(loop.executor(), loop.executor());
     QtPaletteWindow *window = nullptr; // the controller's
     std::unique_ptr<PaletteController> controller;
 };

@@ -64,7 +64,7 @@ protected:
     void pressK(Qt::KeyboardModifiers modifiers) { pressNative(recorder(), Qt::Key_K, modifiers, 'k', 37 + 8, "k"); }
 
     Scene scene;
-    QtSettingsWindow window{scene.services->preferences(), scene.platform(), scene.appearance};
+    QtSettingsWindow window{scene.services->preferences(), scene.platform(), scene.appearance, *scene.icons};
     std::vector<bool> told; ///< Of recordings that began and ended.
     std::vector<HotkeyConfiguration> registered;
 };

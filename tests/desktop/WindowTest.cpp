@@ -33,6 +33,7 @@
 #include <QScreen>
 #include <QScrollBar>
 #include <QThread>
+#include <QWindow>
 
 #include <thread>
 
@@ -225,6 +226,110 @@ TEST_F(Palette, ALetterTypedWhileAButtonHasTheKeyboardGoesToTheField)
     type(*QApplication::focusWidget(), "x");
     EXPECT_EQ(scene.field().text(), "x");
     EXPECT_TRUE(scene.field().hasFocus());
+}
+
+TEST_F(Palette, AVeryLongTextIsInTheFieldInFull)
+{
+    const QString text = QString(100'000, 'x');
+    QApplication::clipboard()->setText(text);
+    press(scene.field(), Qt::Key_V, Qt::ControlModifier);
+    EXPECT_EQ(scene.field().text().size(), text.size());
+    EXPECT_EQ(scene.palette().query().size(), std::size_t(text.size()));
+}
+
+// Pages
+
+TEST_F(Palette, PagesOfAListAreTurnedFromTheFieldAndStopAtItsEnds)
+{
+    Rows rows;
+    for (int i = 0; i < 50; i++)
+        rows.push_back(makeRow({.id = "row" + std::to_string(i), .title = "Row"}));
+    scene.palette()._results = rows;
+    scene.turn();
+    const auto after = [&](Qt::Key key, Qt::KeyboardModifiers modifiers = {}) {
+        press(scene.field(), key, modifiers);
+        scene.turn();
+        EXPECT_TRUE(list().viewport()->rect().contains(list().rowRect(list().selection())));
+        return scene.palette().selection();
+    };
+    EXPECT_EQ(after(Qt::Key_PageUp), 0);
+    const int page = after(Qt::Key_PageDown);
+    EXPECT_GT(page, 3);
+    EXPECT_EQ(after(Qt::Key_PageDown), 2 * page);
+    EXPECT_EQ(after(Qt::Key_PageUp), page);
+    EXPECT_EQ(after(Qt::Key_End, Qt::ControlModifier), 49);
+    EXPECT_EQ(after(Qt::Key_PageDown), 49);
+    EXPECT_EQ(after(Qt::Key_Home, Qt::ControlModifier), 0);
+    EXPECT_TRUE(scene.field().hasFocus());
+}
+
+TEST_F(Palette, PagesOfTheActionsAreTurnedAsWell)
+{
+    std::vector<CommandAction> actions;
+    for (int i = 0; i < 30; i++)
+        actions.push_back({.id = "action" + std::to_string(i), .title = "Action"});
+    scene.palette()._results = Rows{makeRow({.id = "row", .title = "Row", .actions = actions})};
+    scene.palette().toggleActions();
+    scene.turn();
+    press(scene.field(), Qt::Key_PageDown);
+    EXPECT_GT(scene.palette().actionSelection(), 3);
+    press(scene.field(), Qt::Key_End, Qt::ControlModifier);
+    EXPECT_EQ(scene.palette().actionSelection(), 29);
+    EXPECT_EQ(scene.palette().selection(), 0);
+}
+
+TEST_F(Palette, PagesOfALongTextAreTurnedFromTheField)
+{
+    const auto turnsPagesOf = [&](const TextPane &pane) {
+        const QScrollBar &bar = *pane.verticalScrollBar();
+        press(scene.field(), Qt::Key_PageDown);
+        EXPECT_EQ(bar.value(), bar.pageStep());
+        press(scene.field(), Qt::Key_End, Qt::ControlModifier);
+        EXPECT_EQ(bar.value(), bar.maximum());
+        press(scene.field(), Qt::Key_Home, Qt::ControlModifier);
+        EXPECT_EQ(bar.value(), 0);
+        EXPECT_TRUE(scene.field().hasFocus());
+    };
+    std::string text;
+    for (int i = 0; i < 200; i++)
+        text += "A line.\n";
+    scene.palette()._results = Rows{makeRow({.id = "clipboard:1", .title = "x", .previewText = text})};
+    scene.palette()._showsPreview = true;
+    scene.turn();
+    turnsPagesOf(*scene.view().findChild<TextPane *>());
+
+    scene.palette()._showsPreview = false;
+    scene.palette()._mode = PaletteState::Mode::ai;
+    scene.palette()._aiOutput = text;
+    scene.turn();
+    const auto panes = scene.view().findChildren<TextPane *>();
+    ASSERT_EQ(panes.size(), 2);
+    turnsPagesOf(panes[0]->isVisible() ? *panes[0] : *panes[1]);
+}
+
+TEST_F(Palette, PagesAreNotTurnedDuringComposition)
+{
+    compose(scene.field(), "ni");
+    press(scene.field(), Qt::Key_PageDown);
+    press(scene.field(), Qt::Key_End, Qt::ControlModifier);
+    EXPECT_EQ(scene.palette().selection(), 0);
+}
+
+TEST_F(Palette, AnAnswerWithSpacesThatDoNotBreakStaysWhereItWasScrolledTo)
+{
+    std::string answer;
+    for (int i = 0; i < 200; i++)
+        answer += "12\u00A0kg\u2028and more\u2029\n";
+    scene.palette()._mode = PaletteState::Mode::ai;
+    scene.palette()._aiOutput = answer;
+    scene.turn();
+    auto *bar = scene.view().findChild<TextPane *>()->verticalScrollBar();
+    bar->setValue(bar->maximum() / 2);
+    const int before = bar->value();
+    ASSERT_GT(before, 0);
+    type(scene.field(), "x");
+    scene.turn();
+    EXPECT_EQ(bar->value(), before);
 }
 
 // Keys of the window
@@ -545,6 +650,26 @@ TEST_F(Palette, AnotherWindowThatTakesTheKeyboardHidesThePalette)
     EXPECT_TRUE(scene.waitFor([&] { return !scene.controller->presented(); }))
         << "the server's keyboard " << int(x11::keyboardOf(*scene.shownWindow().surface())) << ", palette active "
         << scene.shownWindow().hasKeyboard() << ", other active " << other.isActiveWindow();
+}
+
+TEST_F(Palette, AWindowOfTheProgramThatComesWhileAFreshPaletteGoesKeepsTheKeyboard)
+{
+    QWidget settings;
+    settings.resize(300, 200);
+    int losses = 0;
+    const auto count = [&] { losses += QApplication::activeWindow() != &settings; };
+    scene.controller->hide();
+    x11::showInFront(settings);
+    ASSERT_TRUE(scene.waitFor([&] { return settings.isActiveWindow(); }));
+    const auto watch = QObject::connect(qApp, &QGuiApplication::focusWindowChanged, count);
+    ASSERT_TRUE(scene.waitFor([&] { return !scene.shownWindow().visible(); }));
+    for (int i = 0; i < 50; i++) {
+        scene.turn();
+        scene.wait(10ms);
+    }
+    QObject::disconnect(watch);
+    EXPECT_TRUE(settings.isActiveWindow());
+    EXPECT_EQ(losses, 0);
 }
 
 TEST_F(Palette, AnAlertStandsOverThePaletteWhichStays)

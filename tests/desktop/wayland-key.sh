@@ -16,6 +16,7 @@ soon() { # COMMAND...: whether it succeeds within ten seconds
 is_ready() { grep -q 'Korvane is ready' "$log" 2>/dev/null; }
 is_open() { swaymsg -t get_tree | grep -q '"name": "Korvane Vorrel"'; }
 is_closed() { ! is_open; }
+is_told() { swaymsg -t get_tree | grep -q '"name": "Korvane Settings"'; }
 press_key() { wtype -M alt -k space -m alt; }
 fail() { echo "$1"; cat "$log"; exit 1; }
 
@@ -23,6 +24,7 @@ swaymsg -q "bindsym Mod1+space exec '$korvane' >>'$log' 2>&1"
 swaymsg -q "exec '$korvane' >>'$log' 2>&1"
 soon is_ready || fail "The program did not start."
 is_closed || fail "The palette is open already."
+soon is_told || fail "The settings did not open to tell that there are no global shortcuts here."
 for _ in 1 2; do
     press_key
     soon is_open || fail "The key did not open the palette."

@@ -73,13 +73,16 @@ GVariant *options(std::initializer_list<std::pair<const char *, std::string>> te
 class PortalHotkeys::Portal : public std::enable_shared_from_this<Portal> {
 public:
     Portal(const PortalHotkeys &owner, Handlers handlers) :
-        mainThread(owner.mainThread), actor(owner.pool), description(owner.description), handlers(std::move(handlers))
+        mainThread(owner.mainThread), actor(owner.pool), address(owner.bus), description(owner.description),
+        handlers(std::move(handlers))
     {
     }
 
-    void open(const std::string &address)
+    void open()
     {
-        Task<void> task = connect(shared_from_this(), address);
+        absent = false;
+        connected = std::make_shared<AsyncEvent>();
+        Task<void> task = connect(shared_from_this());
         connecting = spawn(mainThread, std::move(task));
     }
 
@@ -94,7 +97,7 @@ public:
     int reserve(const HotkeyConfiguration &configuration)
     {
         if (absent)
-            throw HotkeyRegistrationError(Reason::unavailable);
+            open(); // a desktop that was slow to start may have it by now
         const int number = ++lastNumber;
         Task<void> task = bind(shared_from_this(), number, configuration);
         reservations[number].binding = spawn(mainThread, std::move(task));
@@ -113,14 +116,14 @@ public:
     }
 
 private:
-    static Task<void> connect(std::shared_ptr<Portal> self, std::string address)
+    static Task<void> connect(std::shared_ptr<Portal> self)
     {
-        auto work = [address, told = self->listener()](std::stop_token) { return openBus(address, told); };
+        auto work = [address = self->address, told = self->listener()](std::stop_token) { return openBus(address, told); };
         const std::shared_ptr<MessageBus> opened = co_await self->actor.run(std::move(work));
         co_await throwIfCancelled();
         self->bus = opened;
         self->absent = !opened;
-        self->connected.fire();
+        self->connected->fire();
         if (self->absent)
             self->tellLost(HotkeyRegistrationError(Reason::unavailable));
     }
@@ -204,7 +207,8 @@ private:
 
     static Task<void> bind(std::shared_ptr<Portal> self, int number, HotkeyConfiguration configuration)
     {
-        co_await self->connected.wait();
+        const std::shared_ptr<AsyncEvent> connected = self->connected;
+        co_await connected->wait();
         if (!self->bus)
             co_return; // already told
         const std::string session = co_await createSession(self);
@@ -315,10 +319,10 @@ private:
 
     const Executor mainThread;
     Actor actor;
-    const std::string description;
+    const std::string address, description;
     Handlers handlers;
     std::shared_ptr<MessageBus> bus;
-    AsyncEvent connected;
+    std::shared_ptr<AsyncEvent> connected; // or known to be absent
     bool absent = false;
     TaskHandle connecting;
     std::map<int, Reservation> reservations;
@@ -339,7 +343,7 @@ bool PortalHotkeys::install(Handlers handlers)
     if (bus.empty())
         return false;
     portal = std::make_shared<Portal>(*this, std::move(handlers));
-    portal->open(bus);
+    portal->open();
     return true;
 }
 

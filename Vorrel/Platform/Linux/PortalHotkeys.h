@@ -18,7 +18,8 @@ public:
     PortalHotkeys(Executor mainThread, Executor pool, std::string bus, std::string description);
     ~PortalHotkeys() override;
 
-    /// False without a session bus. A desktop without the portal is found out soon after, and told as `unavailable`.
+    /// False without a session bus. A desktop without the portal is found out soon after, and told as `unavailable`;
+    /// the next `reserve` looks for it again.
     bool install(Handlers handlers) override;
     void remove() override;
     HotkeyLease reserve(const HotkeyConfiguration &configuration) override;

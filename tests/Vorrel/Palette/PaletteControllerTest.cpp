@@ -272,6 +272,26 @@ TEST(PaletteController, AClickOutsideLeavesItWhileADialogOrAWindowOfAFlowStands)
     EXPECT_EQ(test.window->fades.size(), 2u) << "a hidden palette has nothing to hide";
 }
 
+TEST(PaletteController, AClickOnTheStatusItemClosesAnOpenPaletteAlthoughItsPressHasDoneSoAlready)
+{
+    TestController test;
+    test.controller->toggle();
+    test.controller->mousePressed(0, 0, false);
+    test.wait(299ms);
+    test.controller->toggleByClick();
+    EXPECT_FALSE(test.controller->presented()) << "what the same click does elsewhere";
+    test.wait(1ms);
+    test.controller->toggleByClick();
+    EXPECT_TRUE(test.controller->presented()) << "the next click";
+    test.controller->toggleByClick();
+    EXPECT_FALSE(test.controller->presented()) << "no press was seen";
+    test.controller->toggleByClick();
+    EXPECT_TRUE(test.controller->presented()) << "a hide by anything else is no press";
+    test.controller->mousePressed(0, 0, false);
+    test.controller->toggle();
+    EXPECT_TRUE(test.controller->presented()) << "the global key is no click";
+}
+
 TEST(PaletteController, TheDigitsOneToFourSelectATabAndFiveGoesToTheField)
 {
     TestController test;

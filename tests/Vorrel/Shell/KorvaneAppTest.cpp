@@ -383,6 +383,33 @@ TEST(AppDelegate, WithoutGlobalShortcutsTheWayRoundIsToldAndTheSecondLaunchWorks
     EXPECT_TRUE(app.delegate->controller()->presented());
 }
 
+TEST(AppDelegate, ADesktopThatTurnsOutToHaveNoGlobalShortcutsIsToldInTheSettings)
+{
+    TestApp app;
+    app.launch();
+    EXPECT_EQ(app.settingsWindow->shown, 0);
+    app.hotkeys.handlers.lost(HotkeyRegistrationError(HotkeyRegistrationError::Reason::unavailable));
+    EXPECT_EQ(app.settingsWindow->shown, 1);
+    const SettingsState &settings = app.services->preferences();
+    EXPECT_EQ(settings.hotkeyIssue.get(), "Global shortcuts are unavailable. Open Korvane from the menu bar and try again.");
+    EXPECT_EQ(settings.selectedTab.get(), SettingsState::Tab::general);
+    EXPECT_FALSE(settings.activeHotkey.get());
+}
+
+TEST(AppDelegate, AClickOnTheStatusItemClosesTheOpenPalette)
+{
+    TestApp app;
+    app.launch();
+    app.status.choose("Open Korvane");
+    EXPECT_TRUE(app.delegate->controller()->presented());
+    app.delegate->controller()->mousePressed(0, 0, false); // the press of the click on it
+    app.status.choose("Open Korvane");
+    EXPECT_FALSE(app.delegate->controller()->presented());
+    app.clock.advance(1s);
+    app.status.choose("Open Korvane");
+    EXPECT_TRUE(app.delegate->controller()->presented());
+}
+
 TEST(AppDelegate, AKeyThatTheSystemTakesBackIsToldInTheSettings)
 {
     TestApp app;
