@@ -7,6 +7,7 @@
 #include "Vorrel/Views/HotkeyRecorder.h"
 #include "Vorrel/Views/HotkeySettingsSection.h"
 #include "Vorrel/Views/IconStore.h"
+#include "tests/support/DiskFolder.h"
 #include "tests/support/TestPalette.h"
 
 #include <gmock/gmock.h>
@@ -353,6 +354,33 @@ TEST_F(SettingsPages, TheDiagnosticsAreExportedToTheChosenFile)
     desktop.dialogs.refuse();
     turn();
     EXPECT_THAT(texts(), Contains("Diagnostics export was cancelled."));
+    const DiskFolder disk;
+    for (const bool registered : {true, false}) {
+        state().activeHotkey = registered ? std::optional(HotkeyConfiguration()) : std::nullopt;
+        press("Export Diagnostics…");
+        desktop.dialogs.accept({disk / "report.txt"});
+        turn();
+        EXPECT_THAT(texts(), Contains("Diagnostics exported."));
+        const auto report =
+            await(desktop.loop, desktop.services->diagnostics.presentReport(desktop.index->indexHealth(), registered));
+        EXPECT_EQ(disk.contents("report.txt"), report);
+        EXPECT_THAT(disk.contents("report.txt"), testing::HasSubstr(registered ? "- Registered: yes" : "- Registered: no"));
+    }
+}
+
+TEST_F(SettingsPages, TheSystemsOwnSettingsAreOpenedOrTheWayIsTold)
+{
+    state().hotkeyIssue = "Choose a shortcut with Command, Option or Control.";
+    state().loginStatus = SettingsState::LoginItemStatus::failed;
+    turn();
+    press("Open Login Items Settings");
+    press("Open Keyboard Settings");
+    open(Tab::files);
+    desktop.system.opensSettings = false;
+    press("Open Files & Folders Settings");
+    EXPECT_THAT(
+        desktop.system.requests(), ElementsAre("settings login items", "settings keyboard", "settings file privacy"));
+    EXPECT_THAT(texts(), Contains("Open System Settings → Privacy & Security → Files & Folders."));
 }
 
 // File Index
@@ -487,6 +515,15 @@ TEST_F(SettingsPages, TheSecureFieldsShowNothingAndKeepNothing)
     EXPECT_EQ(line("Account reference").text(), "search") << "the account stays";
 }
 
+TEST_F(SettingsPages, TheSavedKeyIsRemovedByItsButton)
+{
+    desktop.secrets.keep("ai.openai", "sk-123");
+    open(Tab::ai);
+    press("Remove Saved API Key");
+    EXPECT_THAT(desktop.secrets.items(), testing::IsEmpty());
+    EXPECT_THAT(texts(), Contains("API key removed."));
+}
+
 TEST_F(SettingsPages, AKeyThatIsTypedDuringASaveIsKept)
 {
     open(Tab::ai);
@@ -520,6 +557,23 @@ TEST_F(SettingsPages, EachServerHasItsStatusAndItsButtons)
     turn();
     EXPECT_THAT(texts(), Contains("Connecting…"));
     EXPECT_EQ(view->focusWidget(), &button("Connect")) << "a status that changes takes no keyboard away";
+}
+
+TEST_F(SettingsPages, AServerIsRemovedByItsButtonAndAFailureIsTold)
+{
+    open(Tab::mcp);
+    for (const char *name : {"Search", "Notes"})
+        await(desktop.loop, state().mcp().add({.id = name, .name = name, .command = "/usr/bin/server"}));
+    turn();
+    for (FlatButton *one : view->findChildren<FlatButton *>())
+        if (one->accessibleName() == "Remove server" && one->accessibleDescription() == "Search")
+            one->click();
+    turn();
+    ASSERT_EQ(state().mcp().configurations().size(), 1U);
+    EXPECT_EQ(state().mcp().configurations().front().name, "Notes");
+    await(desktop.loop, desktop.services->database->close());
+    press("Remove server");
+    EXPECT_THAT(texts(), IsSupersetOf({"Notes", "The database is closed."}));
 }
 
 TEST_F(SettingsPages, AServerThatCannotBeReadIsToldAndTheTextStays)
