@@ -378,8 +378,7 @@ TEST_F(SettingsPages, TheSystemsOwnSettingsAreOpenedOrTheWayIsTold)
     open(Tab::files);
     desktop.system.opensSettings = false;
     press("Open Files & Folders Settings");
-    EXPECT_THAT(
-        desktop.system.requests(), ElementsAre("settings login items", "settings keyboard", "settings file privacy"));
+    EXPECT_THAT(desktop.system.requests(), ElementsAre("settings login items", "settings keyboard", "settings file privacy"));
     EXPECT_THAT(texts(), Contains("Open System Settings → Privacy & Security → Files & Folders."));
 }
 
