@@ -151,9 +151,6 @@ Task<void> SettingsState::saveTask(AppPreferences copy, std::string key, int edi
 void SettingsState::show(const AppPreferences &saved, int editedLimit)
 {
     appliedHotkey = saved.hotkey;
-    activeHotkey = saved.hotkey;
-    hotkeyIssue = std::nullopt;
-    hotkeyAttempt = std::nullopt;
     apply(saved);
     if (preferences->clipboardLimit == editedLimit) {
         AppPreferences clamped = preferences;
@@ -183,6 +180,10 @@ Task<void> SettingsState::saveOrThrow(AppPreferences &copy, const std::string &k
         reportHotkeyFailure(std::current_exception(), copy.hotkey, activeHotkey);
         throw;
     }
+    // Now and not once it is stored: the shortcut may be lost meanwhile, and that is reported.
+    activeHotkey = copy.hotkey;
+    hotkeyIssue = std::nullopt;
+    hotkeyAttempt = std::nullopt;
     std::exception_ptr failure;
     try {
         co_await store(copy, key);
@@ -392,10 +393,9 @@ void SettingsState::addIndexRoot() { start(addIndexRootTask()); }
 
 Task<void> SettingsState::addIndexRootTask()
 {
-    Dialogs::Choice choice{.folders = true, .title = L10n::shown("Add Folder…")};
-    const auto chosen = co_await services.platform.dialogs.choose(std::move(choice));
-    if (chosen && !chosen->empty())
-        services.fileIndex->addRoot(chosen->front());
+    const auto chosen = co_await services.files.chooseDirectory();
+    if (chosen)
+        services.fileIndex->addRoot(*chosen);
 }
 
 void SettingsState::exportDiagnostics() { start(exportDiagnosticsTask()); }

@@ -366,6 +366,37 @@ void AgentSettingsView::refreshList()
     _list->show(std::move(entries), draft.id);
 }
 
+void AgentSettingsView::arrangeSkills(const std::vector<std::pair<Skill, bool>> &wanted)
+{
+    const auto showsIt = [](const SkillRow *row, const auto &skill) { return row->shows(skill.first, skill.second); };
+    std::erase_if(skills, [&](SkillRow *row) {
+        const bool stays = std::ranges::any_of(wanted, [&](const auto &skill) { return showsIt(row, skill); });
+        if (!stays) {
+            row->hide(); // while it has its place, so that the keyboard goes to the next one
+            row->deleteLater();
+        }
+        return !stays;
+    });
+    // A row that stays is left as it is, with the keyboard and with instructions that are being read.
+    std::vector<SkillRow *> arranged;
+    for (const auto &skill : wanted) {
+        const auto kept = std::ranges::find_if(skills, [&](const SkillRow *row) { return showsIt(row, skill); });
+        SkillRow *row = kept != skills.end() ? *kept : makeSkill(skill.first, skill.second);
+        skillRows->layout()->addWidget(row); // as the last one
+        row->raise(); // for the order of the keyboard
+        arranged.push_back(row);
+    }
+    skills = std::move(arranged);
+}
+
+SkillRow *AgentSettingsView::makeSkill(const Skill &skill, bool unverified)
+{
+    auto *row = new SkillRow(parts, skill, unverified, skillRows);
+    connect(row->toggle, &QAbstractButton::clicked, this,
+        [this, path = skill.path](bool on) { edit([&](Agent &draft) { put(draft.skills, path, on); }); });
+    return row;
+}
+
 void AgentSettingsView::refreshSkills()
 {
     const std::vector<Skill> &found = store.skills;
@@ -378,19 +409,8 @@ void AgentSettingsView::refreshSkills()
 
     const bool same = std::ranges::equal(
         skills, wanted, [](const SkillRow *row, const auto &skill) { return row->shows(skill.first, skill.second); });
-    if (!same) {
-        for (SkillRow *row : std::exchange(skills, {})) {
-            row->hide();
-            row->deleteLater();
-        }
-        for (const auto &[skill, unverified] : wanted) {
-            auto *row = new SkillRow(parts, skill, unverified, skillRows);
-            connect(row->toggle, &QAbstractButton::clicked, this,
-                [this, path = skill.path](bool on) { edit([&](Agent &draft) { put(draft.skills, path, on); }); });
-            skillRows->layout()->addWidget(row);
-            skills.push_back(row);
-        }
-    }
+    if (!same)
+        arrangeSkills(wanted);
     for (std::size_t i = 0; i < skills.size(); i++)
         skills[i]->toggle->setChecked(holds(store.draft->skills, wanted[i].first.path));
     skillRows->setVisible(!skills.empty());

@@ -64,6 +64,9 @@ private:
     bool changed(const Agent &draft) const;
     void refreshList();
     void refreshSkills();
+    /// Shows these skills, each with whether it was not found.
+    void arrangeSkills(const std::vector<std::pair<Skill, bool>> &wanted);
+    SkillRow *makeSkill(const Skill &skill, bool unverified);
 
     AgentStore &store;
     std::map<std::string, Agent> left; ///< Drafts with edits that were left for another one.

@@ -281,6 +281,13 @@ void FlatButton::keyPressEvent(QKeyEvent *event)
         QAbstractButton::keyPressEvent(event);
 }
 
+bool FlatButton::focusNextPrevChild(bool next)
+{
+    // A disabled button is given no keys: this is the toolkit's, which takes the keyboard from what it disables.
+    const bool keeps = !isEnabled() && isVisible() && window()->focusWidget() == this;
+    return keeps || QAbstractButton::focusNextPrevChild(next);
+}
+
 void FlatButton::enterEvent(QEnterEvent *) { update(); }
 
 void FlatButton::leaveEvent(QEvent *) { update(); }

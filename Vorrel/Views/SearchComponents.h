@@ -41,7 +41,8 @@ private:
     const QFont::Weight weight;
 };
 
-/// A flat button: symbol, caption, keys and text side by side, all optional. Return and Space press it.
+/// A flat button: symbol, caption, keys and text side by side, all optional. Return and Space press it. It keeps the keyboard
+/// while it is disabled, as what it started often disables it for a moment only.
 class FlatButton : public QAbstractButton {
     Q_OBJECT
 
@@ -64,6 +65,7 @@ public:
 protected:
     void paintEvent(QPaintEvent *event) override;
     void keyPressEvent(QKeyEvent *event) override;
+    bool focusNextPrevChild(bool next) override;
     void enterEvent(QEnterEvent *event) override;
     void leaveEvent(QEvent *event) override;
 

@@ -78,7 +78,7 @@ private:
 };
 
 /// A whole number in a short field, to be typed or counted up and down by the arrows. What is no number changes nothing, and
-/// gives way to the present one when the keyboard leaves.
+/// gives way to the present one when the keyboard leaves or `write` is called.
 class NumberField : public QWidget {
     Q_OBJECT
 
@@ -87,6 +87,8 @@ public:
 
     QLineEdit &line() { return *_line; }
     void show(int number);
+    /// Gives a field without a number the present one back.
+    void write();
 
     std::function<void(int)> edited = [](int) {}; ///< The user changed the number.
 
@@ -94,8 +96,6 @@ protected:
     bool eventFilter(QObject *watched, QEvent *event) override;
 
 private:
-    void write();
-
     QLineEdit *_line;
     int number = 0;
 };

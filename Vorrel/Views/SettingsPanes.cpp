@@ -91,7 +91,10 @@ GeneralSettingsPane::GeneralSettingsPane(const PaneParts &parts) : SettingsPane(
 void GeneralSettingsPane::buildLogin(SettingsCard &card)
 {
     login = new Toggle(parts.appearance, shownText(L10n::key("Launch at Login")), &card);
-    connect(login, &QAbstractButton::clicked, this, [this](bool on) { parts.state.setLogin(on); });
+    connect(login, &QAbstractButton::clicked, this, [this](bool on) {
+        parts.state.setLogin(on);
+        refresh(); // the switch turns once the system has agreed
+    });
     card.column().addWidget(login);
     loginStatus = &card.addNote({});
     loginSettings = button(L10n::key("Open Login Items Settings"), &SettingsState::openLoginItemsSettings);
@@ -235,6 +238,8 @@ void ClipboardSettingsPane::refresh()
 {
     enabled->setChecked(parts.state.preferences->clipboardEnabled);
     limit->show(parts.state.preferences->clipboardLimit);
+    if (parts.state.saving)
+        limit->write(); // what is saved is seen
 }
 
 // AI

@@ -139,12 +139,13 @@ void SettingsTabBar::paintEvent(QPaintEvent *)
 /// The line at the window's foot, with the button that makes drafts real.
 class SettingsFooter : public QWidget {
 public:
-    SettingsFooter(SettingsState &state, Appearance &appearance, IconStore &icons, QWidget *parent) :
-        QWidget(parent), state(state), appearance(appearance),
+    /// `pressed` is told of the button.
+    SettingsFooter(
+        SettingsState &state, Appearance &appearance, IconStore &icons, const std::function<void()> &pressed, QWidget *parent) :
+        QWidget(parent),
+        state(state), appearance(appearance),
         line(new Text(appearance, TypeSize::Small, Text::Tone::Secondary, QFont::Normal, this)),
-        save(makeButton(
-            appearance, icons, fromUtf8(L10n::shown("Save Settings")), [this] { this->state.save(); },
-            FlatButton::Style::Primary))
+        save(makeButton(appearance, icons, fromUtf8(L10n::shown("Save Settings")), pressed, FlatButton::Style::Primary))
     {
         line->setWordWrap(true);
         auto *row = new QHBoxLayout(this);
@@ -156,9 +157,10 @@ public:
 
     void refresh()
     {
-        // A change of the words is told to screen readers as the label's new name.
-        line->setText(
-            state.message->has_value() ? shownText(state.message->value()) : fromUtf8(L10n::shown("Changes are saved locally.")));
+        // A change of the words is told to screen readers as the label's new name. What an earlier save said makes room during
+        // the next one, so that the same words are told again.
+        const bool says = state.message->has_value() && !state.saving;
+        line->setText(says ? shownText(state.message->value()) : fromUtf8(L10n::shown("Changes are saved locally.")));
         save->setEnabled(!state.saving);
     }
     void applyAppearance() { line->applyAppearance(); }
@@ -209,7 +211,8 @@ static SettingsPane *makePane(Tab tab, const PaneParts &parts)
 
 SettingsView::SettingsView(const PaneParts &parts) :
     parts(parts), tabBar(new SettingsTabBar(parts.state, parts.appearance, parts.icons, this)), pages(new QWidget(this)),
-    footer(new SettingsFooter(parts.state, parts.appearance, parts.icons, this))
+    footer(new SettingsFooter(
+        parts.state, parts.appearance, parts.icons, [this] { save(); }, this))
 {
     auto *column = new QVBoxLayout(this);
     column->setContentsMargins(0, 0, 0, 0);
@@ -279,7 +282,6 @@ void SettingsView::showTab(Tab tab)
             tabBar->takeFocus();
         before->hide();
     }
-    shown->pane->refresh();
     shown->show();
     if (isVisible())
         shown->pane->opened();
@@ -292,6 +294,12 @@ void SettingsView::refresh()
     shown->pane->refresh();
     footer->refresh();
     layout()->activate();
+}
+
+void SettingsView::save()
+{
+    parts.state.save();
+    refresh(); // shows that a save runs, however short it is
 }
 
 void SettingsView::refreshSoon()
@@ -335,22 +343,24 @@ void SettingsView::applyAppearance()
 
 // The keyboard
 
-static void collectFocusable(const QWidget &below, QList<QWidget *> &into)
-{
-    for (QObject *child : below.children()) {
-        auto *widget = qobject_cast<QWidget *>(child);
-        if (!widget || widget->isHidden() || !widget->isEnabled() || widget->isWindow())
-            continue;
-        if ((widget->focusPolicy() & Qt::TabFocus) && !widget->focusProxy())
-            into += widget;
-        collectFocusable(*widget, into);
-    }
-}
-
 QList<QWidget *> SettingsView::focusOrder() const
 {
+    const QWidget *focused = focusWidget();
     QList<QWidget *> all;
-    collectFocusable(*this, all);
+    const std::function<void(const QWidget &)> collect = [&](const QWidget &below) {
+        for (QObject *child : below.children()) {
+            auto *widget = qobject_cast<QWidget *>(child);
+            if (!widget || widget->isWindow())
+                continue;
+            const bool takesKeys = (widget->focusPolicy() & Qt::TabFocus) && !widget->focusProxy();
+            const bool usable = widget->isVisibleTo(this) && widget->isEnabled();
+            if (widget == focused || (takesKeys && usable))
+                all += widget;
+            if (usable || widget->isAncestorOf(focused))
+                collect(*widget);
+        }
+    };
+    collect(*this);
     return all;
 }
 

@@ -52,7 +52,8 @@ public:
     /// The page of a tab, which is made when it is not there yet.
     SettingsPane &pane(SettingsState::Tab tab);
 
-    /// What Tab walks through, in this order.
+    /// What Tab walks through, in this order; with what has the keyboard, even if that has just been disabled or hidden, so that
+    /// the next one is known.
     QList<QWidget *> focusOrder() const;
 
 protected:
@@ -66,7 +67,9 @@ private:
     static constexpr std::size_t tabCount = std::size(SettingsState::tabs);
 
     void addKeys();
+    void save();
     void refreshSoon();
+    /// Brings the page of a tab into its place, to be refreshed there: what a page asks the keyboard for it gets when it is seen.
     void showTab(SettingsState::Tab tab);
     void applyAppearance();
     Page &page(SettingsState::Tab tab);

@@ -11,6 +11,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <QAccessible>
 #include <QApplication>
 #include <QScreen>
 #include <QWindow>
@@ -131,6 +132,49 @@ TEST_F(Settings, TheDefaultIsRestoredAndSavedAtOnce)
     scene.turn();
     EXPECT_THAT(registered, ElementsAre(altSpace));
     EXPECT_EQ(title(), "Alt+Space · Record…");
+}
+
+namespace {
+
+/// The names of one widget that screen readers are told as new ones.
+class ToldNames {
+public:
+    explicit ToldNames(QObject &widget) : before(QAccessible::installUpdateHandler(&note))
+    {
+        watched = &widget;
+        names.clear();
+    }
+    ~ToldNames() { QAccessible::installUpdateHandler(before); }
+
+    static inline Strings names;
+
+private:
+    static void note(QAccessibleEvent *event)
+    {
+        if (event->type() == QAccessible::NameChanged && event->object() == watched)
+            names.push_back(event->accessibleInterface()->text(QAccessible::Name).toStdString());
+    }
+    const QAccessible::UpdateHandler before;
+    static inline QObject *watched = nullptr;
+};
+
+} // namespace
+
+TEST_F(Settings, ASecondSaveIsToldToScreenReadersLikeTheFirst)
+{
+    if (!QAccessible::isActive())
+        GTEST_SKIP() << "no screen reader is served here";
+    QLabel *line = nullptr;
+    for (auto *label : window.surface()->findChildren<QLabel *>())
+        if (label->isVisible() && label->text() == "Changes are saved locally.")
+            line = label;
+    ASSERT_TRUE(line);
+    const ToldNames told(*line);
+    for (int time = 0; time < 2; time++) {
+        button("Save Settings").click();
+        scene.turn();
+    }
+    EXPECT_THAT(told.names, ElementsAre("Settings saved.", "Changes are saved locally.", "Settings saved."));
 }
 
 // What is wrong with the shortcut

@@ -262,6 +262,37 @@ class Installation(unittest.TestCase):
                 self.assertNotIn(str(SOURCE).encode(), (self.prefix / program).read_bytes())
 
 
+class Packing(unittest.TestCase):
+    def test_a_link_in_a_document_of_the_package_leads_to_another_one(self):
+        packaged = {SOURCE / line for line in (SOURCE / "debian/korvane.docs").read_text().split()}
+        for document in packaged:
+            for target in re.findall(r"\]\((?!https?:|#)([^)#]+)", document.read_text()):
+                self.assertIn((document.parent / target).resolve(), packaged, document.name)
+
+    def test_packing_removes_only_what_it_made(self):
+        with tempfile.TemporaryDirectory() as folder:
+            tree = pathlib.Path(folder, "tree")
+            tools = pathlib.Path(folder, "tools")
+            tools.mkdir()
+            shutil.copytree(SOURCE / "debian", tree / "debian", ignore=shutil.ignore_patterns("korvane", ".debhelper"))
+            (tree / "scripts").mkdir()
+            shutil.copy(SOURCE / "scripts/package", tree / "scripts")
+            before = set(tree.rglob("*"))
+            mine = {tree / name for name in ("notes.orig", "half.rej", "letter~", "debian/rules.bak")}
+            for path in mine:
+                path.write_text("mine")
+            # In the place of the real build: what it leaves behind, and what it is when asked to clean.
+            leaves = ("mkdir -p debian/korvane/usr debian/.debhelper\n"
+                      "touch debian/korvane.substvars debian/files debian/debhelper-build-stamp $KORVANE_PACKAGES/korvane.deb")
+            for name, work in (("fakeroot", 'exec "$@"'), ("dh", '[ "$1" = clean ] && exec dh_clean\n' + leaves)):
+                (tools / name).write_text("#!/bin/sh\n" + work + "\n")
+                (tools / name).chmod(0o755)
+            said(tree / "scripts/package", env={**os.environ, "PATH": f"{tools}:{os.environ['PATH']}"})
+            self.assertTrue((tree / "build/package/korvane.deb").exists())
+            left = {path for path in tree.rglob("*") if "build" not in path.relative_to(tree).parts}
+            self.assertEqual(left, before | mine)
+
+
 if __name__ == "__main__":
     BUILD, VERSION = pathlib.Path(sys.argv[1]).resolve(), sys.argv[2]
     unittest.main(argv=sys.argv[:1], verbosity=1)

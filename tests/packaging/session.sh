@@ -1,5 +1,5 @@
 #!/bin/bash
-# An ordinary user's session with the installed package, from an empty home, on a private screen: indexes a small home,
+# An ordinary user's session with the installed package, on a private screen: makes a small home in an empty one, indexes it,
 # finds and starts an application and a file, by korvanectl and by the palette, and quits. Needs nothing of the sources.
 set -eu
 cd "$HOME"

@@ -24,8 +24,8 @@ public:
         readable = g_key_file_load_from_file(keys.get(), path.c_str(), G_KEY_FILE_NONE, nullptr);
     }
 
-    /// Whether its program is one that is there.
-    bool startsSomething() const
+    /// Whether its program is one that is there; a bare name is looked for in `searchPath`.
+    bool startsSomething(const std::string &searchPath) const
     {
         if (!readable)
             return false;
@@ -33,7 +33,7 @@ public:
             g_key_file_get_string(keys.get(), G_KEY_FILE_DESKTOP_GROUP, "Exec", nullptr), &g_free);
         const auto exec = line ? ExecLine::parse(line.get()) : std::nullopt;
         const auto words = exec ? exec->words({}) : std::vector<std::string>();
-        return !words.empty() && findProgram(words.front(), "");
+        return !words.empty() && findProgram(words.front(), searchPath);
     }
     /// By the standard's own key, which some desktops set, and by the one that others do.
     bool isSwitchedOff() const { return is("Hidden", true) || is("X-GNOME-Autostart-enabled", false); }
@@ -79,7 +79,9 @@ constexpr const char *head = "[Desktop Entry]\nVersion=1.4\nType=Application\nNa
 
 LinuxLoginItem::Places LinuxLoginItem::Places::from(const Environment &environment, const UserFolders &folders)
 {
-    Places places{.folder = folders.home + "/.config/autostart", .machineFolders = {}};
+    Places places{.folder = folders.home + "/.config/autostart",
+        .machineFolders = {},
+        .searchPath = nonEmpty(environment, "PATH").value_or(std::string())};
     if (const auto own = nonEmpty(environment, "XDG_CONFIG_HOME"); own && own->starts_with('/'))
         places.folder = *own + "/autostart";
     std::string list = nonEmpty(environment, "XDG_CONFIG_DIRS").value_or("/etc/xdg") + ":";
@@ -96,7 +98,7 @@ bool LinuxLoginItem::machineStartsUs() const
 {
     for (const std::string &folder : places.machineFolders) {
         if (const std::string entry = folder + "/" + fileName; exists(entry))
-            return AutostartEntry(entry).startsSomething() && !AutostartEntry(entry).isSwitchedOff();
+            return AutostartEntry(entry).startsSomething(places.searchPath) && !AutostartEntry(entry).isSwitchedOff();
     }
     return false;
 }
@@ -106,7 +108,7 @@ LoginItem::Status LinuxLoginItem::status() const
     if (!exists(path()))
         return machineStartsUs() ? Status::enabled : Status::disabled;
     const AutostartEntry entry(path());
-    if (!entry.startsSomething())
+    if (!entry.startsSomething(places.searchPath))
         return Status::disabled;
     return entry.isSwitchedOff() ? Status::awaitingApproval : Status::enabled;
 }

@@ -17,6 +17,7 @@ public:
     struct Places {
         std::string folder; ///< Where the user's entries are; need not exist.
         std::vector<std::string> machineFolders; ///< Those of the machine's own.
+        std::string searchPath = {}; ///< Where the session finds programs by their names; empty for the usual folders.
 
         static Places from(const Environment &environment, const UserFolders &folders);
     };

@@ -58,12 +58,10 @@ std::optional<std::string> settingsEntry(SettingsPage wanted, const DesktopEnvir
     const auto isRunning = [&](const Page &page) {
         return std::ranges::find(environment.currentDesktop, page.desktop) != environment.currentDesktop.end();
     };
-    const auto known = pagesOf(wanted);
-    std::vector<Page> pages(known.begin(), known.end());
-    std::ranges::stable_partition(pages, isRunning);
-    for (const Page &page : pages)
-        if (auto path = installed(page, environment))
-            return path;
+    for (const Page &page : pagesOf(wanted))
+        if (isRunning(page))
+            if (auto path = installed(page, environment))
+                return path;
     return std::nullopt;
 }
 

@@ -8,8 +8,8 @@
 
 namespace korvane {
 
-/// Path of the desktop entry that opens this page of the settings: the running desktop's own, else any other that is installed
-/// and runs here. Nothing where there is none. Looks at the disk.
+/// Path of the desktop entry that opens this page of the running desktop's settings. Nothing where it has none: what the settings
+/// of another desktop say need not hold here, installed or not. Looks at the disk.
 std::optional<std::string> settingsEntry(SettingsPage page, const DesktopEnvironment &environment);
 
 } // namespace korvane

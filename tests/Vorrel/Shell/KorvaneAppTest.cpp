@@ -461,6 +461,21 @@ TEST(AppDelegate, SettingsOpenFromTheMenuThePaletteAndTheFlag)
     EXPECT_EQ(app.settingsWindow->shown, 3) << "nothing opens once it is quitting";
 }
 
+TEST(AppDelegate, SettingsLookAtTheLoginEachTimeTheyAreShown)
+{
+    using Status = SettingsState::LoginItemStatus;
+    TestApp app;
+    app.launch();
+    for (const auto &[present, shown] : {std::pair(LoginItem::Status::enabled, Status::enabled),
+             std::pair(LoginItem::Status::awaitingApproval, Status::awaitingApproval),
+             std::pair(LoginItem::Status::disabled, Status::disabled)}) {
+        app.loginItem.present = present; // changed in the desktop's own settings
+        app.status.choose("Settings…");
+        app.loop.runUntilIdle();
+        EXPECT_EQ(app.services->preferences().loginStatus.get(), shown);
+    }
+}
+
 TEST(AppDelegate, AQuicklinkThatTheSettingsAddOrRemoveIsARowOfTheOpenPaletteAtOnce)
 {
     TestApp app({"--show"});

@@ -312,6 +312,25 @@ TEST(SettingsState, WhenTheOldKeyCannotBeTakenBackTheNewOneIsToldAsActive)
     EXPECT_EQ(settings.message(), "The database is closed.") << "why nothing was saved";
 }
 
+TEST(SettingsState, AKeyThatIsLostDuringASaveStaysReported)
+{
+    Settings settings;
+    settings.edit([](AppPreferences &draft) { draft.hotkey = commandK; });
+    settings.model().updateHotkey = [&](const HotkeyConfiguration &hotkey) {
+        settings.binding.replace(hotkey);
+        runLater(settings.loop.executor(), [&] { // while the store writes
+            const auto lost = std::make_exception_ptr(HotkeyRegistrationError(HotkeyRegistrationError::Reason::rejected));
+            settings.model().reportHotkeyFailure(lost, commandK, std::nullopt);
+        });
+    };
+    settings.save();
+    EXPECT_EQ(settings.message(), "Settings saved.");
+    EXPECT_EQ(settings.model().appliedHotkey.get(), commandK);
+    EXPECT_FALSE(settings.model().activeHotkey.get());
+    EXPECT_EQ(settings.model().hotkeyAttempt.get(), commandK);
+    EXPECT_TRUE(settings.model().hotkeyIssue.get());
+}
+
 // The shortcut's own operations
 
 TEST(SettingsState, RestoringSetsTheDefaultAndSavesAtOnce)
@@ -601,7 +620,12 @@ TEST(SettingsState, AFolderThatWasChosenIsIndexedAndACancelledPanelChangesNothin
     services.preferences().addIndexRoot();
     desktop.loop.runUntilIdle();
     ASSERT_EQ(desktop.dialogs.asked().size(), 1u);
-    EXPECT_TRUE(desktop.dialogs.asked()[0].choice.folders);
+    const Dialogs::Choice panel = desktop.dialogs.asked()[0].choice;
+    EXPECT_EQ(panel.title, "Choose a Folder to Search") << "the panel of the palette's own filter";
+    EXPECT_EQ(panel.prompt, "Search Here");
+    EXPECT_EQ(panel.message, "Choose a folder to narrow results to that scope. Search still covers every indexed root.");
+    EXPECT_EQ(panel.directory, desktop.platform().folders.home);
+    EXPECT_TRUE(panel.folders);
     EXPECT_FALSE(desktop.dialogs.asked()[0].choice.multiple);
     desktop.dialogs.refuse();
     desktop.loop.runUntilIdle();

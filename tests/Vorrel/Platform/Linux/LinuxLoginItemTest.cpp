@@ -121,6 +121,16 @@ TEST(LinuxLoginItem, WhatAnotherProgramChangedIsSeenAndMended)
     EXPECT_EQ(item.status(), Status::enabled) << "another Korvane";
 }
 
+TEST(LinuxLoginItem, AProgramIsFoundByItsNameWhereTheSessionFindsPrograms)
+{
+    Session session;
+    session.write("[Desktop Entry]\nType=Application\nName=Korvane\nExec=korvane\n");
+    LinuxLoginItem::Places places{session.disk / "config/autostart", {session.disk / "xdg/autostart"}, session.disk / "bin"};
+    EXPECT_EQ(LinuxLoginItem(places, session.program).status(), Status::enabled);
+    places.searchPath = session.disk / "config";
+    EXPECT_EQ(LinuxLoginItem(places, session.program).status(), Status::disabled);
+}
+
 TEST(LinuxLoginItem, AnEntryOfTheMachineIsMaskedAndUncovered)
 {
     Session session;
@@ -156,6 +166,7 @@ TEST(LinuxLoginItem, ItsFoldersComeFromTheEnvironment)
     using Folders = std::vector<std::string>;
     EXPECT_EQ(places({}).folder, "/home/ada/.config/autostart");
     EXPECT_EQ(places({}).machineFolders, Folders{"/etc/xdg/autostart"});
+    EXPECT_EQ(places({{"PATH", "/opt/bin:/usr/bin"}}).searchPath, "/opt/bin:/usr/bin");
     EXPECT_EQ(places({{"XDG_CONFIG_HOME", "/cfg"}}).folder, "/cfg/autostart");
     EXPECT_EQ(places({{"XDG_CONFIG_HOME", "relative"}}).folder, "/home/ada/.config/autostart");
     EXPECT_EQ(places({{"XDG_CONFIG_DIRS", "/a:relative:/b"}}).machineFolders, (Folders{"/a/autostart", "/b/autostart"}));

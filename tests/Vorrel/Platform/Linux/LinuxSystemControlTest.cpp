@@ -376,18 +376,20 @@ TEST_F(LinuxSystemControlTest, TheRunningDesktopsOwnKeyboardSettingsAreOpened)
     EXPECT_EQ(launcher.launched, Strings{page});
 }
 
-TEST_F(LinuxSystemControlTest, AnotherDesktopsKeyboardSettingsDoIfTheyRunHere)
+TEST_F(LinuxSystemControlTest, AnotherDesktopsKeyboardSettingsAreNoneOfThisOne)
 {
-    around.desktop = {.dataHome = root / "home", .dataDirs = {root / "machine"}, .currentDesktop = {"XFCE"}};
-    settingsPage("machine", "gnome-keyboard-panel", "OnlyShowIn=GNOME;\n");
-    const std::string page = settingsPage("machine", "mate-keybinding");
-    EXPECT_TRUE(openKeyboardSettings());
-    EXPECT_EQ(launcher.launched, Strings{page});
+    settingsPage("machine", "gnome-keyboard-panel");
+    settingsPage("machine", "mate-keybinding");
+    for (const Strings &running : {Strings{"XFCE"}, Strings{"Some"}, Strings()}) {
+        around.desktop = {.dataHome = root / "home", .dataDirs = {root / "machine"}, .currentDesktop = running};
+        EXPECT_FALSE(openKeyboardSettings());
+    }
+    EXPECT_EQ(launcher.launched, Strings());
 }
 
 TEST_F(LinuxSystemControlTest, WithoutKeyboardSettingsThereIsNoPageToOpen)
 {
-    around.desktop = {.dataHome = root / "home", .dataDirs = {root / "machine"}};
+    around.desktop = {.dataHome = root / "home", .dataDirs = {root / "machine"}, .currentDesktop = {"KDE"}};
     EXPECT_FALSE(openKeyboardSettings());
     settingsPage("home", "some-keyboard-program");
     EXPECT_FALSE(openKeyboardSettings());
@@ -416,7 +418,7 @@ TEST_F(LinuxSystemControlTest, EachDesktopsOtherPagesAreOpenedToo)
 
 TEST_F(LinuxSystemControlTest, KeyboardSettingsThatDoNotStartAreNotOpened)
 {
-    around.desktop = {.dataHome = root / "home", .dataDirs = {root / "machine"}};
+    around.desktop = {.dataHome = root / "home", .dataDirs = {root / "machine"}, .currentDesktop = {"KDE"}};
     settingsPage("home", "kcm_keys");
     launcher.fails = true;
     EXPECT_FALSE(openKeyboardSettings());
