@@ -184,6 +184,9 @@ void PaletteView::refresh()
     errors->refresh();
     refreshMiddle();
     footer->refresh();
+    const Row selected = state.selectedResult();
+    if (selected && selected->preview && selected->preview->kind == PreviewResource::Kind::file)
+        fileSelected();
     layout()->activate();
 }
 
