@@ -383,6 +383,20 @@ TEST_F(Preview, ADecoderIsReadyForTwoMinutesAfterItWasExpectedLast)
     EXPECT_TRUE(scene.waitFor([] { return decoders().empty(); }));
 }
 
+TEST_F(Preview, ThePaletteTellsWhenARowOfAFileIsSelected)
+{
+    scene.show();
+    int told = 0;
+    scene.view().fileSelected = [&] { told++; };
+    scene.palette()._results = Rows{makeRow({.id = "command", .title = "Command", .previewText = "text"}),
+        makeRow({.id = "file:/a.png", .title = "a.png", .preview = PreviewResource::file("/a.png")})};
+    scene.turn();
+    EXPECT_EQ(told, 0);
+    scene.palette().move(1);
+    scene.turn();
+    EXPECT_GE(told, 1);
+}
+
 // Keys and closing
 
 TEST_F(Preview, EveryKeyIsShownToTheOwnerFirstAndOnce)
