@@ -3,6 +3,7 @@
 #include "Support/Task.h"
 
 #include <array>
+#include <concepts>
 #include <cstdint>
 #include <exception>
 #include <functional>
@@ -111,13 +112,27 @@ struct CommandIcon {
     bool operator==(const CommandIcon &) const = default;
 };
 
+/// A text of any length that costs nothing to copy: shared and never changed.
+class SharedText {
+public:
+    template <std::convertible_to<std::string> Text>
+    SharedText(Text &&text) : shared(std::make_shared<const std::string>(std::forward<Text>(text)))
+    {
+    }
+    const std::string &whole() const { return *shared; }
+    bool operator==(const SharedText &other) const { return whole() == other.whole(); }
+
+private:
+    std::shared_ptr<const std::string> shared;
+};
+
 /// What the preview of a row shows.
 struct PreviewResource {
     enum class Kind { text, file };
     Kind kind = Kind::text;
-    std::string value; ///< The text, or the path of the file.
+    SharedText value; ///< The text, or the path of the file.
 
-    static PreviewResource text(std::string text) { return {Kind::text, std::move(text)}; }
+    static PreviewResource text(SharedText text) { return {Kind::text, std::move(text)}; }
     static PreviewResource file(std::string path) { return {Kind::file, std::move(path)}; }
     bool operator==(const PreviewResource &) const = default;
 };
@@ -160,7 +175,7 @@ struct CommandResultFields {
     std::vector<std::string> keywords = {};
     CommandIcon icon = {};
     bool keepsOpen = false;
-    std::optional<std::string> previewText = {};
+    std::optional<SharedText> previewText = {};
     std::optional<ResultKind> kind = {};
     std::optional<PreviewResource> preview = {};
     std::vector<CommandAction> actions = {};
@@ -178,7 +193,7 @@ struct CommandResult {
     std::vector<std::string> keywords; ///< Extra match terms.
     CommandIcon icon;
     std::vector<CommandAction> actions; ///< The first is the default; without any the row cannot be run.
-    std::optional<std::string> previewText;
+    std::optional<SharedText> previewText;
     bool keepsOpen; ///< Default dismissal: a success with `inherited` leaves the palette open.
     ResultKind kind;
     std::optional<PreviewResource> preview;

@@ -302,6 +302,8 @@ PipedProcess spawnPipedProcess(const ChildProcess::Options &options)
     return {child, std::move(output.reading), std::move(errors.reading)};
 }
 
+void keepEndedChildren() { ::signal(SIGCHLD, SIG_DFL); }
+
 std::vector<std::string> environmentSnapshot()
 {
     std::vector<std::string> environment;

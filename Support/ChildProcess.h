@@ -43,6 +43,10 @@ struct PipedProcess {
 /// as by default. Returns when it has begun; throws `std::system_error` when it could not.
 PipedProcess spawnPipedProcess(const ChildProcess::Options &options);
 
+/// Has ended children wait for `waitpid`, also where whoever started this process had it ignore their ends: the system would
+/// take them away by itself, and their numbers could be another's when they are used. At the start of a program.
+void keepEndedChildren();
+
 /// The environment of this process as it is now. Taken at the start of the program, before any library
 /// adds to it, it is what other programs are started with.
 std::vector<std::string> environmentSnapshot();

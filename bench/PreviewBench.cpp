@@ -29,6 +29,7 @@ using namespace korvane::bench;
 namespace {
 
 constexpr double ratioLimit = 1.0; // to show less at first must not cost more
+constexpr double smallLimit = 1.5; // there is nothing to save in a small picture, and it crosses between two processes
 constexpr auto rest = std::chrono::milliseconds(150);
 
 QString writeText(const QString &path)
@@ -43,7 +44,7 @@ QString writeText(const QString &path)
     return path;
 }
 
-/// Hills of colour with the grain of a photograph.
+/// Hills of colour with the grain of a photograph; nothing else on the screen is of its red.
 QString writePhotograph(const QString &path, const QSize &size)
 {
     std::mt19937 random(7);
@@ -60,6 +61,12 @@ QString writePhotograph(const QString &path, const QSize &size)
     return path;
 }
 
+bool isOfPhotograph(std::uint32_t pixel)
+{
+    const QColor colour = QColor::fromRgb(pixel);
+    return colour.red() > 180 && colour.green() < 140 && colour.blue() < 140;
+}
+
 class Bench {
 public:
     explicit Bench(std::string decoder) : preview(loop.executor(), clock, appearance, *icons, std::move(decoder))
@@ -67,12 +74,16 @@ public:
         screen.moveMouse(4, 4);
     }
 
-    double ours(const QString &path)
+    enum class Sight { Text, Picture };
+
+    /// The row of the file has been selected for a moment, as in the palette.
+    double ours(const QString &path, Sight sight)
     {
+        preview.prepare();
         pass(rest);
-        const double took = timed([&] { preview.show(path.toStdString(), {}); });
+        const double took = timed(sight, [&] { preview.show(path.toStdString(), {}); });
         preview.close();
-        await([&] { return !isSeen(); });
+        await([&] { return isBare(strip()); });
         return took;
     }
 
@@ -80,7 +91,7 @@ public:
     {
         pass(rest);
         QPlainTextEdit window;
-        return shown(window, [&] {
+        return shown(window, Sight::Text, [&] {
             QFile file(path);
             if (file.open(QIODevice::ReadOnly))
                 window.setPlainText(QString::fromUtf8(file.readAll()));
@@ -91,37 +102,41 @@ public:
     {
         pass(rest);
         QLabel window;
-        return shown(window, [&] { window.setPixmap(QPixmap::fromImage(QImageReader(path).read())); });
+        return shown(window, Sight::Picture, [&] { window.setPixmap(QPixmap::fromImage(QImageReader(path).read())); });
     }
 
 private:
-    double shown(QWidget &window, const std::function<void()> &fill)
+    double shown(QWidget &window, Sight sight, const std::function<void()> &fill)
     {
         window.resize(780, 700);
         window.move(QGuiApplication::primaryScreen()->geometry().center() - window.rect().center());
-        const double took = timed([&] {
+        const double took = timed(sight, [&] {
             fill();
             window.show();
         });
         window.hide();
-        await([&] { return !isSeen(); });
+        await([&] { return isBare(strip()); });
         return took;
     }
 
-    double timed(const std::function<void()> &wish)
+    double timed(Sight sight, const std::function<void()> &wish)
     {
         const auto begin = std::chrono::steady_clock::now();
         wish();
-        await([&] { return isSeen(); });
+        await([&] { return sight == Sight::Text ? !isBare(strip()) : std::ranges::all_of(strip(), isOfPhotograph); });
         const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - begin;
         return took.count();
     }
 
-    /// A strip in the middle of the screen is neither the desktop's colour nor one colour.
-    bool isSeen() const
+    /// In the middle of the screen.
+    std::vector<std::uint32_t> strip() const
     {
-        const auto strip = screen.pixels({screen.width() / 2 - 250, screen.height() / 2 - 10, 300, 20});
-        return std::ranges::any_of(strip, [&](std::uint32_t pixel) { return pixel != strip.front(); });
+        return screen.pixels({screen.width() / 2 - 250, screen.height() / 2 - 10, 300, 20});
+    }
+    /// Of one colour, the desktop's or an empty window's.
+    static bool isBare(const std::vector<std::uint32_t> &strip)
+    {
+        return std::ranges::all_of(strip, [&](std::uint32_t pixel) { return pixel == strip.front(); });
     }
 
     void await(const std::function<bool()> &reached)
@@ -176,18 +191,20 @@ try {
     Bench bench(words[1]);
     Table table({"First sight of", "Korvane (ms)", "bare window (ms)", "ratio", "limit", ""});
     bool kept = true;
-    const auto add = [&](const char *what, double ours, double theirs, bool limited) {
-        const bool good = !limited || ours <= ratioLimit * theirs;
+    const auto add = [&](const char *what, double ours, double theirs, double limit) {
+        const bool good = ours <= limit * theirs;
         kept = kept && good;
-        table.add({what, number(ours, 1), number(theirs, 1), number(ours / theirs, 2), limited ? number(ratioLimit, 1) : "",
-            limited ? (good ? "kept" : "EXCEEDED") : ""});
+        table.add(
+            {what, number(ours, 1), number(theirs, 1), number(ours / theirs, 2), number(limit, 1), good ? "kept" : "EXCEEDED"});
     };
-    add("a text of 1 MB", medianOf(samples, [&] { return bench.ours(text); }),
-        medianOf(samples, [&] { return bench.bareText(text); }), true);
+    using Sight = Bench::Sight;
+    add("a text of 1 MB", medianOf(samples, [&] { return bench.ours(text, Sight::Text); }),
+        medianOf(samples, [&] { return bench.bareText(text); }), ratioLimit);
     const double bareLarge = medianOf(samples, [&] { return bench.barePicture(large); });
-    add("a photograph of 12 megapixels", medianOf(samples, [&] { return bench.ours(large); }), bareLarge, true);
+    add("a photograph of 12 megapixels", medianOf(samples, [&] { return bench.ours(large, Sight::Picture); }), bareLarge,
+        ratioLimit);
     const double bareSmall = medianOf(samples, [&] { return bench.barePicture(small); });
-    add("a picture of 640 × 480", medianOf(samples, [&] { return bench.ours(small); }), bareSmall, false);
+    add("a picture of 640 × 480", medianOf(samples, [&] { return bench.ours(small, Sight::Picture); }), bareSmall, smallLimit);
     table.print();
     return kept ? 0 : 1;
 } catch (const std::exception &error) {

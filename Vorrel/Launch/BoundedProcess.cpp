@@ -73,8 +73,11 @@ public:
     bool isRunning()
     {
         int how = 0;
-        if (!_status && ::waitpid(id, &how, WNOHANG) == id)
+        const pid_t answer = _status ? 0 : ::waitpid(id, &how, WNOHANG);
+        if (answer == id)
             _status = WIFEXITED(how) ? WEXITSTATUS(how) : WTERMSIG(how);
+        else if (answer < 0 && errno == ECHILD)
+            _status = BoundedProcess::unknownStatus;
         return !_status;
     }
     /// The number stays the child's until it has been waited for.

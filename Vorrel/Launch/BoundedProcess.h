@@ -16,10 +16,12 @@ namespace korvane {
 /// Callable from any coroutine. A second run goes on beside the first.
 class BoundedProcess {
 public:
+    /// Of a child that somebody else has waited for.
+    static constexpr std::int32_t unknownStatus = -1;
     struct Output {
         std::string stdout; ///< UTF-8; what was not is repaired.
         std::string stderr;
-        std::int32_t status = 0; ///< The exit status, or the number of the signal that ended it.
+        std::int32_t status = 0; ///< The exit status, or the number of the signal that ended it; or `unknownStatus`.
     };
 
     /// Programs get `environment`, as "NAME=value", and this process's working folder. `clock` outlives the runs.

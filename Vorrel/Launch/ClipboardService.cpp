@@ -27,9 +27,9 @@ std::string titleOf(const std::string &content)
     return title;
 }
 
-Task<void> copy(Pasteboard &pasteboard, std::string content)
+Task<void> copy(Pasteboard &pasteboard, SharedText content)
 {
-    const bool taken = co_await pasteboard.setText(std::move(content));
+    const bool taken = co_await pasteboard.setText(content.whole());
     if (!taken)
         throw AppError(AppError::Kind::recoverable, "Could not update the clipboard.");
 }
@@ -105,25 +105,27 @@ Task<Rows> ClipboardService::search(std::string query)
 {
     if (!repository)
         co_return Rows();
-    const auto entries = co_await repository->search(std::move(query));
+    auto entries = co_await repository->search(std::move(query));
     Rows rows;
     rows.reserve(entries.size());
-    for (const auto &entry : entries)
-        rows.push_back(rowOf(entry));
+    for (auto &entry : entries)
+        rows.push_back(rowOf(std::move(entry)));
     co_return rows;
 }
 
-Row ClipboardService::rowOf(const ClipboardEntry &entry) const
+Row ClipboardService::rowOf(ClipboardEntry entry) const
 {
+    std::string title = titleOf(entry.content);
+    const SharedText content(std::move(entry.content));
     return makeRow({.id = "clipboard:" + entry.id,
-        .title = titleOf(entry.content),
+        .title = std::move(title),
         .subtitle = formattedDate(entry.createdAt, L10n::languageInUse()) + " · " + entry.kind,
         .icon = CommandIcon::symbol(entry.kind == "url" ? "link" : "doc.on.clipboard"),
-        .previewText = entry.content,
+        .previewText = content,
         .actions = {{.id = "copy",
             .title = L10n::key("Copy to Clipboard"),
             .role = ActionRole::write,
-            .execute = [pasteboard = pasteboard, content = entry.content] { return copy(*pasteboard, content); }}}});
+            .execute = [pasteboard = pasteboard, content] { return copy(*pasteboard, content); }}}});
 }
 
 } // namespace korvane

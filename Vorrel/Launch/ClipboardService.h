@@ -41,7 +41,7 @@ public:
 private:
     static Task<void> watch(std::weak_ptr<ClipboardService> weak, Clock &clock);
     Task<std::optional<std::string>> wantedText();
-    Row rowOf(const ClipboardEntry &entry) const;
+    Row rowOf(ClipboardEntry entry) const;
 
     const Executor mainThread;
     Clock *const clock = nullptr;

@@ -36,6 +36,8 @@ public:
 
     bool isPresenting() const { return _isPresenting; }
     bool checkingAccess() const { return _checkingAccess; }
+    /// Whether a file is asked for or shown: what Escape ends first, also while the window has no keyboard yet.
+    bool previewing() const { return _checkingAccess || previewURL; }
 
     Observed<bool> _isPresenting{false};
     Observed<bool> _checkingAccess{false};

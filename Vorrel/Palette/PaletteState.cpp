@@ -557,7 +557,7 @@ void PaletteState::exitArguments()
 void PaletteState::escape()
 {
     confined.check();
-    if (coordinator.checkingAccess())
+    if (coordinator.previewing())
         coordinator.reset();
     else if (_busy && _mode == Mode::ai)
         aiTask.cancel();

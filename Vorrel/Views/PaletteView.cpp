@@ -183,6 +183,9 @@ void PaletteView::refresh()
     errors->refresh();
     refreshMiddle();
     footer->refresh();
+    const Row selected = state.selectedResult();
+    if (selected && selected->preview && selected->preview->kind == PreviewResource::Kind::file)
+        fileSelected();
     layout()->activate();
 }
 
@@ -225,7 +228,7 @@ void PaletteView::refreshMiddle()
     } else if (const Row selected = state.selectedResult(); state.showsPreview() && selected) {
         ResultPreviewView &preview = page(previewPage, appearance, icons);
         preview.close = [this] { state.togglePreview(); };
-        preview.show(selected->previewText.value_or(""));
+        preview.show(selected->previewText.value_or("").whole());
     } else if (state.mode() == Mode::ai) {
         page(assistantPage, appearance, icons).refresh(state);
     } else if (state.searching() || (state.searchingFiles() && state.results().empty())) {

@@ -25,6 +25,9 @@ public:
     /// How often the view has been brought up to date.
     int refreshes() const { return _refreshes; }
 
+    /// Told at each refresh while a row of a file is selected.
+    std::function<void()> fileSelected = [] {};
+
     ResultList &resultList() { return *results; }
 
 protected:

@@ -372,15 +372,32 @@ void QtPreviewWindow::dropShowing()
 {
     if (!showing)
         return;
+    const bool another = decoder != nullptr;
     decoder.reset(); // whatever it is at, nobody waits for it
     showing.reset();
     _surface->put(nullptr);
+    if (another)
+        prepare();
+}
+
+void QtPreviewWindow::prepare()
+{
+    if (!ready || ready->ended())
+        ready = std::make_unique<DecoderProcess>(decoderProgram);
+    readying = spawn(mainThread, endReadiness());
+}
+
+Task<void> QtPreviewWindow::endReadiness()
+{
+    co_await throwIfCancelled();
+    co_await clock.sleep(readiness);
+    ready.reset();
 }
 
 DecoderProcess &QtPreviewWindow::decodes()
 {
     if (!decoder || decoder->ended())
-        decoder = std::make_unique<DecoderProcess>(decoderProgram);
+        decoder = ready && !ready->ended() ? std::move(ready) : std::make_unique<DecoderProcess>(decoderProgram);
     return *decoder;
 }
 

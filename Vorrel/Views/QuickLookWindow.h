@@ -31,6 +31,12 @@ public:
     bool show(const std::string &path, Events events) override;
     void close() override;
 
+    /// How long a decoder is kept ready for a file that may be shown.
+    static constexpr std::chrono::minutes readiness{2};
+    /// A file may be shown soon: has a decoder ready for it, which has seen nothing yet and will see no other file. Also done
+    /// when a preview that needed one ends.
+    void prepare();
+
     QWidget *surface() const;
     /// Whether everything that was asked for is shown.
     bool settled() const;
@@ -53,6 +59,7 @@ private:
     Task<DecoderProcess::Answer> askFor(decoding::Request page, decoding::Request document);
 
     static Task<void> tell(std::function<void()> closed);
+    Task<void> endReadiness();
 
     void arrange(QSize contents);
     void appear(QSize contents);
@@ -67,8 +74,9 @@ private:
     const std::string decoderProgram;
     std::unique_ptr<Surface> _surface;
     std::unique_ptr<DecoderProcess> decoder; // of the file that is shown, once it is needed
+    std::unique_ptr<DecoderProcess> ready; // for the next one
     std::unique_ptr<Showing> showing; // when a preview stands
-    TaskHandle telling;
+    TaskHandle telling, readying;
 };
 
 } // namespace korvane

@@ -320,6 +320,7 @@ private:
 
 int main()
 {
+    ::signal(SIGCHLD, SIG_DFL); // ignored, it would not arrive
     Request request;
     if (!receive(request))
         return 1;

@@ -1,3 +1,4 @@
+#include "Support/ChildProcess.h"
 #include "Support/Descriptor.h"
 #include "Vorrel/Platform/Linux/ActivationSignal.h"
 #include "Vorrel/Platform/Linux/LinuxHotkeys.h"
@@ -8,6 +9,7 @@
 #include "Vorrel/Views/Appearance.h"
 #include "Vorrel/Views/IconStore.h"
 #include "Vorrel/Views/KeyEvents.h"
+#include "Vorrel/Views/PaletteView.h"
 #include "Vorrel/Views/QtDialogs.h"
 #include "Vorrel/Views/QtMainLoop.h"
 #include "Vorrel/Views/QtPaletteWindow.h"
@@ -77,6 +79,7 @@ int main(int count, char **words)
     }
 
     std::signal(SIGPIPE, SIG_IGN);
+    keepEndedChildren();
     const Descriptor signals = endingSignals();
     // A native Wayland window has neither a place nor a way to the front; under XWayland it has both.
     if (nonEmpty(environment, "WAYLAND_DISPLAY") && nonEmpty(environment, "DISPLAY") && !nonEmpty(environment, "QT_QPA_PLATFORM"))
@@ -116,6 +119,7 @@ int main(int count, char **words)
                 auto window = std::make_unique<QtPaletteWindow>(controller, ports, appearance, *icons);
                 window->userTime = [&hotkeys] { return hotkeys.claimKeys(); };
                 window->keyboardSettled = [&hotkeys] { hotkeys.letKeysThrough(); };
+                window->view().fileSelected = [&preview] { preview.prepare(); };
                 dialogs.palette = [surface = QPointer<QWidget>(window->surface())] { return surface.data(); };
                 return window;
             },

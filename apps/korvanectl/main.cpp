@@ -3,6 +3,7 @@
 #include "Vorrel/Shell/AppLog.h"
 #include "Vorrel/Shell/CommandLineTool.h"
 
+#include "Support/ChildProcess.h"
 #include "Support/Descriptor.h"
 #include "Support/Text.h"
 
@@ -172,6 +173,7 @@ std::string workingDirectory()
 int main(int count, char **words)
 {
     std::signal(SIGPIPE, SIG_IGN); // a reader that has seen enough is no failure
+    keepEndedChildren();
     AppLog::silence();
     MainLoop loop;
     int status = 1;

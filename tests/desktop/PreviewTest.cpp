@@ -344,6 +344,59 @@ TEST_F(Preview, AMovingPictureStandsStillForWhoWantsNoMotion)
     _preview.reset(); // before its appearance
 }
 
+// The decoder that is ready
+
+TEST_F(Preview, ADecoderThatIsReadyShowsOneFileAndAnotherIsReadyAfterwards)
+{
+    preview().prepare();
+    ASSERT_TRUE(scene.waitFor([] { return decoders().size() == 1; }));
+    const pid_t first = decoders().front();
+    preview().prepare();
+    show(writePicture("a.png", {100, 100}, Qt::red));
+    EXPECT_THAT(decoders(), ElementsAre(first)) << "the one that was ready, and no other";
+    preview().close();
+    EXPECT_TRUE(scene.waitFor([&] { return decoders().size() == 1 && decoders().front() != first; }));
+}
+
+TEST_F(Preview, ATextNeedsNoDecoderAndLeavesTheOneThatIsReady)
+{
+    preview().prepare();
+    ASSERT_TRUE(scene.waitFor([] { return decoders().size() == 1; }));
+    const auto before = decoders();
+    show(write("a.txt", "a"));
+    preview().close();
+    scene.turn();
+    EXPECT_EQ(decoders(), before);
+}
+
+TEST_F(Preview, ADecoderIsReadyForTwoMinutesAfterItWasExpectedLast)
+{
+    const auto justBefore = QtPreviewWindow::readiness - 1ms;
+    for (int i = 0; i < 2; i++) {
+        preview().prepare();
+        ASSERT_TRUE(scene.waitFor([] { return decoders().size() == 1; }));
+        preview().prepare();
+        scene.wait(justBefore);
+        EXPECT_EQ(decoders().size(), 1U);
+    }
+    scene.wait(1ms);
+    EXPECT_TRUE(scene.waitFor([] { return decoders().empty(); }));
+}
+
+TEST_F(Preview, ThePaletteTellsWhenARowOfAFileIsSelected)
+{
+    scene.show();
+    int told = 0;
+    scene.view().fileSelected = [&] { told++; };
+    scene.palette()._results = Rows{makeRow({.id = "command", .title = "Command", .previewText = "text"}),
+        makeRow({.id = "file:/a.png", .title = "a.png", .preview = PreviewResource::file("/a.png")})};
+    scene.turn();
+    EXPECT_EQ(told, 0);
+    scene.palette().move(1);
+    scene.turn();
+    EXPECT_GE(told, 1);
+}
+
 // Keys and closing
 
 TEST_F(Preview, EveryKeyIsShownToTheOwnerFirstAndOnce)

@@ -1,6 +1,7 @@
 // The real program on a real desktop: started, typed into, killed. Runs inside with-desktop.sh, which gives it a
 // display, a session bus and a home of its own. Every wait looks again until a deadline.
 
+#include "tests/desktop/ClipboardOwner.h"
 #include "tests/desktop/FakeKeyboard.h"
 
 #include <gmock/gmock.h>
@@ -428,6 +429,41 @@ TEST(Program, ACopyMadeByTheCompanionStaysOfferedAfterItHasEnded)
     EXPECT_EQ(output("timeout 3 xclip -selection clipboard -o"), "other\n");
 }
 
+TEST(Program, WhatKeepsACopyEndsWhenSomethingElseIsCopied)
+{
+    Program copy({KORVANE_BINARIES "/copy_probe", "kept"});
+    ASSERT_TRUE(soon([&] { return copy.exitStatus().has_value(); }));
+    const auto keepers = [] {
+        return output(
+            "for id in $(pgrep -x copy_probe); do tr '\\0' '\\n' </proc/$id/environ | grep -x \"DISPLAY=$DISPLAY\"; done");
+    };
+    EXPECT_NE(keepers(), "");
+    output("echo other | xclip -selection clipboard -i >/dev/null");
+    EXPECT_TRUE(soon([&] { return keepers().empty(); }));
+}
+
+TEST(Program, ACopyByTheCompanionWithoutADisplayIsToldToHaveFailed)
+{
+    Program copy({KORVANE_BINARIES "/korvanectl", "run", "file:/srv/tide.txt", "copyPath"}, {"DISPLAY", "WAYLAND_DISPLAY"});
+    ASSERT_TRUE(soon([&] { return copy.exitStatus().has_value(); }));
+    EXPECT_NE(copy.exitStatus(), 0);
+    EXPECT_THAT(copy.said(), testing::HasSubstr("Could not update the clipboard."));
+}
+
+TEST(Program, WhereTheEndsOfChildrenAreIgnoredItAndTheCompanionHearOfThem)
+{
+    const fs::path folder = fs::path(std::getenv("XDG_CONFIG_HOME")) / "korvane" / "shortcuts";
+    fs::create_directories(folder);
+    std::ofstream(folder / "Water plants") << "#!/bin/sh\n";
+    fs::permissions(folder / "Water plants", fs::perms::owner_all);
+    EXPECT_EQ(output("(trap '' CHLD; exec " KORVANE_BINARIES "/korvanectl shortcuts list)"), "Water plants\n");
+
+    const Program program({"/bin/sh", "-c", "trap '' CHLD; exec " + korvane});
+    ASSERT_TRUE(program.ready());
+    const std::string ignored = output("grep SigIgn /proc/" + std::to_string(program.pid) + "/status | cut -f 2");
+    EXPECT_EQ(std::stoull(ignored, nullptr, 16) >> (SIGCHLD - 1) & 1, 0U);
+}
+
 TEST(Program, APathCopiedByTheCompanionIsThePathByteByByte)
 {
     Program copy({KORVANE_BINARIES "/korvanectl", "run", "file:/srv/tide \xff.txt", "copyPath"});
@@ -446,13 +482,13 @@ TEST(Program, WhatOtherProgramsCopyIsInTheHistoryAndSecretsAreNot)
     };
     copy("copied letter", "UTF8_STRING");
     EXPECT_TRUE(soon([&] { return listed().find("copied letter") != std::string::npos; })) << program.said();
-    copy("secret", "x-kde-passwordManagerHint");
-    // A copying program goes to the background before the server has heard of it: two of them may come in either order.
-    const auto offered = [] { return output("timeout 3 xclip -selection clipboard -t TARGETS -o"); };
-    ASSERT_TRUE(soon([&] { return offered().find("x-kde-passwordManagerHint") != std::string::npos; }));
+    ClipboardOwner manager;
+    manager.copy({.forms = {{"UTF8_STRING", "pass word"}, {"x-kde-passwordManagerHint", "secret"}}});
+    ASSERT_TRUE(soon([&] { return manager.asked >= 2; })) << "a look asks for the forms and the mark";
     copy("second letter", "UTF8_STRING");
     EXPECT_TRUE(soon([&] { return listed().find("second letter") < listed().find("copied letter"); }));
-    EXPECT_EQ(listed().find("secret"), std::string::npos);
+    EXPECT_EQ(listed().find("pass word"), std::string::npos);
+    EXPECT_EQ(manager.asked, 2) << "the text is not even asked for";
     EXPECT_FALSE(program.says("letter")) << "logs never hold it";
 }
 

@@ -159,6 +159,20 @@ TEST_F(FileScenario, EscapeWhileTheFileIsAskedForEndsTheQuestionSilently)
     EXPECT_EQ(palette.log, Strings{"focus"});
 }
 
+TEST_F(FileScenario, EscapeThatReachesThePaletteUnderThePreviewClosesThePreviewAlone)
+{
+    pressPreview();
+    ASSERT_EQ(palette.preview.shown, tides);
+    palette.state->escape();
+    palette.settle();
+    EXPECT_EQ(palette.preview.log, (Strings{"show " + tides, "close", "return"}));
+    EXPECT_EQ(palette.log, Strings{"focus"}) << "the palette stays";
+    EXPECT_EQ(palette.state->query(), "tide");
+    palette.state->escape();
+    palette.settle();
+    EXPECT_EQ(palette.log, (Strings{"focus", "hide"}));
+}
+
 TEST_F(FileScenario, APreviewThatHangsOffersToTryAgainAndThenShowsTheFile)
 {
     palette.probe.holds = true;

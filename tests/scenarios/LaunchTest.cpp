@@ -42,6 +42,20 @@ struct LaunchScenario : testing::Test {
 
 using Launch = HeadlessApplicationLauncher::Launch;
 
+/// One shortcut, and what was run.
+struct OneShortcut final : ShortcutRunning {
+    explicit OneShortcut(Strings &ran) : ran(ran) { }
+    Task<std::vector<std::string>> listNames() override { co_return Strings{"Water plants"}; }
+    Task<void> run(std::string name) override
+    {
+        ran.push_back(std::move(name));
+        co_return;
+    }
+    Task<void> view(std::string) override { co_return; }
+
+    Strings &ran;
+};
+
 } // namespace
 
 TEST_F(LaunchScenario, TypeFindRun)
@@ -135,4 +149,33 @@ TEST_F(LaunchScenario, WithoutAWatcherThePeriodicScanFindsItWithinAMinute)
     EXPECT_TRUE(palette->titles().empty());
     palette->wait(1s);
     EXPECT_EQ(palette->titles(), Strings{"Calendar"});
+}
+
+TEST_F(LaunchScenario, AShortcutIsFoundAndRun)
+{
+    Strings ran;
+    const auto service =
+        std::make_shared<ShortcutsService>(palette->loop.executor(), palette->clock, std::make_unique<OneShortcut>(ran));
+    await(palette->loop, service->refreshNow());
+    palette->shortcuts->family = service->commands();
+    palette->shortcuts->onUpdate();
+    palette->type("water");
+    ASSERT_EQ(palette->selected(), "Water plants");
+    palette->run();
+    EXPECT_EQ(ran, Strings{"Water plants"});
+    EXPECT_EQ(palette->log, (Strings{"hide", "focus"}));
+    EXPECT_EQ(palette->usesOf("shortcut:Water plants"), 1);
+}
+
+TEST_F(LaunchScenario, AQuicklinkIsFoundAndOpened)
+{
+    await(palette->loop, palette->services->quicklinks.save({"7", "Harbour office", "https://harbour.example/desk"}));
+    palette->state->refreshQuicklinks();
+    palette->settle();
+    palette->type("harbour");
+    ASSERT_EQ(palette->selected(), "Harbour office");
+    palette->run();
+    EXPECT_EQ(palette->workspace.opened, Strings{"https://harbour.example/desk"});
+    EXPECT_EQ(palette->log, (Strings{"hide", "focus"}));
+    EXPECT_EQ(palette->usesOf("quicklink:7"), 1);
 }

@@ -1,6 +1,7 @@
 #include "Vorrel/Platform/Linux/LinuxPasteboardWatching.h"
 
 #include "Support/ChildProcess.h"
+#include "Vorrel/Shell/L10n.h"
 
 namespace korvane {
 
@@ -46,6 +47,8 @@ void LinuxPasteboardWatching::waylandEnded()
         followX11();
     if (!x11 || wayland->standing() == WaylandPasteboardWatching::Standing::missing)
         obstacle = wayland->obstacle.get();
+    else if (!obstacle.get())
+        obstacle = L10n::key("Not every copy is kept: this desktop does not let programs follow the clipboard.");
 }
 
 std::int64_t LinuxPasteboardWatching::changeCount() const

@@ -25,11 +25,18 @@ bool isProgram(const fs::path &file)
     return ::stat(file.c_str(), &facts) == 0 && S_ISREG(facts.st_mode) && ::access(file.c_str(), X_OK) == 0;
 }
 
+/// Whether nothing in it is without a sign of its own, or changes how the rest is read.
+bool showsWhole(const std::string &name)
+{
+    static constexpr std::string_view hidden[] = {
+        "\t", "\n", "\u200B", "\u200C", "\u200D", "\u200E", "\u200F", "\u2028", "\u2029", "\u2060", "\uFEFF"};
+    return withoutControls(name) == name
+        && std::ranges::none_of(hidden, [&](std::string_view one) { return name.find(one) != std::string::npos; });
+}
+
 bool isName(const std::string &name)
 {
-    const auto isControl = [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; };
-    return !name.empty() && !name.starts_with('-') && trimmed(name) == name && isValidUTF8(name)
-        && std::ranges::none_of(name, isControl);
+    return !name.empty() && !name.starts_with('-') && trimmed(name) == name && isValidUTF8(name) && showsWhole(name);
 }
 
 int complain(const std::string &sentence)

@@ -372,7 +372,7 @@ private:
         co_return pasteboardForms::conceals(readable ? std::optional(content.bytes) : std::nullopt);
     }
 
-    /// Names of all of them, or none when the server does not tell in time.
+    /// Names of all of them, or none when the server does not tell in time. A number that is nobody's name is left out.
     Task<std::vector<std::string>> namesOf(std::vector<xcb_atom_t> forms)
     {
         auto &known = display->typeNames;
@@ -382,15 +382,21 @@ private:
         for (const xcb_atom_t form : forms)
             if (!known.contains(form))
                 asked.emplace_back(form, ::xcb_get_atom_name(display->connection, form).sequence);
-        for (const auto &[form, sequence] : asked) {
+        for (std::size_t i = 0; i < asked.size(); ++i) {
+            const auto &[form, sequence] = asked[i];
             const auto name = co_await reply<xcb_get_atom_name_reply_t>(sequence);
-            known[form] = name
-                ? std::string(::xcb_get_atom_name_name(name.get()), std::size_t(::xcb_get_atom_name_name_length(name.get())))
-                : std::string();
+            if (name)
+                known[form] =
+                    std::string(::xcb_get_atom_name_name(name.get()), std::size_t(::xcb_get_atom_name_name_length(name.get())));
+            else if (alive->over || display->broken()) {
+                for (std::size_t left = i + 1; left < asked.size(); ++left)
+                    ::xcb_discard_reply(display->connection, asked[left].second);
+                co_return std::vector<std::string>();
+            }
         }
         std::vector<std::string> all;
         for (const xcb_atom_t form : forms)
-            if (const auto name = known.find(form); name != known.end() && !name->second.empty())
+            if (const auto name = known.find(form); name != known.end())
                 all.push_back(name->second);
         co_return all;
     }

@@ -82,10 +82,10 @@ public:
     void serve()
     {
         while (!replaced || (!transfers.empty() && SteadyClock::now() < farewell)) {
-            if (!waitForEvent())
+            ::xcb_flush(connection);
+            // Whatever sends or asks may read events as well, of which the socket then does not tell.
+            if (!handleEvents() && !waitForMore())
                 return;
-            while (const Owned<xcb_generic_event_t> event{::xcb_poll_for_event(connection)})
-                handle(*event);
         }
     }
 
@@ -144,10 +144,20 @@ private:
         return std::nullopt;
     }
 
-    /// False when the display is gone.
-    bool waitForEvent()
+    /// False when there was none.
+    bool handleEvents()
     {
-        ::xcb_flush(connection);
+        bool any = false;
+        while (const Owned<xcb_generic_event_t> event{::xcb_poll_for_event(connection)}) {
+            handle(*event);
+            any = true;
+        }
+        return any;
+    }
+
+    /// False when the display is gone.
+    bool waitForMore()
+    {
         pollfd ready{::xcb_get_file_descriptor(connection), POLLIN, 0};
         ::poll(&ready, 1, replaced ? 500 : -1);
         return !::xcb_connection_has_error(connection);

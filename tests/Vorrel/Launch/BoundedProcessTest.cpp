@@ -4,12 +4,16 @@
 #include "Support/ChildProcess.h"
 #include "Support/MainLoop.h"
 #include "tests/support/Await.h"
+#include "tests/support/DiskFolder.h"
+#include "tests/support/Soon.h"
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <signal.h>
+#include <sys/ptrace.h>
 #include <sys/wait.h>
 #include <system_error>
 #include <unistd.h>
@@ -48,6 +52,15 @@ struct BoundedProcessTest : testing::Test {
             run(std::move(line), timeout);
         } catch (const AppError &error) {
             return error.kind() == AppError::Kind::toolExecution ? error.errorDescription() : "another kind";
+        }
+        return "none";
+    }
+    static std::string failureOf(Begun<Output> &begun)
+    {
+        try {
+            begun.result();
+        } catch (const AppError &error) {
+            return error.errorDescription();
         }
         return "none";
     }
@@ -197,6 +210,117 @@ TEST_F(BoundedProcessTest, TheProgramHasNoDescriptorButItsThreeAndSignalsAsByDef
     EXPECT_EQ(run("ls /proc/self/fd | wc -l").stdout, "4\n") << "its three, and the folder being listed";
     const std::string ignored = run("grep SigIgn /proc/self/status").stdout;
     EXPECT_EQ(ignored, "SigIgn:\t0000000000000000\n");
+}
+
+TEST_F(BoundedProcessTest, AChildThatTheSystemTookAwayHasEnded)
+{
+    const auto before = ::signal(SIGCHLD, SIG_IGN);
+    const Output output = run("echo whole");
+    ::signal(SIGCHLD, before);
+    EXPECT_EQ(output.stdout, "whole\n");
+    EXPECT_EQ(output.status, BoundedProcess::unknownStatus);
+    EXPECT_LT(took, 2);
+}
+
+TEST_F(BoundedProcessTest, WhatCannotBeEndedIsGivenUpAfterASecondAndStillWaitedFor)
+{
+    const DiskFolder folder;
+    Begun<Output> begun(loop, started("echo $$ >" + folder / "id" + "; exec sleep 30", 0.3));
+    const double before = clock.uptime();
+    ASSERT_TRUE(soon(loop, [&] { return folder.contents("id").ends_with('\n'); }));
+    // Whoever traces a process hears of its end first, and this one never listens.
+    const pid_t child = std::stoi(folder.contents("id")), tracer = ::fork();
+    if (tracer == 0) {
+        ::ptrace(PTRACE_SEIZE, child, nullptr, nullptr);
+        for (;;)
+            ::pause();
+    }
+    EXPECT_EQ(failureOf(begun), timedOut);
+    EXPECT_GT(clock.uptime() - before, 1.2);
+    EXPECT_LT(clock.uptime() - before, 2.0);
+    ::kill(tracer, SIGKILL);
+    ::waitpid(tracer, nullptr, 0);
+    EXPECT_TRUE(soon(loop, [] { return childless(); }));
+}
+
+TEST_F(BoundedProcessTest, ACancelledCallerEndsAProgramThatIgnoresTheSignal)
+{
+    const DiskFolder folder;
+    Begun<Output> begun(loop, started("trap '' TERM; echo >" + folder / "ready" + "; while :; do sleep 0.01; done"));
+    ASSERT_TRUE(soon(loop, [&] { return !folder.contents("ready").empty(); }));
+    const double before = clock.uptime();
+    begun.cancel();
+    EXPECT_THROW(begun.result(), Cancelled);
+    EXPECT_GE(clock.uptime() - before, 0.25);
+    EXPECT_LT(clock.uptime() - before, 0.8);
+    EXPECT_TRUE(childless());
+}
+
+TEST_F(BoundedProcessTest, TheEnvironmentIsTheOneGivenAndTheFolderThisProcesssOwn)
+{
+    BoundedProcess other(loop.executor(), clock, {"HARBOUR=east", "TIDE=high"});
+    auto task = other.run("/usr/bin/env", {}, 20, 1000);
+    EXPECT_EQ(await(loop, std::move(task)).stdout, "HARBOUR=east\nTIDE=high\n");
+    EXPECT_EQ(run("pwd -P").stdout, std::filesystem::canonical(".").native() + "\n");
+}
+
+TEST(BoundedProcessByAManualClock, ACancellationThatIsSeenWithTheEndOfTheTimeIsACancellation)
+{
+    MainLoop loop;
+    ManualClock clock(loop);
+    BoundedProcess process(loop.executor(), clock, environmentSnapshot());
+    Begun<BoundedProcess::Output> begun(loop, process.run("/bin/sleep", {"30"}, 1, 1000));
+    loop.runUntilIdle();
+    begun.cancel();
+    clock.advance(1s); // the next look sees both
+    const SystemClock real;
+    for (const double end = real.uptime() + 10; !begun.done() && real.uptime() < end;)
+        clock.advance(10ms);
+    ASSERT_TRUE(begun.done());
+    EXPECT_THROW(begun.result(), Cancelled);
+}
+
+TEST(BoundedProcessByAManualClock, ALookTakesAHundredAndTwentyEightKilobytes)
+{
+    constexpr int size = 1 << 20, ofALook = 16 * 8192;
+    MainLoop loop;
+    ManualClock clock(loop);
+    SystemClock real;
+    const DiskFolder folder;
+    BoundedProcess process(loop.executor(), clock, environmentSnapshot());
+    const std::string line = "echo $$ >id; while [ ! -e go ]; do sleep 0.01; done; head -c 1048576 /dev/zero; echo >written";
+    Begun<BoundedProcess::Output> begun(
+        loop, process.run("/bin/sh", {"-c", "cd " + folder.path + "; " + line}, 60, std::size_t(size)));
+    ASSERT_TRUE(soon(loop, [&] { return folder.contents("id").ends_with('\n'); }));
+    // All of it fits, so that nothing is written between two looks.
+    const std::string pipe = "/proc/" + std::to_string(std::stoi(folder.contents("id"))) + "/fd/1";
+    ASSERT_GE(::fcntl(Descriptor(::open(pipe.c_str(), O_WRONLY | O_CLOEXEC)).get(), F_SETPIPE_SZ, size), size);
+    folder.file("go");
+    ASSERT_TRUE(soon(loop, [&] { return !folder.contents("written").empty(); }));
+    int looks = 0;
+    for (; !begun.done() && looks < 100; ++looks)
+        clock.advance(10ms);
+    EXPECT_GE(looks, size / ofALook);
+    EXPECT_LE(looks, size / ofALook + 1) << "and one that sees the end";
+    EXPECT_EQ(begun.result().stdout.size(), std::size_t(size));
+}
+
+TEST_F(BoundedProcessTest, RunsThatEndInEveryOtherWayLeaveNothingEither)
+{
+    run("sleep 0.05"); // the loop's own descriptors come with its first wait
+    const auto before = descriptors();
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_EQ(failure("exec sleep 30", 0), timedOut);
+        Begun<Output> begun(loop, started("exec sleep 30"));
+        loop.runUntilIdle();
+        begun.cancel();
+        EXPECT_THROW(begun.result(), Cancelled);
+        EXPECT_THROW(await(loop, process.run("/no/such/program", {}, 20, 1000)), std::system_error);
+        if (i % 5 == 0)
+            run("sleep 0.3 & exit 0");
+    }
+    EXPECT_EQ(descriptors(), before);
+    EXPECT_TRUE(childless());
 }
 
 TEST(BoundedProcessSlow, AThousandRunsLeaveNeitherChildrenNorDescriptors)

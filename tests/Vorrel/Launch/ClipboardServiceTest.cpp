@@ -1,10 +1,13 @@
 #include "Vorrel/Launch/ClipboardService.h"
 
 #include "Vorrel/Platform/Headless/HeadlessPasteboard.h"
+#include "Vorrel/Shell/Formats.h"
 #include "tests/support/Await.h"
 #include "tests/support/HeadlessDesktop.h"
 
 #include <gtest/gtest.h>
+
+#include <malloc.h>
 
 using namespace korvane;
 using namespace korvane::test;
@@ -168,7 +171,7 @@ TEST_F(Clipboard, ARowShowsTheBeginningOnOneLineAndPreviewsTheWhole)
     const Row shown = row();
     EXPECT_TRUE(shown->id.starts_with("clipboard:"));
     EXPECT_EQ(shown->title, "first line second " + std::string(162, 'x'));
-    EXPECT_TRUE(shown->subtitle->ends_with(" · text")) << *shown->subtitle;
+    EXPECT_EQ(shown->subtitle, formattedDate(desktop.clock.now(), "en") + " · text");
     EXPECT_EQ(shown->icon, CommandIcon::symbol("doc.on.clipboard"));
     EXPECT_EQ(shown->previewText, text);
     EXPECT_FALSE(shown->keepsOpen);
@@ -177,6 +180,25 @@ TEST_F(Clipboard, ARowShowsTheBeginningOnOneLineAndPreviewsTheWhole)
     EXPECT_EQ(shown->actions[0].title, "Copy to Clipboard");
     EXPECT_EQ(shown->actions[0].role, ActionRole::write);
     EXPECT_FALSE(shown->actions[0].shortcut);
+}
+
+TEST_F(Clipboard, RowsHoldEachTextOnceHoweverManyShowIt)
+{
+    constexpr std::size_t count = 4, length = 1'000'000;
+    for (std::size_t i = 0; i < count; ++i) {
+        clipboard.copy(std::string(length, static_cast<char>('a' + i)));
+        look();
+    }
+    const auto used = [] {
+        const auto info = ::mallinfo2();
+        return info.uordblks + info.hblkhd;
+    };
+    await(desktop.loop, service->search("")); // whatever a first search needs
+    const std::size_t before = used();
+    const Rows rows = await(desktop.loop, service->search(""));
+    ASSERT_EQ(rows.size(), count);
+    EXPECT_LT(used() - before, count * length * 3 / 2);
+    EXPECT_EQ(&rows[0]->previewText->whole(), &rows[0]->preview->value.whole());
 }
 
 TEST_F(Clipboard, AnAddressHasItsOwnIcon)

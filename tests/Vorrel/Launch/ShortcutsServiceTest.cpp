@@ -1,7 +1,9 @@
 #include "Vorrel/Launch/ShortcutsService.h"
 
+#include "Support/ChildProcess.h"
 #include "Support/MainLoop.h"
 #include "tests/support/Await.h"
+#include "tests/support/DiskFolder.h"
 
 #include <gtest/gtest.h>
 
@@ -223,6 +225,37 @@ TEST_F(Shortcuts, ARunThatTakesTooLongIsToldAndTheNextMayBegin)
     EXPECT_EQ(outcomeOf(service->run("one")), "The shortcut timed out. Try again.");
     tool.failure = nullptr;
     EXPECT_EQ(outcomeOf(service->run("one")), "done");
+}
+
+struct ShortcutsSlow : Shortcuts { }; // a look each ten milliseconds
+
+TEST_F(ShortcutsSlow, AProgramThatSleepsIsEndedAfterThreeMinutesAndTheNextMayBegin)
+{
+    const DiskFolder disk;
+    const std::string path = disk.script("shortcuts", "[ \"$2\" = Quick ] || exec sleep 600");
+    const auto process = std::make_shared<BoundedProcess>(loop.executor(), clock, environmentSnapshot());
+    const auto real = std::make_shared<ShortcutsService>(
+        loop.executor(), clock, std::make_unique<ShortcutsCLI>(ShortcutsCLI::tool(path, process)));
+    Begun<void> begun(loop, real->run("Endless"));
+    loop.runUntilIdle();
+    clock.advance(180s - 10ms);
+    EXPECT_FALSE(begun.done());
+    const SystemClock machine;
+    const auto soonDone = [&](const Begun<void> &one) {
+        for (const double end = machine.uptime() + 10; !one.done() && machine.uptime() < end;)
+            clock.advance(1ms);
+        return one.done();
+    };
+    ASSERT_TRUE(soonDone(begun));
+    try {
+        begun.result();
+        ADD_FAILURE() << "not told";
+    } catch (const AppError &error) {
+        EXPECT_EQ(error.errorDescription(), "The shortcut timed out. Try again.");
+    }
+    Begun<void> next(loop, real->run("Quick"));
+    ASSERT_TRUE(soonDone(next));
+    EXPECT_NO_THROW(next.result());
 }
 
 TEST_F(Shortcuts, ACancelledRunEndsAsCancelledEvenIfTheToolEndedWell)

@@ -534,6 +534,26 @@ TEST(PaletteAction, CollectingFilesForAnApplicationNeedsExactlyTwoAndAsksOnce)
     EXPECT_EQ(palette.dialogs.asked()[0].choice.title, "Choose Two Files");
 }
 
+TEST(PaletteAction, AFolderForAnApplicationIsOneAndIsAskedForOnce)
+{
+    TestPalette palette;
+    palette.command("Open Folder",
+        {.id = "app:/nonexistent.app",
+            .actions = {
+                {.id = "folder", .title = "Open Folder", .flow = ActionFlow::applicationInput("/nonexistent.app", {}, true)}}});
+    for (const Strings &wrong : {Strings{}, Strings{"/a", "/b"}}) {
+        palette.dialogs.accept(wrong);
+        palette.run();
+        EXPECT_EQ(palette.error(), "Choose exactly two files to compare.") << wrong.size();
+    }
+    palette.dialogs.accept({"/a"});
+    palette.run();
+    EXPECT_EQ(palette.error(), "Choose an installed application bundle.");
+    palette.run();
+    EXPECT_EQ(palette.dialogs.asked().size(), 3u) << "the choice is remembered";
+    EXPECT_TRUE(palette.dialogs.asked()[0].choice.folders);
+}
+
 TEST(PaletteAction, AiRequestsAreRefusedUntilTheyAreEnabled)
 {
     TestPalette palette;

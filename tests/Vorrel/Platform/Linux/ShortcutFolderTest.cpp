@@ -60,8 +60,12 @@ TEST_F(Shortcuts, NamesThatCouldBeMistakenAreLeftOut)
 {
     for (const char *file : {"-rf", "--help.sh", " blank", "blank .sh", "two\nlines", "tab\tinside", "bell\a", "bad\xff.sh"})
         shortcut(file);
+    for (const char *hidden :
+        {"\u0085", "\u200B", "\u200C", "\u200D", "\u200E", "\u200F", "\u202A", "\u202E", "\u2066", "\u2069", "\uFEFF"})
+        shortcut(std::string("a") + hidden + "b.sh");
     shortcut("good.sh");
-    EXPECT_EQ(folder().names(), Strings{"good"});
+    shortcut("Straße 文字 é.sh");
+    EXPECT_EQ(folder().names(), (Strings{"good", "Straße 文字 é"}));
     for (const char *name : {"-rf", "--help", " blank", "../shortcuts/good", "good.sh", "/bin/true", "", ".", ".."})
         EXPECT_FALSE(folder().file(name)) << name;
 }
