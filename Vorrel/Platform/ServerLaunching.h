@@ -32,7 +32,8 @@ public:
     virtual void kill() = 0; ///< Ends all of it (signal 9).
 };
 
-/// Starts servers. Their standard error is thrown away.
+/// Starts servers. Their standard error is thrown away. What it does may hang in the system for good, on a file system that does
+/// not answer: it holds up no thread of the caller's and goes on without this object. Any thread.
 class ServerLaunching {
 public:
     virtual ~ServerLaunching() = default;
@@ -43,10 +44,11 @@ public:
         std::vector<std::string> environment; ///< All of it, as "NAME=value".
     };
 
-    /// Whether this is a file that may be executed. Looks at the disk.
-    virtual bool isExecutable(const std::string &path) const = 0;
-    /// Returns when the program has begun. Blocks for as long as that takes. Throws `std::system_error` when it could not.
-    virtual std::shared_ptr<ServerProcess> launch(const Program &program) = 0;
+    /// Whether this is a file that may be executed. Throws `Cancelled`.
+    virtual Task<bool> isExecutable(std::string path) = 0;
+    /// Returns when the program has begun. Throws `std::system_error` when it could not, and `Cancelled`; a server that begins after
+    /// that is ended.
+    virtual Task<std::shared_ptr<ServerProcess>> launch(std::shared_ptr<const Program> program) = 0;
 };
 
 } // namespace korvane

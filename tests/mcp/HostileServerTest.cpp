@@ -1,3 +1,4 @@
+#include "tests/support/DiskFolder.h"
 #include "tests/support/ServerScene.h"
 
 #include <gmock/gmock.h>
@@ -284,6 +285,47 @@ TEST_F(ServerResultsThreads, StoppingEndsAllServersAlsoThoseThatAreStillConnecti
     EXPECT_TRUE(soon(
         loop, [this] { return marked.alive().empty(); }, 1s));
     EXPECT_THROW(connecting.result(), std::exception);
+}
+
+namespace {
+
+/// Servers whose beginning is never told, as on a file system that does not answer.
+struct UnansweredLaunchesThreads : testing::Test {
+    static std::string hostOn(const DiskFolder &disk)
+    {
+        return disk.script("host", "echo >>\"$0.begun\"; while [ -e \"$0\" ]; do sleep 0.05; done");
+    }
+
+    DiskFolder disk;
+    ServerScene scene{"/home/ada", hostOn(disk)};
+};
+
+} // namespace
+
+TEST_F(UnansweredLaunchesThreads, HoldUpNeitherTheStoreNorTheEnd)
+{
+    std::vector<MCPServerConfiguration> servers;
+    for (const char *id : {"a", "b", "c", "d", "e"})
+        servers.push_back(ServerScene::server(id, "/bin/true", {}));
+    std::vector<Begun<void>> connecting;
+    for (const MCPServerConfiguration &server : servers) {
+        await(scene.loop, scene.manager.add(server));
+        connecting.emplace_back(scene.loop, scene.manager.connect(server));
+    }
+    EXPECT_TRUE(soon(scene.loop, [this] { return disk.contents("host.begun") == "\n\n\n\n\n"; }));
+    Begun<std::vector<SQLRow>> reading(scene.loop, scene.database->rows("SELECT id FROM mcp_servers"));
+    EXPECT_TRUE(soon(
+        scene.loop, [&] { return reading.done(); }, 2s));
+    EXPECT_LT(scene.disconnect(servers.front()), 0.5) << "an attempt is not waited for";
+
+    const double before = SystemClock().uptime();
+    Begun<void> stopping(scene.loop, scene.manager.stop());
+    EXPECT_TRUE(soon(
+        scene.loop, [&] { return stopping.done(); }, 5s));
+    EXPECT_GE(SystemClock().uptime() - before, 0.59);
+    EXPECT_LT(SystemClock().uptime() - before, 1.5) << "all of them within the time of one";
+    for (Begun<void> &one : connecting)
+        EXPECT_THROW(one.result(), std::exception);
 }
 
 TEST_F(ServerResultsThreads, PressingTwiceStartsOneServer)

@@ -402,14 +402,8 @@ void awaitAnswer(const Descriptor &control)
         fail(error, "start");
 }
 
-} // namespace
-
-bool LinuxServerLaunching::isExecutable(const std::string &path) const
-{
-    return path.starts_with('/') && findProgram(path, "").has_value();
-}
-
-std::shared_ptr<ServerProcess> LinuxServerLaunching::launch(const Program &program)
+/// Blocks until the program has begun.
+std::shared_ptr<ServerProcess> launchNow(const std::string &host, const ServerLaunching::Program &program)
 {
     const Texts texts(program);
     Ends input = makePipe(true), output = makePipe(false), control = makeControl();
@@ -426,6 +420,20 @@ std::shared_ptr<ServerProcess> LinuxServerLaunching::launch(const Program &progr
     awaitAnswer(control.ours);
     auto conversation = std::make_shared<Conversation>(std::move(input.ours), std::move(output.ours), std::move(control.ours));
     return std::make_shared<LinuxServerProcess>(std::move(conversation));
+}
+
+} // namespace
+
+Task<bool> LinuxServerLaunching::isExecutable(std::string path)
+{
+    auto look = [path = std::move(path)] { return path.starts_with('/') && findProgram(path, "").has_value(); };
+    co_return co_await onOwnThread(std::move(look));
+}
+
+Task<std::shared_ptr<ServerProcess>> LinuxServerLaunching::launch(std::shared_ptr<const Program> program)
+{
+    auto start = [host = host, program = std::move(program)] { return launchNow(host, *program); };
+    co_return co_await onOwnThread(std::move(start));
 }
 
 } // namespace korvane
