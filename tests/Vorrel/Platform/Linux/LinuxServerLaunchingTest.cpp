@@ -142,6 +142,23 @@ TEST_F(LinuxServersThreads, AServerThatNeverReadsHoldsUpNobody)
     EXPECT_TRUE(endsSoon(*other));
 }
 
+TEST_F(LinuxServersThreads, WhenAServerWasKilledNothingIsHeldOfThoseWhoWaited)
+{
+    for (int i = 0; i < 20; ++i) {
+        const auto deaf = launch("exec sleep 1000");
+        const auto caller = std::make_shared<std::atomic<int>>(0);
+        for (int part = 0; part < 3; ++part)
+            deaf->write(std::string(100'000, 'x'), [caller] { ++*caller; });
+        Begun<std::string> reading(loop, deaf->read());
+        loop.runUntilIdle();
+        deaf->kill();
+        EXPECT_EQ(*caller, 3);
+        EXPECT_EQ(caller.use_count(), 1) << "nor later by a thread that ends when it likes";
+        loop.runUntilIdle();
+        EXPECT_TRUE(reading.done());
+    }
+}
+
 TEST_F(LinuxServersThreads, AServerThatFloodsWaitsUntilItIsRead)
 {
     const auto server = launch("yes | head -c 50000000; echo done >" + disk.path + "/done; exec sleep 1000");
