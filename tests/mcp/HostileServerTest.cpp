@@ -24,6 +24,8 @@ constexpr const char *wrongVersion = "This MCP protocol version is not supported
 constexpr const char *notDecoded = "The operation could not be completed. Please try again or check permissions.";
 constexpr const char *unavailable = "This tool is not available.";
 
+constexpr double soonEnough = 1.5; ///< Seconds for what may take both steps of an end, and for nothing longer.
+
 /// What a server that misbehaves in one way leads to.
 struct Case {
     const char *mode, *why;
@@ -146,6 +148,10 @@ const Case cases[] = {
     {"exit-at-once", "it ends at once", {disconnected, isDisconnected, isClosed}},
     {"exit-in-initialize", "it ends when it is greeted", {disconnected}},
     {"exit-after-initialize", "it greets and ends", {disconnected, isDisconnected, isClosed}},
+    {"half-line-and-exit", "it ends in the middle of a line", {disconnected}},
+    {"exit-on-second-page", "it ends when only a part of its tools is known", {disconnected}},
+    {"exit-in-huge", "it ends in the middle of a result", {}, {disconnected}, isDisconnected},
+    {"exit-while-asking", "it ends before it is answered itself", {}, {disconnected}, isDisconnected},
     {"exit-in-list", "it ends when it shall list", {disconnected}},
     {"exit-in-call", "it ends when it shall work", {}, {disconnected}, isDisconnected},
     {"crash", "it crashes", {}, {disconnected}, isDisconnected},
@@ -171,6 +177,7 @@ TEST_P(HostileServersThreads, EndInTheToldSentenceWithNothingLeftRunning)
     const double begun = SystemClock().uptime();
     const std::string failure = connect(given.mode);
     if (!given.connecting.empty()) {
+        EXPECT_LT(SystemClock().uptime() - begun, soonEnough + (clock.impatient ? clock.seconds() : 0));
         EXPECT_THAT(given.connecting, testing::Contains(failure));
         EXPECT_EQ(status("s"), failure);
         EXPECT_TRUE(registry.definitions().empty()) << "no tool is left behind";
@@ -191,7 +198,7 @@ TEST_P(HostileServersThreads, EndInTheToldSentenceWithNothingLeftRunning)
     const double ending = disconnect();
     EXPECT_EQ(status("s"), "Disconnected");
     EXPECT_TRUE(registry.definitions().empty());
-    EXPECT_LT(ending, 5.0) << "nothing that it does can hold this up";
+    EXPECT_LT(ending, soonEnough) << "nothing that it does can hold this up";
     if (given.ignoresRequestsToEnd)
         EXPECT_GE(ending, 0.59) << "it was given both steps";
     EXPECT_TRUE(nothingRuns(3s));
@@ -258,6 +265,36 @@ TEST_F(ServerResultsThreads, AStubbornServerIsGoneAfterBothSteps)
     EXPECT_LT(ending, 1.5);
     EXPECT_TRUE(soon(
         loop, [this] { return marked.alive().empty(); }, 1s));
+}
+
+TEST_F(ServerResultsThreads, AServerBehindAWrapperIsGoneAfterBothStepsWithAllThatWasStarted)
+{
+    const DiskFolder disk;
+    const std::string hostile = configuration.command, python = disk.path + "/venv/bin/python3";
+    ASSERT_EQ(std::system(("/usr/bin/python3 -m venv --without-pip " + disk.path + "/venv").c_str()), 0);
+    const std::string child = "import subprocess, sys; subprocess.run([sys.argv[1], 'stubborn'])";
+    const struct {
+        std::string command;
+        std::vector<std::string> arguments;
+        std::size_t processes;
+    } wrappers[] = {
+        {"/bin/sh", {"-c", hostile + " stubborn; wait"}, 2},
+        {"/bin/sh", {"-c", "exec 3<&0; " + hostile + " stubborn <&3 & wait"}, 2},
+        {"/usr/bin/env", {"WRAPPED=1", hostile, "stubborn"}, 1},
+        {python, {"-c", child, hostile}, 2},
+    };
+    for (const auto &wrapper : wrappers) {
+        SCOPED_TRACE(wrapper.command + " " + wrapper.arguments[1]);
+        configuration.command = wrapper.command;
+        configuration.args = wrapper.arguments;
+        ASSERT_EQ(ServerScene::connect(configuration), "");
+        EXPECT_EQ(marked.alive().size(), wrapper.processes);
+        EXPECT_EQ(call(), "");
+        const double ending = disconnect();
+        EXPECT_GE(ending, 0.59);
+        EXPECT_LT(ending, soonEnough);
+        EXPECT_TRUE(nothingRuns(1s));
+    }
 }
 
 TEST_F(ServerResultsThreads, DisconnectingInTheMiddleOfConnectingLeavesNothing)

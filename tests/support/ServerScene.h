@@ -18,6 +18,7 @@ namespace korvane::test {
 /// The machine's time, in which only the long wait for a reply is a short one: processes end in their own time.
 struct ImpatientClock final : SystemClock {
     static constexpr Milliseconds patience{400};
+    static double seconds() { return double(patience.count()) / 1000; }
     Task<void> sleep(Milliseconds delay) override
     {
         return SystemClock::sleep(impatient && delay == StdioTransport::replyTimeout ? patience : delay);

@@ -571,6 +571,26 @@ TEST_F(Transport, AServerThatReadsNoRequestsIsClosedWhenEightMillionBytesWait)
         EXPECT_EQ(outcomeOf(std::move(one)), disconnected);
 }
 
+TEST_F(Transport, EightMillionUnreadBytesAreLeftAndOneMoreClosesTheConnection)
+{
+    for (const std::size_t more : {0U, 1U}) {
+        const auto other = std::make_shared<StdioTransport>(StdioTransport::Parts{loop.executor(), clock, servers, "/home/ada"});
+        await(loop, other->start(usable, {}));
+        const auto deaf = servers.launched().back();
+        deaf->stopReading();
+        const std::size_t around = std::string(R"({"jsonrpc":"2.0","method":"a","params":{"x":""}})").size() + 1;
+        for (const std::size_t line : {1'000'000U, 1'000'000U, 1'000'000U, 1'000'000U, 1'000'000U, 1'000'000U, 1'000'000U})
+            await(loop, other->notify("a", JSONValue::Object{{"x", std::string(line - around, 'x')}}));
+        for (const std::size_t line : {500'000U + more, std::size_t(500'000)}) {
+            EXPECT_THAT(deaf->steps(), IsEmpty());
+            await(loop, other->notify("a", JSONValue::Object{{"x", std::string(line - around, 'x')}}));
+        }
+        loop.runUntilIdle();
+        EXPECT_EQ(deaf->steps().empty(), more == 0);
+        await(loop, other->close());
+    }
+}
+
 // The end
 
 TEST_F(Transport, AWriteThatFailsClosesTheConnection)
@@ -591,6 +611,17 @@ TEST_F(Transport, TheEndOfTheOutputClosesTheConnection)
     loop.runUntilIdle();
     EXPECT_EQ(outcomeOf(ask()), isDisconnected);
     EXPECT_EQ(outcomeOf(begin(transport->notify("a", params))), isClosed);
+}
+
+TEST_F(Transport, AReplyWithoutTheEndOfItsLineIsNoneWhenTheOutputEnds)
+{
+    server();
+    auto asking = ask();
+    print(reply(1, "1"));
+    server().closeOutput();
+    loop.runUntilIdle();
+    EXPECT_EQ(outcomeOf(std::move(asking)), disconnected);
+    EXPECT_TRUE(isClosing());
 }
 
 TEST_F(Transport, CloseFailsWhatIsOutstandingAndTellsTheServerNothing)
