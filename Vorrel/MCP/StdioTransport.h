@@ -47,8 +47,9 @@ public:
     /// Sends a message that has no reply. Throws like `request`, but for what concerns the reply.
     Task<void> notify(std::string method, JSONValue params);
     /// Ends the connection and the server with all that it started: end of its input, then signal 15, then signal 9, 0.3
-    /// seconds apart. Returns when nothing of it runs any more, or signal 9 has been sent. A server that has not begun within that time is
-    /// not waited for: it is killed when it does. Any number of times; goes through also when the caller is cancelled.
+    /// seconds apart. Returns when nothing of it runs any more, or signal 9 has been sent. A server that has not begun within
+    /// that time is not waited for: it is killed when it does. Any number of times; goes through also when the caller is
+    /// cancelled.
     Task<void> close();
 
 private:

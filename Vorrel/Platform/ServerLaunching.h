@@ -48,8 +48,8 @@ public:
 
     /// Whether this is a file that may be executed. Throws `Cancelled`.
     virtual Task<bool> isExecutable(std::string path) = 0;
-    /// Returns when the program has begun. Throws `std::system_error` when it could not, and `Cancelled`; a server that begins after
-    /// that is ended.
+    /// Returns when the program has begun. Throws `std::system_error` when it could not, and `Cancelled`; a server that begins
+    /// after that is ended.
     virtual Task<std::shared_ptr<ServerProcess>> launch(std::shared_ptr<const Program> program) = 0;
 };
 

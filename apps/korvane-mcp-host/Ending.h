@@ -4,8 +4,8 @@
 
 #include <functional>
 
-/// Ends everything that a server has started. What cannot be ended, such as a process of another user, costs next to nothing while
-/// it lasts.
+/// Ends everything that a server has started. What cannot be ended, such as a process of another user, costs next to nothing
+/// while it lasts.
 class Ending {
 public:
     static constexpr long shortestPause = 10, longestPause = 30'000; ///< ms between two attempts to force.

@@ -47,7 +47,7 @@ struct EndingOfProcesses : testing::Test {
 
     std::vector<Process> processes;
     std::set<pid_t> immune;
-    std::function<void()> onLook = [] { };
+    std::function<void()> onLook = [] {};
     int looks = 0, childrenLooks = 0, sent = 0;
     long ticks = 0; ///< Tenths of a millisecond.
     Ending ending{{.descendants = [this] { return look(); },
@@ -76,8 +76,7 @@ TEST_F(EndingOfProcesses, OneThatCannotBeSignalledIsTriedLessAndLessOften)
     std::vector<long> pauses;
     for (int i = 0; i < 14; ++i)
         pauses.push_back(ending.force());
-    EXPECT_THAT(pauses,
-        testing::ElementsAre(10, 20, 40, 80, 160, 320, 640, 1280, 2560, 5120, 10'240, 20'480, 30'000, 30'000));
+    EXPECT_THAT(pauses, testing::ElementsAre(10, 20, 40, 80, 160, 320, 640, 1280, 2560, 5120, 10'240, 20'480, 30'000, 30'000));
 }
 
 TEST_F(EndingOfProcesses, TheOthersEndBesideOneThatCannotBeSignalled)
