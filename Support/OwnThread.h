@@ -9,6 +9,30 @@ namespace korvane {
 /// else has gone. It must not throw.
 void runOnOwnThread(std::function<void()> work);
 
+/// Runs `work()` so and gives its result or throws its error. A caller that is cancelled goes on at once, and what comes later is
+/// dropped on that thread.
+template <class Work, class Result = std::invoke_result_t<Work &>> Task<Result> onOwnThread(Work work)
+{
+    auto shared = std::make_shared<Work>(std::move(work));
+    std::function<void(Continuation<Result>)> begin = [&shared](Continuation<Result> done) {
+        runOnOwnThread([shared = std::move(shared), done]() mutable {
+            std::optional<Result> result;
+            std::exception_ptr error;
+            try {
+                result = (*shared)();
+            } catch (...) {
+                error = std::current_exception();
+            }
+            shared.reset(); // what the work holds ends on this thread, before the caller goes on
+            if (error)
+                done.fail(std::move(error));
+            else
+                done.resume(std::move(*result));
+        });
+    };
+    co_return co_await suspend<Result>(std::move(begin));
+}
+
 /// One thread with a loop of its own for coroutines that also block now and then.
 class WorkerThread {
 public:

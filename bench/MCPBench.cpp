@@ -143,6 +143,36 @@ Compared compare(Ours &ours, BarePipe &pipe, const std::string &name, std::size_
     return {median(bare), median(through)};
 }
 
+/// What a line costs as it comes, in pieces of the size of a pipe.
+double readingMilliseconds(std::size_t size)
+{
+    const std::string line = R"({"jsonrpc":"2.0","id":1,"result":{"text":")" + std::string(size, 'a') + "\"}}\n";
+    std::vector<double> taken;
+    for (int i = 0; i < 20; ++i) {
+        taken.push_back(millisecondsOf([&line] {
+            LineBuffer buffer(StdioTransport::largestLine);
+            for (std::size_t at = 0; at < line.size(); at += 65'536) {
+                buffer.append(std::string_view(line).substr(at, 65'536));
+                while (const auto whole = buffer.next())
+                    if (!std::holds_alternative<ServerMessage::Reply>(ServerMessage::read(*whole)))
+                        throw std::runtime_error("no reply");
+            }
+        }));
+    }
+    return median(taken);
+}
+
+void printGrowth()
+{
+    Table table({"Reading a line, median", "ms", "ms a million bytes"});
+    for (const std::size_t millions : {1U, 4U, 7U}) {
+        const double taken = readingMilliseconds(millions * 1'000'000);
+        table.add({std::to_string(millions) + ",000,000 bytes", number(taken, 2), number(taken / double(millions), 2)});
+    }
+    std::printf("\n");
+    table.print();
+}
+
 } // namespace
 
 int main(int count, char **words)
@@ -179,6 +209,7 @@ try {
     }
     ours.close();
     table.print();
+    printGrowth();
     std::printf("\n500 tools in 20 pages, from the start of the server to \"Connected\": %.1f ms\n", median(connecting));
     return kept ? 0 : 1;
 } catch (const std::exception &error) {

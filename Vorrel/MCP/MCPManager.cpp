@@ -282,6 +282,8 @@ Task<void> MCPManager::stop()
     _sessions.clear();
     while (!_transports.empty())
         co_await disconnectServer(_transports.begin()->first);
+    for (const Transport &connecting : open) // all at once, each of which may take both steps
+        spawnDetached(parts.transport->pool, connecting->close());
     while (!open.empty())
         co_await end(*open.begin());
 }

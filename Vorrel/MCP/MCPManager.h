@@ -53,8 +53,8 @@ public:
     Task<void> connect(MCPServerConfiguration configuration);
     /// Takes the server's tools away and ends it with all that it started. Does not throw.
     Task<void> disconnect(MCPServerConfiguration configuration);
-    /// Disconnects every server, one after the other, and returns when none runs any more, also of those that were still being
-    /// connected. Does not throw.
+    /// Disconnects every server, one after the other, and then all those at once that are still being connected; returns when
+    /// none runs any more. Does not throw.
     Task<void> stop();
 
     const std::vector<MCPServerConfiguration> &configurations() const { return _configurations; }

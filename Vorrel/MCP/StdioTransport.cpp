@@ -17,17 +17,15 @@ AppError closedError() { return AppError(AppError::Kind::mcp, "The MCP connectio
 
 std::exception_ptr failure(AppError error) { return std::make_exception_ptr(std::move(error)); }
 
-/// Overwrites the secrets when they are no longer needed, whatever happened.
-struct Wiping {
-    explicit Wiping(Texts secrets) : secrets(std::move(secrets)) { }
-    Wiping(const Wiping &) = delete;
-    ~Wiping()
-    {
-        for (auto &[name, value] : secrets)
-            wipe(value);
-    }
-    Texts secrets;
-};
+/// Overwritten when nobody needs them any more, whatever happened.
+std::shared_ptr<const Texts> wiping(Texts secrets)
+{
+    return {new Texts(std::move(secrets)), [](Texts *texts) {
+                for (auto &[name, value] : *texts)
+                    wipe(value);
+                delete texts;
+            }};
+}
 
 void requireStdio(const MCPServerConfiguration &configuration)
 {
@@ -38,10 +36,10 @@ void requireStdio(const MCPServerConfiguration &configuration)
 /// A system that takes texts up to their first NUL must not look at another file than the one that was named.
 bool hasNul(std::string_view text) { return text.find('\0') != text.npos; }
 
-/// Looks at the disk.
-void requireExecutable(const ServerLaunching &launching, const std::string &command)
+Task<void> requireExecutable(ServerLaunching &launching, const std::string &command)
 {
-    if (!command.starts_with('/') || hasNul(command) || !launching.isExecutable(command))
+    const bool usable = command.starts_with('/') && !hasNul(command) && co_await launching.isExecutable(command);
+    if (!usable)
         throw AppError(
             AppError::Kind::configuration, "Select an absolute path to an executable, such as /opt/homebrew/bin/node.");
 }
@@ -72,21 +70,37 @@ Texts environmentOf(const std::string &home, const Texts &env, const Texts &secr
     return variables;
 }
 
-/// Throws what `StdioTransport::start` throws. Blocks.
-std::shared_ptr<ServerProcess> launch(
-    ServerLaunching &launching, const std::string &home, const MCPServerConfiguration &configuration, const Texts &secrets)
+/// The environment is overwritten in the end, like the secrets that it holds.
+std::shared_ptr<const Program> programOf(
+    const std::string &home, const MCPServerConfiguration &configuration, const Texts &secrets)
 {
-    requireExecutable(launching, configuration.command);
-    const Wiping variables{environmentOf(home, configuration.env, secrets)};
-    requireTexts(configuration.args, variables.secrets);
-    Program program{.path = configuration.command, .arguments = configuration.args, .environment = {}};
-    for (const auto &[name, value] : variables.secrets)
-        program.environment.push_back(name + "=" + value);
-    struct WipingAll {
-        ~WipingAll() { std::ranges::for_each(texts, wipe); }
-        std::vector<std::string> &texts;
-    } wiping{program.environment};
-    return launching.launch(program);
+    const auto variables = wiping(environmentOf(home, configuration.env, secrets));
+    requireTexts(configuration.args, *variables);
+    const std::shared_ptr<Program> program(new Program, [](Program *unused) {
+        std::ranges::for_each(unused->environment, wipe);
+        delete unused;
+    });
+    program->path = configuration.command;
+    program->arguments = configuration.args;
+    for (const auto &[name, value] : *variables)
+        program->environment.push_back(name + "=" + value);
+    return program;
+}
+
+/// Ends the wait with the server, or with what `StdioTransport::start` throws.
+Task<void> launch(StdioTransport::Parts parts, MCPServerConfiguration configuration, std::shared_ptr<const Texts> secrets,
+    Continuation<std::shared_ptr<ServerProcess>> launched)
+{
+    std::exception_ptr error;
+    try {
+        co_await requireExecutable(parts.launching, configuration.command);
+        const auto program = programOf(parts.home, configuration, *secrets);
+        launched.resume(co_await parts.launching.launch(program));
+    } catch (...) {
+        error = std::current_exception();
+    }
+    if (error)
+        launched.fail(std::move(error));
 }
 
 /// A message as it is sent. Throws `mcp` when it is too long.
@@ -101,7 +115,7 @@ std::string lineOf(const JSONValue &message)
 
 } // namespace
 
-StdioTransport::StdioTransport(Parts given) : parts(std::move(given)), actor(parts.pool), launcher(parts.pool) { }
+StdioTransport::StdioTransport(Parts given) : parts(std::move(given)), actor(parts.pool) { }
 
 StdioTransport::~StdioTransport()
 {
@@ -147,33 +161,47 @@ Task<void> StdioTransport::close()
 
 Task<void> StdioTransport::startOnStrand(Self self, MCPServerConfiguration configuration, Texts secrets)
 {
-    const auto given = std::make_shared<Wiping>(std::move(secrets));
+    const auto given = wiping(std::move(secrets));
     requireStdio(configuration);
     if (closed)
         throw closedError();
     const auto waiting = std::make_shared<Closers>();
     closers = waiting;
-    launching = true;
-    auto work = [self, given, configuration = std::move(configuration)](
-                    std::stop_token) { return launch(self->parts.launching, self->parts.home, configuration, given->secrets); };
+    std::function<void(Continuation<Process>)> begin = [&](Continuation<Process> launched) {
+        launching = spawn(actor.executor(), launch(parts, std::move(configuration), given, std::move(launched)));
+    };
+    std::function<void()> told = [this] { beginClosing(); };
+    Process launched;
     std::exception_ptr error;
     try {
-        process = co_await launcher.run(std::move(work));
+        launched = co_await suspendToTheEnd<Process>(std::move(begin), std::move(told));
     } catch (...) {
         error = std::current_exception();
     }
-    launching = false;
-    if (closed) // meanwhile, and whoever did waits for what was launched
+    launching.reset();
+    givingUp.cancel();
+    if (closed) { // meanwhile, and whoever did waits for this
+        if (launched)
+            launched->kill(); // nobody has spoken to it yet
         spawnDetached(actor.executor(), finishClosing(self, waiting));
-    else if (!error)
-        reader = spawn(actor.executor(), readAll(weak_from_this(), process));
+        co_await throwIfCancelled();
+        throw closedError();
+    }
     if (error)
         std::rethrow_exception(error);
-    if (closed)
-        throw closedError();
+    process = std::move(launched);
+    reader = spawn(actor.executor(), readAll(weak_from_this(), process));
 }
 
-Task<void> StdioTransport::readAll(Weak weak, std::shared_ptr<ServerProcess> process)
+Task<void> StdioTransport::giveUpLaunching(Weak weak, Clock &clock)
+{
+    co_await clock.sleep(2 * closeStep);
+    const Self self = weak.lock();
+    if (self && self->launching)
+        self->launching->cancel();
+}
+
+Task<void> StdioTransport::readAll(Weak weak, Process process)
 {
     for (;;) {
         co_await throwIfCancelled();
@@ -333,8 +361,10 @@ void StdioTransport::beginClosing()
     if (std::exchange(closed, true))
         return;
     failPending();
-    if (launching)
-        return; // the launch ends first, and then what it has given
+    if (launching) { // which ends first, or is given up
+        givingUp = spawn(actor.executor(), giveUpLaunching(weak_from_this(), parts.clock));
+        return;
+    }
     const auto waiting = std::make_shared<Closers>();
     closers = waiting;
     spawnDetached(actor.executor(), finishClosing(shared_from_this(), waiting));
@@ -358,7 +388,7 @@ Task<void> StdioTransport::finishClosing(Self self, std::shared_ptr<Closers> clo
         waiting.resume();
 }
 
-Task<void> StdioTransport::endServer(Clock &clock, std::shared_ptr<ServerProcess> process)
+Task<void> StdioTransport::endServer(Clock &clock, Process process)
 {
     process->closeInput();
     if (!process->isRunning())

@@ -38,7 +38,7 @@ public:
     /// Starts the server with a clean environment and the secrets (variable to value) laid over it. Throws `configuration`
     /// for a transport other than `stdio`, for a command that is no absolute path of an executable and for texts that no
     /// program can be given; the system's error when it could not be started; and `mcp` "The MCP connection is closed." when
-    /// it was closed before or meanwhile.
+    /// it was closed before or meanwhile; and `Cancelled`, which closes it.
     Task<void> start(MCPServerConfiguration configuration, MCPServerConfiguration::Texts secrets);
     /// Throws `mcp`: "The MCP server is disconnected.", "The MCP connection is closed.", "The MCP request exceeds the size
     /// limit.", "The MCP server timed out." (20 seconds), "The MCP server rejected the request.", "The MCP server disconnected.";
@@ -47,14 +47,16 @@ public:
     /// Sends a message that has no reply. Throws like `request`, but for what concerns the reply.
     Task<void> notify(std::string method, JSONValue params);
     /// Ends the connection and the server with all that it started: end of its input, then signal 15, then signal 9, 0.3
-    /// seconds apart. Returns when nothing of it runs any more, or signal 9 has been sent. Any number of times; goes through also
-    /// when the caller is cancelled.
+    /// seconds apart. Returns when nothing of it runs any more, or signal 9 has been sent. A server that has not begun within
+    /// that time is not waited for: it is killed when it does. Any number of times; goes through also when the caller is
+    /// cancelled.
     Task<void> close();
 
 private:
     using Self = std::shared_ptr<StdioTransport>;
     using Weak = std::weak_ptr<StdioTransport>;
     using Texts = MCPServerConfiguration::Texts;
+    using Process = std::shared_ptr<ServerProcess>;
     using Closers = std::vector<Continuation<void>>; ///< Those who wait for the end of `close`.
     enum class Cancelling { tellsServer, isSilent }; ///< The protocol forbids to cancel "initialize".
 
@@ -66,9 +68,10 @@ private:
 
     // Tasks of the strand
     static Task<void> expireLater(Weak weak, Clock &clock, std::int64_t id, Cancelling cancelling);
-    static Task<void> readAll(Weak weak, std::shared_ptr<ServerProcess> process);
+    static Task<void> giveUpLaunching(Weak weak, Clock &clock);
+    static Task<void> readAll(Weak weak, Process process);
     static Task<void> finishClosing(Self self, std::shared_ptr<Closers> closers);
-    static Task<void> endServer(Clock &clock, std::shared_ptr<ServerProcess> process);
+    static Task<void> endServer(Clock &clock, Process process);
 
     // Steps on the strand
     void send(const JSONValue &message);
@@ -86,16 +89,16 @@ private:
     // Fixed after construction
     const Parts parts;
     Actor actor;
-    Actor launcher; ///< Waits for the disk and for the system, which the strand must not.
 
     // On the strand only
-    std::shared_ptr<ServerProcess> process; ///< From the start to the end of `close`.
+    Process process; ///< From the start to the end of `close`.
     std::int64_t sequence = 0; ///< The last number given to a request.
     std::map<std::int64_t, Continuation<JSONValue>> pending;
     std::map<std::int64_t, TaskHandle> timeouts; ///< Of those in `pending`.
     TaskHandle reader;
     LineBuffer buffer{largestLine};
-    bool launching = false;
+    std::optional<TaskHandle> launching; ///< While `start` waits for it.
+    TaskHandle givingUp; ///< Of a launch, for the close.
     bool closed = false; ///< Set by the beginning of `close`.
     /// Owned by what comes to the end: a transport that owned them would be kept alive by those who wait for it.
     std::weak_ptr<Closers> closers;

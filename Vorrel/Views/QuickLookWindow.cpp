@@ -37,15 +37,6 @@ static constexpr QSize smallestWindow{400, 280};
 static constexpr QSize loadingSize{640, 420}, textSize{780, 640}, pagesSize{820, 900}, cardSize{560, 250}, drawingSize{600, 560};
 static constexpr double largestShare = 0.86; // of the screen's free part
 
-/// Work that may hang in the system for good, awaited by somebody who may lose interest.
-template <class T> static Task<T> onOwnThread(std::function<T()> work)
-{
-    std::function<void(Continuation<T>)> begin = [work = std::move(work)](Continuation<T> done) {
-        runOnOwnThread([work, done] { done.resume(work()); });
-    };
-    co_return co_await suspend<T>(std::move(begin));
-}
-
 static QString joined(const QStringList &facts)
 {
     QStringList told = facts;
@@ -450,7 +441,7 @@ Task<void> QtPreviewWindow::present()
 {
     co_await throwIfCancelled();
     std::function<PreviewFile()> read = [path = showing->path] { return readPreviewFile(path); };
-    showing->file = co_await onOwnThread<PreviewFile>(std::move(read));
+    showing->file = co_await onOwnThread(std::move(read));
     const PreviewFile &file = showing->file;
     _surface->setFacts(joined({capitalised(file.kindName), sizeWords(file.size), dateWords(file.modified)}));
     switch (file.kind) {
@@ -643,7 +634,7 @@ Task<void> QtPreviewWindow::presentCard(QString sentence)
         finder.setThemes(themes);
         return finder.firstOf(names, FileCard::iconSize, ratio);
     };
-    const QImage icon = co_await onOwnThread<QImage>(std::move(find));
+    const QImage icon = co_await onOwnThread(std::move(find));
     auto *card = new FileCard(appearance, _surface.get());
     card->setIcon(icon);
     card->setSentence(sentence);

@@ -1,7 +1,7 @@
 /// Looks after one MCP server: starts it, adopts whatever it starts, ends all of that when told to or when Korvane is gone,
 /// and ends itself when nothing of it runs any more. Holds none of the server's pipes, so that their ends arrive.
 
-#include "Descendants.h"
+#include "Ending.h"
 #include "Vorrel/Platform/Linux/ServerHostMessages.h"
 
 #include <algorithm>
@@ -28,9 +28,7 @@ namespace {
 
 constexpr int control = STDIN_FILENO;
 constexpr long grace = 300; // ms between asking and forcing
-constexpr long shortestPause = 10, longestPause = 1000; // ms between two attempts to force
-constexpr long chase = 50; // ms of running after what forks faster than the table of processes can be read
-constexpr int mostRounds = 32; // of looking for what has just been forked
+constexpr long pauseAfterChange = 1000; // ms until what something has left behind is forced
 constexpr std::uint64_t largestRequest = 64U << 20; // more than the system starts a program with
 
 long now()
@@ -184,44 +182,6 @@ void answer(Answer error)
     while (count < 0 && errno == EINTR);
 }
 
-/// Asks everything to end, also what is started while others are asked; each once. What is stopped is woken for it.
-void terminateAll()
-{
-    std::vector<Process> asked;
-    for (int round = 0; round < mostRounds; ++round) {
-        const std::size_t before = asked.size();
-        for (const Process &process : descendants()) {
-            if (std::any_of(asked.begin(), asked.end(), [&](const Process &one) { return one.isSame(process); }))
-                continue;
-            send(process, SIGTERM);
-            send(process, SIGCONT);
-            asked.push_back(process);
-        }
-        if (asked.size() == before)
-            return;
-    }
-}
-
-/// Forces everything to end. Stopped first: what is stopped cannot fork while others are looked for.
-void killAll()
-{
-    std::vector<Process> present = descendants();
-    for (int round = 0; round < mostRounds; ++round) {
-        bool stopping = false;
-        for (const Process &process : present) {
-            if (process.stopped())
-                continue;
-            send(process, SIGSTOP);
-            stopping = true;
-        }
-        if (!stopping)
-            break;
-        present = descendants();
-    }
-    for (const Process &process : present)
-        send(process, SIGKILL);
-}
-
 /// Waits for the children that have ended. False when none is left: then nothing of the server is, all of which is below this
 /// process, the adopter of the orphans.
 bool reap()
@@ -235,14 +195,14 @@ bool reap()
     }
 }
 
-/// Forces the children to end, and what that makes orphans of, which are children then: a chain in which each process starts the
-/// next one and goes has no other link. The number of a child is its own until it was waited for.
-void chaseOrphans()
+Ending::System theSystem()
 {
-    const long end = now() + chase;
-    while (reap() && now() < end)
-        for (const pid_t child : children())
-            ::kill(child, SIGKILL);
+    return {.descendants = descendants,
+        .children = children,
+        .send = [](const Process &process, int signal) { send(process, signal); },
+        .killChild = [](pid_t child) { ::kill(child, SIGKILL); },
+        .reap = reap,
+        .now = now};
 }
 
 /// The life of a server that has begun.
@@ -262,7 +222,7 @@ public:
             if (waiting[1].revents)
                 readSignals();
             if (due >= 0 && now() >= due)
-                force();
+                due = now() + ending.force();
         }
     }
 
@@ -275,7 +235,7 @@ private:
             return;
         for (ssize_t i = 0; i < count; ++i) {
             if (commands[i] == char(Command::terminate))
-                terminateAll();
+                ending.ask();
             else if (commands[i] == char(Command::kill))
                 due = now();
         }
@@ -288,32 +248,26 @@ private:
     void readSignals()
     {
         signalfd_siginfo arrived{};
-        while (::read(signals, &arrived, sizeof arrived) == sizeof arrived)
+        while (::read(signals, &arrived, sizeof arrived) == sizeof arrived) {
             if (arrived.ssi_signo != SIGCHLD)
                 endByItself();
+            else if (due >= 0)
+                due = std::min(due, now() + pauseAfterChange);
+        }
     }
 
     void endByItself()
     {
         if (due >= 0)
             return;
-        terminateAll();
+        ending.ask();
         due = now() + grace;
     }
 
-    /// Again and again: a process may be stuck in the system for a while.
-    void force()
-    {
-        killAll();
-        chaseOrphans();
-        due = now() + pause;
-        pause = std::min(2 * pause, longestPause);
-    }
-
     const int signals;
+    Ending ending{theSystem()};
     bool ended = false; ///< The control socket.
     long due = -1; ///< When to force next; -1 for never.
-    long pause = shortestPause;
 };
 
 } // namespace

@@ -10,6 +10,7 @@ import pathlib
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 
 from screen_reader import Atspi, below, children, find_program, has, soon
@@ -223,29 +224,43 @@ class Settings(unittest.TestCase):
         self.assertIn("- Registered: yes", lines)
         self.assertEqual(lines[-1], "This export contains no clipboard content, file paths, search text, conversations or credentials.")
 
-    def test_a_server_is_started_once_that_is_allowed_and_ends_with_its_connection(self):
-        def answer(name):
-            button = soon(lambda: next((node for node in below(self.root) if node.get_role() == Role.PUSH_BUTTON
-                                        and node.get_name() == name and has(node, State.SHOWING)), None), name)
-            Atspi.Action.do_action(button, 0)
-
+    def add_server(self, mode):
         self.open_tab("MCP")
-        server = json.dumps({"name": "Notes", "command": SERVER, "args": ["good"]})
+        server = json.dumps({"id": mode, "name": "Notes", "command": SERVER, "args": [mode]})
         Atspi.EditableText.set_text_contents(self.named(Role.TEXT, "Add a stdio server"), server)
         Atspi.Action.do_action(self.named(Role.PUSH_BUTTON, "Add Server"), 0)
         self.says("Server saved. Connect when ready.")
-        for refusal in (True, False):
-            Atspi.Action.do_action(self.named(Role.PUSH_BUTTON, "Connect"), 0)
-            soon(lambda: any("Start MCP server “Notes”?" in node.get_name() for node in below(self.root)), "the question")
-            self.assertFalse(running(SERVER, "good"), "nothing starts before it is allowed")
-            answer("Cancel" if refusal else "Allow")
-            if refusal:
-                self.says("The operation was cancelled.")
+        self.addCleanup(subprocess.run, [KORVANECTL, "mcp", "remove", mode], check=True)
+
+    def connect_server(self, mode, button):
+        """Asks for the connection and answers the question by `button`."""
+        Atspi.Action.do_action(self.named(Role.PUSH_BUTTON, "Connect"), 0)
+        soon(lambda: any("Start MCP server “Notes”?" in node.get_name() for node in below(self.root)), "the question")
+        self.assertFalse(running(SERVER, mode), "nothing starts before it is allowed")
+        answer = soon(lambda: next((node for node in below(self.root) if node.get_role() == Role.PUSH_BUTTON
+                                    and node.get_name() == button and has(node, State.SHOWING)), None), button)
+        Atspi.Action.do_action(answer, 0)
+
+    def test_a_server_is_started_once_that_is_allowed_and_ends_with_its_connection(self):
+        self.add_server("good")
+        self.connect_server("good", "Cancel")
+        self.says("The operation was cancelled.")
+        self.connect_server("good", "Allow")
         self.says("Connected · 1 tools")
         self.assertTrue(running(SERVER, "good"))
         Atspi.Action.do_action(self.named(Role.PUSH_BUTTON, "Disconnect"), 0)
         self.says("Disconnected")
         soon(lambda: not running(SERVER, "good"), "the end of the server")
+
+    def test_a_server_that_ignores_every_request_to_end_goes_with_the_program_that_is_killed(self):
+        self.add_server("stubborn")
+        self.connect_server("stubborn", "Allow")
+        self.says("Connected · 1 tools")
+        self.assertTrue(running(SERVER, "stubborn"))
+        self.program.kill()
+        killed = time.monotonic()
+        soon(lambda: not running(SERVER, "stubborn"), "the end of the server")
+        self.assertLess(time.monotonic() - killed, 3)
 
 
 if __name__ == "__main__":

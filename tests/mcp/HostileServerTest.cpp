@@ -1,3 +1,4 @@
+#include "tests/support/DiskFolder.h"
 #include "tests/support/ServerScene.h"
 
 #include <gmock/gmock.h>
@@ -22,6 +23,8 @@ constexpr const char *rejected = "The MCP server rejected the request.";
 constexpr const char *wrongVersion = "This MCP protocol version is not supported.";
 constexpr const char *notDecoded = "The operation could not be completed. Please try again or check permissions.";
 constexpr const char *unavailable = "This tool is not available.";
+
+constexpr double soonEnough = 1.5; ///< Seconds for what may take both steps of an end, and for nothing longer.
 
 /// What a server that misbehaves in one way leads to.
 struct Case {
@@ -145,6 +148,10 @@ const Case cases[] = {
     {"exit-at-once", "it ends at once", {disconnected, isDisconnected, isClosed}},
     {"exit-in-initialize", "it ends when it is greeted", {disconnected}},
     {"exit-after-initialize", "it greets and ends", {disconnected, isDisconnected, isClosed}},
+    {"half-line-and-exit", "it ends in the middle of a line", {disconnected}},
+    {"exit-on-second-page", "it ends when only a part of its tools is known", {disconnected}},
+    {"exit-in-huge", "it ends in the middle of a result", {}, {disconnected}, isDisconnected},
+    {"exit-while-asking", "it ends before it is answered itself", {}, {disconnected}, isDisconnected},
     {"exit-in-list", "it ends when it shall list", {disconnected}},
     {"exit-in-call", "it ends when it shall work", {}, {disconnected}, isDisconnected},
     {"crash", "it crashes", {}, {disconnected}, isDisconnected},
@@ -170,6 +177,7 @@ TEST_P(HostileServersThreads, EndInTheToldSentenceWithNothingLeftRunning)
     const double begun = SystemClock().uptime();
     const std::string failure = connect(given.mode);
     if (!given.connecting.empty()) {
+        EXPECT_LT(SystemClock().uptime() - begun, soonEnough + (clock.impatient ? clock.seconds() : 0));
         EXPECT_THAT(given.connecting, testing::Contains(failure));
         EXPECT_EQ(status("s"), failure);
         EXPECT_TRUE(registry.definitions().empty()) << "no tool is left behind";
@@ -190,7 +198,7 @@ TEST_P(HostileServersThreads, EndInTheToldSentenceWithNothingLeftRunning)
     const double ending = disconnect();
     EXPECT_EQ(status("s"), "Disconnected");
     EXPECT_TRUE(registry.definitions().empty());
-    EXPECT_LT(ending, 5.0) << "nothing that it does can hold this up";
+    EXPECT_LT(ending, soonEnough) << "nothing that it does can hold this up";
     if (given.ignoresRequestsToEnd)
         EXPECT_GE(ending, 0.59) << "it was given both steps";
     EXPECT_TRUE(nothingRuns(3s));
@@ -259,6 +267,36 @@ TEST_F(ServerResultsThreads, AStubbornServerIsGoneAfterBothSteps)
         loop, [this] { return marked.alive().empty(); }, 1s));
 }
 
+TEST_F(ServerResultsThreads, AServerBehindAWrapperIsGoneAfterBothStepsWithAllThatWasStarted)
+{
+    const DiskFolder disk;
+    const std::string hostile = configuration.command, python = disk.path + "/venv/bin/python3";
+    ASSERT_EQ(std::system(("/usr/bin/python3 -m venv --without-pip " + disk.path + "/venv").c_str()), 0);
+    const std::string child = "import subprocess, sys; subprocess.run([sys.argv[1], 'stubborn'])";
+    const struct {
+        std::string command;
+        std::vector<std::string> arguments;
+        std::size_t processes;
+    } wrappers[] = {
+        {"/bin/sh", {"-c", hostile + " stubborn; wait"}, 2},
+        {"/bin/sh", {"-c", "exec 3<&0; " + hostile + " stubborn <&3 & wait"}, 2},
+        {"/usr/bin/env", {"WRAPPED=1", hostile, "stubborn"}, 1},
+        {python, {"-c", child, hostile}, 2},
+    };
+    for (const auto &wrapper : wrappers) {
+        SCOPED_TRACE(wrapper.command + " " + wrapper.arguments[1]);
+        configuration.command = wrapper.command;
+        configuration.args = wrapper.arguments;
+        ASSERT_EQ(ServerScene::connect(configuration), "");
+        EXPECT_EQ(marked.alive().size(), wrapper.processes);
+        EXPECT_EQ(call(), "");
+        const double ending = disconnect();
+        EXPECT_GE(ending, 0.59);
+        EXPECT_LT(ending, soonEnough);
+        EXPECT_TRUE(nothingRuns(1s));
+    }
+}
+
 TEST_F(ServerResultsThreads, DisconnectingInTheMiddleOfConnectingLeavesNothing)
 {
     configuration.args = {"never-answers"};
@@ -284,6 +322,47 @@ TEST_F(ServerResultsThreads, StoppingEndsAllServersAlsoThoseThatAreStillConnecti
     EXPECT_TRUE(soon(
         loop, [this] { return marked.alive().empty(); }, 1s));
     EXPECT_THROW(connecting.result(), std::exception);
+}
+
+namespace {
+
+/// Servers whose beginning is never told, as on a file system that does not answer.
+struct UnansweredLaunchesThreads : testing::Test {
+    static std::string hostOn(const DiskFolder &disk)
+    {
+        return disk.script("host", "echo >>\"$0.begun\"; while [ -e \"$0\" ]; do sleep 0.05; done");
+    }
+
+    DiskFolder disk;
+    ServerScene scene{"/home/ada", hostOn(disk)};
+};
+
+} // namespace
+
+TEST_F(UnansweredLaunchesThreads, HoldUpNeitherTheStoreNorTheEnd)
+{
+    std::vector<MCPServerConfiguration> servers;
+    for (const char *id : {"a", "b", "c", "d", "e"})
+        servers.push_back(ServerScene::server(id, "/bin/true", {}));
+    std::vector<Begun<void>> connecting;
+    for (const MCPServerConfiguration &server : servers) {
+        await(scene.loop, scene.manager.add(server));
+        connecting.emplace_back(scene.loop, scene.manager.connect(server));
+    }
+    EXPECT_TRUE(soon(scene.loop, [this] { return disk.contents("host.begun") == "\n\n\n\n\n"; }));
+    Begun<std::vector<SQLRow>> reading(scene.loop, scene.database->rows("SELECT id FROM mcp_servers"));
+    EXPECT_TRUE(soon(
+        scene.loop, [&] { return reading.done(); }, 2s));
+    EXPECT_LT(scene.disconnect(servers.front()), 0.5) << "an attempt is not waited for";
+
+    const double before = SystemClock().uptime();
+    Begun<void> stopping(scene.loop, scene.manager.stop());
+    EXPECT_TRUE(soon(
+        scene.loop, [&] { return stopping.done(); }, 5s));
+    EXPECT_GE(SystemClock().uptime() - before, 0.59);
+    EXPECT_LT(SystemClock().uptime() - before, 1.5) << "all of them within the time of one";
+    for (Begun<void> &one : connecting)
+        EXPECT_THROW(one.result(), std::exception);
 }
 
 TEST_F(ServerResultsThreads, PressingTwiceStartsOneServer)

@@ -131,6 +131,20 @@ TEST_F(ReferenceServers, ConnectedByTheirWrapperTheyEndWithIt)
     EXPECT_TRUE(nothingRuns());
 }
 
+TEST_F(ReferenceServers, AServerThatIgnoresItsEndIsGoneAfterBothStepsAlsoBehindItsWrapper)
+{
+    const std::string stubborn = KORVANE_BINARIES "/korvane_hostile_server stubborn";
+    const auto wrapped =
+        withPath(server("wrapped", program("npx"), {"--prefix", folderOfServers(), "--offline", "-c", stubborn + "; wait"}));
+    ASSERT_EQ(connect(wrapped), "");
+    EXPECT_GE(marked.alive().size(), 3u) << "the wrapper, its shell and the server";
+    EXPECT_EQ(call("mcp.wrapped.work", Object{{"text", "through"}}), "");
+    const double ending = disconnect(wrapped);
+    EXPECT_GE(ending, 0.59);
+    EXPECT_LT(ending, 1.5);
+    EXPECT_TRUE(nothingRuns());
+}
+
 TEST_F(ReferenceServers, SeveralAtOnceKeepTheirToolsApart)
 {
     for (const auto &one :

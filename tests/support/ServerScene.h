@@ -18,6 +18,7 @@ namespace korvane::test {
 /// The machine's time, in which only the long wait for a reply is a short one: processes end in their own time.
 struct ImpatientClock final : SystemClock {
     static constexpr Milliseconds patience{400};
+    static double seconds() { return double(patience.count()) / 1000; }
     Task<void> sleep(Milliseconds delay) override
     {
         return SystemClock::sleep(impatient && delay == StdioTransport::replyTimeout ? patience : delay);
@@ -30,13 +31,13 @@ class RememberingLaunching final : public ServerLaunching {
 public:
     explicit RememberingLaunching(std::string host) : real(std::move(host)) { }
 
-    bool isExecutable(const std::string &path) const override { return real.isExecutable(path); }
-    std::shared_ptr<ServerProcess> launch(const Program &program) override
+    Task<bool> isExecutable(std::string path) override { return real.isExecutable(std::move(path)); }
+    Task<std::shared_ptr<ServerProcess>> launch(std::shared_ptr<const Program> program) override
     {
-        auto process = real.launch(program);
+        auto process = co_await real.launch(std::move(program));
         const std::scoped_lock lock(mutex);
         launched.push_back(process);
-        return process;
+        co_return process;
     }
     bool anyRuns() const
     {
@@ -52,7 +53,8 @@ private:
 
 /// A manager over a store in memory whose servers are real processes, and a registry that asks nobody.
 struct ServerScene {
-    explicit ServerScene(std::string home = "/home/ada") :
+    explicit ServerScene(std::string home = "/home/ada", std::string host = KORVANE_BINARIES "/korvane-mcp-host") :
+        launching(std::move(host)),
         manager({registry, keychain, database, StdioTransport::Parts{pool.executor(), clock, launching, std::move(home)}})
     {
         AppLog::silence();
@@ -117,7 +119,7 @@ struct ServerScene {
     HeadlessSecretStore secrets;
     KeychainService keychain{pool.executor(), &secrets};
     ToolRegistry registry{[](const ToolDefinition &, const JSONValue &) -> Task<void> { co_return; }};
-    RememberingLaunching launching{KORVANE_BINARIES "/korvane-mcp-host"};
+    RememberingLaunching launching;
     std::shared_ptr<Database> database = await(loop, Database::open(pool.executor(), ":memory:", Database::Access::readWrite));
     MCPManager manager;
     JSONValue result; ///< Of the last call that succeeded.

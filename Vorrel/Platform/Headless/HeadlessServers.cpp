@@ -154,23 +154,23 @@ void HeadlessServer::wakeReader(std::unique_lock<std::mutex> lock)
         woken->resume();
 }
 
-bool HeadlessServers::isExecutable(const std::string &path) const
+Task<bool> HeadlessServers::isExecutable(std::string path)
 {
-    return std::ranges::find(executables, path) != executables.end();
+    co_return std::ranges::find(executables, path) != executables.end();
 }
 
-std::shared_ptr<ServerProcess> HeadlessServers::launch(const Program &program)
+Task<std::shared_ptr<ServerProcess>> HeadlessServers::launch(std::shared_ptr<const Program> program)
 {
     if (onLaunch)
         onLaunch();
     if (launchFailure)
         std::rethrow_exception(launchFailure);
-    const std::shared_ptr<HeadlessServer> server(new HeadlessServer(program, endurance, hear));
+    const std::shared_ptr<HeadlessServer> server(new HeadlessServer(*program, endurance, hear));
     {
         const std::scoped_lock lock(mutex);
         _launched.push_back(server);
     }
-    return std::make_shared<HeadlessServer::Process>(server);
+    co_return std::make_shared<HeadlessServer::Process>(server);
 }
 
 std::vector<std::shared_ptr<HeadlessServer>> HeadlessServers::launched() const

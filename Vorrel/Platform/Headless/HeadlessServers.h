@@ -59,8 +59,8 @@ private:
 /// Servers in memory. Any thread, but for what is set before use.
 class HeadlessServers final : public ServerLaunching {
 public:
-    bool isExecutable(const std::string &path) const override;
-    std::shared_ptr<ServerProcess> launch(const Program &program) override;
+    Task<bool> isExecutable(std::string path) override;
+    Task<std::shared_ptr<ServerProcess>> launch(std::shared_ptr<const Program> program) override;
 
     // Set before use
     std::vector<std::string> executables{"/opt/server"};

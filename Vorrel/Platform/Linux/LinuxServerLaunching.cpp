@@ -118,14 +118,13 @@ public:
             if (waiting[0].revents)
                 clearWake();
             if (waiting[1].revents && !ended)
-                readSome(lock);
+                readSome();
             if (waiting[2].revents && !ended)
-                writeSome(lock);
+                writeSome();
         }
         input.reset();
         output.reset();
-        wakeReader(lock);
-        giveUpWriting(lock);
+        dropWaiting();
     }
 
     // Any thread
@@ -157,11 +156,9 @@ public:
 
     void write(std::string bytes, std::function<void()> failed)
     {
-        std::unique_lock lock(mutex);
-        if (!input || closing || killed || ended) {
-            lock.unlock();
+        const std::scoped_lock lock(mutex);
+        if (!input || closing || killed || ended)
             return failed();
-        }
         if (bytes.empty())
             return;
         const bool first = queue.empty();
@@ -169,7 +166,7 @@ public:
         queue.push_back({std::move(bytes), std::move(failed)});
         // Most messages fit into the pipe: then no other thread has to run for them.
         if (first)
-            writeSome(lock);
+            writeSome();
         if (!queue.empty())
             poke();
     }
@@ -208,6 +205,7 @@ public:
             const std::scoped_lock lock(mutex);
             killed = true;
             ended = true;
+            dropWaiting(); // here: the thread may come to it when the executors of those who wait have gone
             poke();
         }
         command(hosting::Command::kill);
@@ -235,7 +233,7 @@ private:
     }
 
     /// Reads one piece ahead, no more: what nobody wants yet stays in the pipe, and the server waits.
-    void readSome(std::unique_lock<std::mutex> &lock)
+    void readSome()
     {
         const ssize_t count = uninterrupted([this] { return ::read(output.get(), arriving.data(), arriving.size()); });
         if (count < 0 && errno == EAGAIN)
@@ -244,11 +242,11 @@ private:
             chunk.assign(arriving.data(), std::size_t(count));
         else
             output.reset();
-        wakeReader(lock);
+        wakeReader();
     }
 
     /// Writes as much as the pipe takes now.
-    void writeSome(std::unique_lock<std::mutex> &lock)
+    void writeSome()
     {
         NoBrokenPipeSignal quiet;
         while (!queue.empty()) {
@@ -259,7 +257,7 @@ private:
             if (count < 0) {
                 quiet.arrived = errno == EPIPE;
                 input.reset();
-                return giveUpWriting(lock);
+                return giveUpWriting();
             }
             waitingBytes -= std::size_t(count);
             written += std::size_t(count);
@@ -272,24 +270,26 @@ private:
             input.reset();
     }
 
-    void giveUpWriting(std::unique_lock<std::mutex> &lock)
+    // Under the lock: once `kill` has had it, the thread is through with everybody who waited.
+
+    void giveUpWriting()
     {
-        std::deque<Writing> lost;
-        lost.swap(queue);
-        written = waitingBytes = 0;
-        lock.unlock();
-        for (const Writing &writing : lost)
+        for (const Writing &writing : queue)
             writing.failed();
-        lock.lock();
+        queue.clear();
+        written = waitingBytes = 0;
     }
 
-    void wakeReader(std::unique_lock<std::mutex> &lock)
+    void wakeReader()
     {
-        const auto waiting = std::exchange(reader, std::nullopt);
-        lock.unlock();
-        if (waiting)
+        if (const auto waiting = std::exchange(reader, std::nullopt))
             waiting->resume();
-        lock.lock();
+    }
+
+    void dropWaiting()
+    {
+        wakeReader();
+        giveUpWriting();
     }
 
     const Descriptor control;
@@ -402,14 +402,8 @@ void awaitAnswer(const Descriptor &control)
         fail(error, "start");
 }
 
-} // namespace
-
-bool LinuxServerLaunching::isExecutable(const std::string &path) const
-{
-    return path.starts_with('/') && findProgram(path, "").has_value();
-}
-
-std::shared_ptr<ServerProcess> LinuxServerLaunching::launch(const Program &program)
+/// Blocks until the program has begun.
+std::shared_ptr<ServerProcess> launchNow(const std::string &host, const ServerLaunching::Program &program)
 {
     const Texts texts(program);
     Ends input = makePipe(true), output = makePipe(false), control = makeControl();
@@ -426,6 +420,20 @@ std::shared_ptr<ServerProcess> LinuxServerLaunching::launch(const Program &progr
     awaitAnswer(control.ours);
     auto conversation = std::make_shared<Conversation>(std::move(input.ours), std::move(output.ours), std::move(control.ours));
     return std::make_shared<LinuxServerProcess>(std::move(conversation));
+}
+
+} // namespace
+
+Task<bool> LinuxServerLaunching::isExecutable(std::string path)
+{
+    auto look = [path = std::move(path)] { return path.starts_with('/') && findProgram(path, "").has_value(); };
+    co_return co_await onOwnThread(std::move(look));
+}
+
+Task<std::shared_ptr<ServerProcess>> LinuxServerLaunching::launch(std::shared_ptr<const Program> program)
+{
+    auto start = [host = host, program = std::move(program)] { return launchNow(host, *program); };
+    co_return co_await onOwnThread(std::move(start));
 }
 
 } // namespace korvane

@@ -13,8 +13,8 @@ public:
     /// `host` is the absolute path of the program that looks after a server.
     explicit LinuxServerLaunching(std::string host) : host(std::move(host)) { }
 
-    bool isExecutable(const std::string &path) const override;
-    std::shared_ptr<ServerProcess> launch(const Program &program) override;
+    Task<bool> isExecutable(std::string path) override;
+    Task<std::shared_ptr<ServerProcess>> launch(std::shared_ptr<const Program> program) override;
 
 private:
     const std::string host;

@@ -431,7 +431,8 @@ TEST_F(Manager, ADisconnectDuringTheDiscoveryEndsTheAttemptAsCancelled)
     EXPECT_EQ(status(), "Disconnected");
     EXPECT_FALSE(connecting.done()) << "the attempt goes stale and learns of it when it looks";
     const auto id = script.asked.back()["id"].encodedString();
-    servers().launched().at(0)->say(R"({"jsonrpc":"2.0","id":)" + id + R"(,"result":{"tools":[]}})");
+    const auto page = ServerScript::page(1, 2).encodedString();
+    servers().launched().at(0)->say(R"({"jsonrpc":"2.0","id":)" + id + R"(,"result":)" + page + "}");
     EXPECT_EQ(outcomeOf(std::move(connecting)), cancelled);
     expectNothingLeft(cancelled);
 }
@@ -538,12 +539,21 @@ namespace {
 
 enum class Interruption { cancel, disconnect, remove, stop };
 
-/// One attempt that is interrupted when the loop has turned `turns` times. False when it had come to its end before.
-bool interruptAfter(int turns, Interruption how, bool reconnects, int &given)
+using Wait = std::function<void(TestManager &)>;
+
+Wait turns(int count)
+{
+    return [count](TestManager &world) {
+        for (int i = 0; i < count; ++i)
+            world.loop().runOne();
+    };
+}
+
+/// One attempt that is interrupted after a while. False when it had come to its end before.
+bool interruptAfter(const Wait &wait, Interruption how, bool reconnects, Endurance endurance, int &given)
 {
     TestManager world;
-    // The end of an earlier server takes no time, so that the loop alone leads through the attempt.
-    world.servers().endurance = reconnects ? Endurance::endsWithInput : Endurance::endsWithTerminate;
+    world.servers().endurance = endurance;
     MCPServerConfiguration server = world.server;
     server.secretEnvironment = {{"TOKEN", "acct"}};
     world.secrets.keep("acct", "hidden");
@@ -551,8 +561,7 @@ bool interruptAfter(int turns, Interruption how, bool reconnects, int &given)
     if (reconnects)
         world.outcome(world.manager.connect(server));
     Begun<void> connecting(world.loop(), world.manager.connect(server));
-    for (int i = 0; i < turns; ++i)
-        world.loop().runOne();
+    wait(world);
     const bool wasUnderWay = !connecting.done();
     std::optional<Begun<void>> interrupting;
     switch (how) {
@@ -589,13 +598,76 @@ TEST(ManagerInterrupted, AtWhateverPointNothingIsLeft)
 {
     for (const bool reconnects : {false, true}) {
         for (const auto how : {Interruption::cancel, Interruption::disconnect, Interruption::remove, Interruption::stop}) {
-            int given = 0, turns = 0;
-            while (interruptAfter(turns, how, reconnects, given)) {
-                ASSERT_FALSE(testing::Test::HasFailure()) << "after " << turns << " turns, by " << int(how) << reconnects;
-                ++turns;
+            // The end of an earlier server takes no time, so that the loop alone leads through the attempt.
+            const auto endurance = reconnects ? Endurance::endsWithInput : Endurance::endsWithTerminate;
+            int given = 0, count = 0;
+            while (interruptAfter(turns(count), how, reconnects, endurance, given)) {
+                ASSERT_FALSE(testing::Test::HasFailure()) << "after " << count << " turns, by " << int(how) << reconnects;
+                ++count;
             }
-            EXPECT_GT(turns, 20) << "the attempt has as many points";
+            EXPECT_GT(count, 20) << "the attempt has as many points";
             EXPECT_GT(given, 15) << "and most of them are before its end";
+        }
+    }
+}
+
+TEST(ManagerInterrupted, WhileAnEarlierServerIsBeingEndedNothingIsLeft)
+{
+    for (const auto how : {Interruption::cancel, Interruption::disconnect, Interruption::remove, Interruption::stop}) {
+        for (const Milliseconds time : {0ms, 1ms, 299ms, 300ms, 301ms, 598ms, 599ms}) {
+            int given = 0;
+            const Wait wait = [time](TestManager &world) { world.advance(time); };
+            EXPECT_TRUE(interruptAfter(wait, how, true, Endurance::endsWithKill, given));
+            EXPECT_EQ(given, 1) << "the attempt does not succeed";
+            ASSERT_FALSE(testing::Test::HasFailure()) << "after " << time.count() << " ms, by " << int(how);
+        }
+    }
+}
+
+namespace {
+
+/// A connect that begins after a while of another operation on the connected server. False when that had come to its end before.
+bool connectAfter(const Wait &wait, Interruption what, Endurance endurance)
+{
+    TestManager world;
+    world.servers().endurance = endurance;
+    world.outcome(world.manager.add(world.server));
+    world.outcome(world.manager.connect(world.server));
+    Task<void> task = what == Interruption::disconnect ? world.manager.disconnect(world.server)
+        : what == Interruption::remove                 ? world.manager.remove(world.server)
+                                                       : world.manager.stop();
+    Begun<void> ending(world.loop(), std::move(task));
+    wait(world);
+    const bool wasUnderWay = !ending.done();
+    Begun<void> connecting(world.loop(), world.manager.connect(world.server));
+    world.advance(5s);
+    EXPECT_TRUE(ending.done() && connecting.done());
+    const bool connected = TestManager::outcomeOf(std::move(connecting)) == "done" && !world.tools().empty();
+    EXPECT_EQ(world.servers().running(), connected ? 1U : 0U);
+    EXPECT_EQ(world.tools().size(), connected ? 2U : 0U);
+    EXPECT_EQ(world.status() == "Connected · 2 tools", connected) << world.status();
+    EXPECT_NE(world.status(), "Connecting…");
+    if (what == Interruption::disconnect) {
+        EXPECT_TRUE(connected) << "it came later";
+    }
+    return wasUnderWay;
+}
+
+} // namespace
+
+TEST(ManagerInterrupted, AConnectAtWhateverPointOfAnEndIsConnectedOrLeavesNothing)
+{
+    for (const auto what : {Interruption::disconnect, Interruption::remove, Interruption::stop}) {
+        int count = 0;
+        while (connectAfter(turns(count), what, Endurance::endsWithInput)) {
+            ASSERT_FALSE(testing::Test::HasFailure()) << "after " << count << " turns of " << int(what);
+            ++count;
+        }
+        EXPECT_GT(count, 5) << "the end has as many points";
+        for (const Milliseconds time : {0ms, 299ms, 300ms, 301ms, 599ms}) {
+            const Wait wait = [time](TestManager &world) { world.advance(time); };
+            EXPECT_TRUE(connectAfter(wait, what, Endurance::endsWithKill));
+            ASSERT_FALSE(testing::Test::HasFailure()) << "after " << time.count() << " ms of " << int(what);
         }
     }
 }

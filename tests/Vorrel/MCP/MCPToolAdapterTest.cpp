@@ -128,3 +128,19 @@ TEST_F(Adapter, TheReplyReachesTheModelAsItsJSON)
     EXPECT_EQ(model.asked[0].tools[0].description, "Writes.");
     EXPECT_EQ(model.asked[1].messages.back().content, R"({"content":[{"text":"x","type":"text"}]})");
 }
+
+TEST_F(Adapter, AToolWithoutDescriptionReachesTheModelWithItsOwnName)
+{
+    ServerScript silent;
+    silent.pages = {JSONValue::parse(R"({"tools":[{"name":"Write a note!","inputSchema":{"type":"object"}}]})")};
+    servers().hear = silent.hear();
+    ASSERT_EQ(connect(), "done");
+    ModelScript model;
+    model.answers(said("done"));
+    ScriptedProvider provider(model);
+    const AIRuntime runtime(registry);
+    await(loop(), runtime.run("question", provider, {}, {}, [](const std::string &) {}));
+    ASSERT_EQ(model.asked.size(), 1U);
+    ASSERT_EQ(model.asked[0].tools.size(), 1U);
+    EXPECT_EQ(model.asked[0].tools[0].description, "Write a note!");
+}

@@ -120,6 +120,34 @@ struct Transport : testing::Test {
         std::make_shared<StdioTransport>(StdioTransport::Parts{loop.executor(), clock, servers, "/home/ada"});
 };
 
+/// A system that hangs, looking at the disk or starting the program.
+class HangingLaunching final : public ServerLaunching {
+public:
+    explicit HangingLaunching(bool looking) : looking(looking) { }
+
+    Task<bool> isExecutable(std::string) override
+    {
+        if (looking)
+            co_await hang();
+        co_return true;
+    }
+    Task<std::shared_ptr<ServerProcess>> launch(std::shared_ptr<const Program>) override
+    {
+        co_await hang();
+        co_return nullptr;
+    }
+
+private:
+    Task<void> hang()
+    {
+        std::function<void(Continuation<void>)> begin = [this](Continuation<void> done) { waiting = std::move(done); };
+        co_await suspend<void>(std::move(begin));
+    }
+
+    const bool looking;
+    std::optional<Continuation<void>> waiting;
+};
+
 const std::string cancelled1 = R"({"jsonrpc":"2.0","method":"notifications\/cancelled","params":{"requestId":1}})";
 const std::string asked1 = R"({"id":1,"jsonrpc":"2.0","method":"tools\/list","params":{}})";
 
@@ -211,17 +239,48 @@ TEST_F(Transport, WhatIsClosedIsNotStarted)
 TEST_F(Transport, AServerThatIsLaunchedDuringTheCloseIsEndedByIt)
 {
     bool closedBefore = false;
-    servers.endurance = Endurance::endsWithTerminate;
+    servers.endurance = Endurance::endsWithKill;
     Begun<void> starting(loop, transport->start(usable, {}));
     Begun<void> closing(loop, transport->close());
     servers.onLaunch = [&] { closedBefore = closing.done(); };
     EXPECT_EQ(outcomeOf(std::move(starting)), isClosed);
     loop.runUntilIdle();
-    EXPECT_FALSE(closedBefore || closing.done()) << "it waits for what was launched";
-    clock.advance(600ms);
-    EXPECT_TRUE(closing.done());
-    EXPECT_EQ(servers.launched().size(), 1U);
-    EXPECT_EQ(servers.running(), 0U);
+    EXPECT_FALSE(closedBefore) << "it waits for what is launched";
+    EXPECT_TRUE(closing.done()) << "and for nothing else: nobody has spoken to it";
+    EXPECT_THAT(servers.launched().at(0)->steps(), ElementsAre("kill", "let go"));
+}
+
+TEST_F(Transport, ALaunchThatDoesNotEndIsWaitedForByTheCloseForTwoStepsAndNoLonger)
+{
+    for (const bool looking : {false, true}) {
+        HangingLaunching hanging(looking);
+        const auto stuck = std::make_shared<StdioTransport>(StdioTransport::Parts{loop.executor(), clock, hanging, "/home/ada"});
+        auto starting = begin(stuck->start(usable, {}));
+        clock.advance(1h);
+        EXPECT_FALSE(starting.done());
+        auto first = begin(stuck->close());
+        clock.advance(599ms);
+        auto second = begin(stuck->close());
+        EXPECT_FALSE(first.done() || second.done() || starting.done());
+        clock.advance(1ms);
+        EXPECT_TRUE(first.done() && second.done());
+        EXPECT_EQ(outcomeOf(std::move(starting)), isClosed);
+        EXPECT_EQ(clock.sleepers(), 0U);
+        EXPECT_TRUE(begin(stuck->close()).done());
+    }
+}
+
+TEST_F(Transport, AStartThatIsCancelledGivesTheLaunchUpInTheSameTime)
+{
+    HangingLaunching hanging(false);
+    const auto stuck = std::make_shared<StdioTransport>(StdioTransport::Parts{loop.executor(), clock, hanging, "/home/ada"});
+    auto starting = begin(stuck->start(usable, {}));
+    starting.cancel();
+    clock.advance(599ms);
+    EXPECT_FALSE(starting.done());
+    clock.advance(1ms);
+    EXPECT_EQ(outcomeOf(std::move(starting)), "cancelled");
+    EXPECT_EQ(outcomeOf(begin(stuck->start(usable, {}))), isClosed);
 }
 
 // Requests
@@ -512,6 +571,26 @@ TEST_F(Transport, AServerThatReadsNoRequestsIsClosedWhenEightMillionBytesWait)
         EXPECT_EQ(outcomeOf(std::move(one)), disconnected);
 }
 
+TEST_F(Transport, EightMillionUnreadBytesAreLeftAndOneMoreClosesTheConnection)
+{
+    for (const std::size_t more : {0U, 1U}) {
+        const auto other = std::make_shared<StdioTransport>(StdioTransport::Parts{loop.executor(), clock, servers, "/home/ada"});
+        await(loop, other->start(usable, {}));
+        const auto deaf = servers.launched().back();
+        deaf->stopReading();
+        const std::size_t around = std::string(R"({"jsonrpc":"2.0","method":"a","params":{"x":""}})").size() + 1;
+        for (const std::size_t line : {1'000'000U, 1'000'000U, 1'000'000U, 1'000'000U, 1'000'000U, 1'000'000U, 1'000'000U})
+            await(loop, other->notify("a", JSONValue::Object{{"x", std::string(line - around, 'x')}}));
+        for (const std::size_t line : {500'000U + more, std::size_t(500'000)}) {
+            EXPECT_THAT(deaf->steps(), IsEmpty());
+            await(loop, other->notify("a", JSONValue::Object{{"x", std::string(line - around, 'x')}}));
+        }
+        loop.runUntilIdle();
+        EXPECT_EQ(deaf->steps().empty(), more == 0);
+        await(loop, other->close());
+    }
+}
+
 // The end
 
 TEST_F(Transport, AWriteThatFailsClosesTheConnection)
@@ -532,6 +611,17 @@ TEST_F(Transport, TheEndOfTheOutputClosesTheConnection)
     loop.runUntilIdle();
     EXPECT_EQ(outcomeOf(ask()), isDisconnected);
     EXPECT_EQ(outcomeOf(begin(transport->notify("a", params))), isClosed);
+}
+
+TEST_F(Transport, AReplyWithoutTheEndOfItsLineIsNoneWhenTheOutputEnds)
+{
+    server();
+    auto asking = ask();
+    print(reply(1, "1"));
+    server().closeOutput();
+    loop.runUntilIdle();
+    EXPECT_EQ(outcomeOf(std::move(asking)), disconnected);
+    EXPECT_TRUE(isClosing());
 }
 
 TEST_F(Transport, CloseFailsWhatIsOutstandingAndTellsTheServerNothing)
@@ -669,10 +759,10 @@ public:
     void terminate() override { }
     void kill() override { }
 
-    bool isExecutable(const std::string &) const override { return true; }
-    std::shared_ptr<ServerProcess> launch(const Program &) override
+    Task<bool> isExecutable(std::string) override { co_return true; }
+    Task<std::shared_ptr<ServerProcess>> launch(std::shared_ptr<const Program>) override
     {
-        return {this, [](auto *) {}};
+        co_return std::shared_ptr<ServerProcess>(this, [](auto *) {});
     }
 
     bool running = true;

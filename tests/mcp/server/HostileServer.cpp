@@ -442,6 +442,32 @@ const std::map<std::string_view, Mode> &modes()
                         server.initialize(request);
                         std::_Exit(0);
                     }}},
+        {"half-line-and-exit",
+            {.initialize =
+                    [](Server &, const JSONValue &) {
+                        writeAll(R"({"jsonrpc":"2.0","id":1,"resu)");
+                        std::_Exit(0);
+                    }}},
+        {"exit-on-second-page",
+            {.list =
+                    [](Server &server, const JSONValue &request) {
+                        if (server.pages++ > 0)
+                            std::_Exit(0);
+                        server.list(request, tools(2), "second");
+                    }}},
+        {"exit-in-huge",
+            {.call =
+                    [](Server &, const JSONValue &) {
+                        const std::string whole = withText(std::string(7'000'000, 'x'));
+                        writeAll(std::string_view(whole).substr(0, whole.size() / 2));
+                        std::_Exit(0);
+                    }}},
+        {"exit-while-asking",
+            {.call =
+                    [](Server &server, const JSONValue &) {
+                        server.send(Object{{"jsonrpc", "2.0"}, {"id", 1}, {"method", "roots/list"}});
+                        std::_Exit(0);
+                    }}},
         {"exit-in-list", {.list = [](Server &, const JSONValue &) { std::_Exit(1); }}},
         {"exit-in-call", dying(1)},
         {"crash", {.call = [](Server &, const JSONValue &) { std::raise(SIGSEGV); }}},

@@ -42,7 +42,11 @@ struct Servers : testing::Test {
     {
         return {.path = "/bin/sh", .arguments = {"-c", script}, .environment = {"PATH=/usr/bin:/bin", marked.variable()}};
     }
-    std::shared_ptr<ServerProcess> launch(const std::string &script) { return launching.launch(shell(script)); }
+    std::shared_ptr<ServerProcess> launch(ServerLaunching::Program program)
+    {
+        return await(loop, launching.launch(std::make_shared<const ServerLaunching::Program>(std::move(program))));
+    }
+    std::shared_ptr<ServerProcess> launch(const std::string &script) { return launch(shell(script)); }
 
     /// What it has printed when that is at least as long as `size`, or it has ended.
     std::string output(ServerProcess &server, std::size_t size)
@@ -68,7 +72,7 @@ struct Servers : testing::Test {
     int errorOf(const ServerLaunching::Program &program)
     {
         try {
-            launching.launch(program);
+            launch(program);
         } catch (const std::system_error &error) {
             return error.code().value();
         }
@@ -138,6 +142,23 @@ TEST_F(LinuxServersThreads, AServerThatNeverReadsHoldsUpNobody)
     EXPECT_TRUE(endsSoon(*other));
 }
 
+TEST_F(LinuxServersThreads, WhenAServerWasKilledNothingIsHeldOfThoseWhoWaited)
+{
+    for (int i = 0; i < 20; ++i) {
+        const auto deaf = launch("exec sleep 1000");
+        const auto caller = std::make_shared<std::atomic<int>>(0);
+        for (int part = 0; part < 3; ++part)
+            deaf->write(std::string(100'000, 'x'), [caller] { ++*caller; });
+        Begun<std::string> reading(loop, deaf->read());
+        loop.runUntilIdle();
+        deaf->kill();
+        EXPECT_EQ(*caller, 3);
+        EXPECT_EQ(caller.use_count(), 1) << "nor later by a thread that ends when it likes";
+        loop.runUntilIdle();
+        EXPECT_TRUE(reading.done());
+    }
+}
+
 TEST_F(LinuxServersThreads, AServerThatFloodsWaitsUntilItIsRead)
 {
     const auto server = launch("yes | head -c 50000000; echo done >" + disk.path + "/done; exec sleep 1000");
@@ -203,7 +224,7 @@ TEST_F(LinuxServersThreads, ItGetsExactlyTheEnvironmentAndTheStreamsThatItIsGive
     ::setenv("KORVANE_TEST_SECRET", "not for servers", 1);
     const auto before = launch("exec sleep 1000");
     const auto printed = [&](const std::string &path, Strings arguments) {
-        const auto server = launching.launch({path, std::move(arguments), {"B=2", "A=1=1", marked.variable()}});
+        const auto server = launch({path, std::move(arguments), {"B=2", "A=1=1", marked.variable()}});
         return output(*server, std::size_t(-1));
     };
     EXPECT_EQ(printed("/usr/bin/env", {}), "B=2\nA=1=1\n" + marked.variable() + "\n");
@@ -235,14 +256,15 @@ TEST_F(LinuxServersThreads, AProgramThatCannotBeStartedIsTheSystemsError)
     EXPECT_EQ(errorOf({"/bin/true", {std::string(3'000'000, 'x')}, {}}), E2BIG);
     EXPECT_EQ(errorOf({"/bin/true", {std::string("a\0b", 3)}, {}}), EINVAL);
     LinuxServerLaunching nowhere("/no/such/host");
-    EXPECT_THROW(nowhere.launch(shell("true")), std::system_error);
+    EXPECT_THROW(await(loop, nowhere.launch(std::make_shared<const ServerLaunching::Program>(shell("true")))), std::system_error);
     EXPECT_EQ(openDescriptors(), before);
 
-    EXPECT_TRUE(launching.isExecutable("/bin/sh"));
-    EXPECT_FALSE(launching.isExecutable("sh")) << "no absolute path";
-    EXPECT_FALSE(launching.isExecutable(disk.path + "/plain"));
-    EXPECT_FALSE(launching.isExecutable(disk.path)) << "a folder";
-    EXPECT_FALSE(launching.isExecutable("/no/such/program"));
+    const auto isExecutable = [this](const std::string &path) { return await(loop, launching.isExecutable(path)); };
+    EXPECT_TRUE(isExecutable("/bin/sh"));
+    EXPECT_FALSE(isExecutable("sh")) << "no absolute path";
+    EXPECT_FALSE(isExecutable(disk.path + "/plain"));
+    EXPECT_FALSE(isExecutable(disk.path)) << "a folder";
+    EXPECT_FALSE(isExecutable("/no/such/program"));
 }
 
 TEST_F(LinuxServersThreads, TerminateAsksEverythingWhereverItWent)
@@ -340,21 +362,32 @@ TEST_F(LinuxServersThreads, SeveralServersDoNotHoldEachOthersEnds)
     }
 }
 
-TEST_F(LinuxServersThreads, ServersMayBeStartedOnSeveralThreadsAtOnce)
+TEST_F(LinuxServersThreads, SeveralServersMayBeStartedAtOnce)
 {
-    ThreadPool pool{4};
-    std::atomic<int> ended = 0;
-    for (int i = 0; i < 16; ++i) {
-        runLater(pool.executor(), [&] {
-            const auto server = launch("exec cat");
-            server->closeInput();
-            while (server->isRunning())
-                ::usleep(1000);
-            ++ended;
-        });
+    std::vector<Begun<std::shared_ptr<ServerProcess>>> starting;
+    for (int i = 0; i < 16; ++i)
+        starting.emplace_back(loop, launching.launch(std::make_shared<const ServerLaunching::Program>(shell("exec cat"))));
+    for (auto &one : starting) {
+        const auto server = one.result();
+        server->closeInput();
+        EXPECT_TRUE(soon(loop, [&] { return !server->isRunning(); }));
     }
-    EXPECT_TRUE(soon(loop, [&] { return ended == 16; }));
-    pool.join();
+}
+
+TEST_F(LinuxServersThreads, AServerThatBeginsWhenNobodyWaitsForItAnyMoreIsEnded)
+{
+    // A host that does not answer at first, like one whose server hangs on a file system that does not.
+    const std::string waiting = "touch \"$0.begun\"; while [ ! -e \"$0.go\" ]; do sleep 0.01; done; exec ";
+    std::optional<LinuxServerLaunching> slow(disk.script("host", waiting + host));
+    const auto program = std::make_shared<const ServerLaunching::Program>(shell("touch " + disk.path + "/ran; exec sleep 1000"));
+    Begun<std::shared_ptr<ServerProcess>> starting(loop, slow->launch(program));
+    EXPECT_TRUE(soon(loop, [this] { return std::filesystem::exists(disk.path + "/host.begun"); }));
+    starting.cancel();
+    EXPECT_THROW(starting.result(), Cancelled);
+    slow.reset();
+    disk.file("host.go", "");
+    EXPECT_TRUE(soon(loop, [this] { return std::filesystem::exists(disk.path + "/ran"); }));
+    EXPECT_TRUE(soon(loop, [&] { return program.use_count() == 1 && marked.alive().empty(); }));
 }
 
 TEST_F(LinuxServersThreads, FiftyServersLeaveNeitherProcessesNorDescriptors)
