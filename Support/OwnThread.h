@@ -13,24 +13,8 @@ void runOnOwnThread(std::function<void()> work);
 /// dropped on that thread.
 template <class Work, class Result = std::invoke_result_t<Work &>> Task<Result> onOwnThread(Work work)
 {
-    auto shared = std::make_shared<Work>(std::move(work));
-    std::function<void(Continuation<Result>)> begin = [&shared](Continuation<Result> done) {
-        runOnOwnThread([shared = std::move(shared), done]() mutable {
-            std::optional<Result> result;
-            std::exception_ptr error;
-            try {
-                result = (*shared)();
-            } catch (...) {
-                error = std::current_exception();
-            }
-            shared.reset(); // what the work holds ends on this thread, before the caller goes on
-            if (error)
-                done.fail(std::move(error));
-            else
-                done.resume(std::move(*result));
-        });
-    };
-    co_return co_await suspend<Result>(std::move(begin));
+    auto aside = [work = std::move(work)](std::stop_token) mutable { return work(); };
+    return runAside(WorkStarter(runOnOwnThread), std::move(aside));
 }
 
 /// One thread with a loop of its own for coroutines that also block now and then.

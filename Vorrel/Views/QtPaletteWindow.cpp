@@ -63,6 +63,7 @@ public:
         if (!_view) {
             _view = new PaletteView(controller.state(), appearance, icons, this);
             _view->setGeometry(palette());
+            _view->fileSelected = [this] { fileSelected(); };
             _view->show();
             setFocusProxy(&_view->field());
             _view->field().setFocus(Qt::OtherFocusReason);
@@ -98,6 +99,7 @@ public:
     int margin = 0;
     std::function<void()> deactivated = [] {};
     std::function<void()> gainedKeyboard = [] {};
+    std::function<void()> fileSelected = [] {};
 
 protected:
     bool event(QEvent *event) override
@@ -422,6 +424,7 @@ QtPaletteWindow::QtPaletteWindow(
 {
     _surface->deactivated = [this] { deactivated(); };
     _surface->gainedKeyboard = [this] { noteKeyboard(); };
+    _surface->fileSelected = [this] { fileSelected(); };
 }
 
 QtPaletteWindow::~QtPaletteWindow() = default;

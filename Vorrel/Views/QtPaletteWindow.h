@@ -55,6 +55,8 @@ public:
     std::function<std::uint32_t()> userTime = [] { return 0; };
     /// Told when the window really has the keyboard, and when it will not get it any more.
     std::function<void()> keyboardSettled = [] {};
+    /// Told at each refresh of the view while a row of a file is selected.
+    std::function<void()> fileSelected = [] {};
 
 private:
     class Surface;

@@ -9,7 +9,6 @@
 #include "Vorrel/Views/Appearance.h"
 #include "Vorrel/Views/IconStore.h"
 #include "Vorrel/Views/KeyEvents.h"
-#include "Vorrel/Views/PaletteView.h"
 #include "Vorrel/Views/QtDialogs.h"
 #include "Vorrel/Views/QtMainLoop.h"
 #include "Vorrel/Views/QtPaletteWindow.h"
@@ -119,7 +118,7 @@ int main(int count, char **words)
                 auto window = std::make_unique<QtPaletteWindow>(controller, ports, appearance, *icons);
                 window->userTime = [&hotkeys] { return hotkeys.claimKeys(); };
                 window->keyboardSettled = [&hotkeys] { hotkeys.letKeysThrough(); };
-                window->view().fileSelected = [&preview] { preview.prepare(); };
+                window->fileSelected = [&preview] { preview.prepare(); };
                 dialogs.palette = [surface = QPointer<QWidget>(window->surface())] { return surface.data(); };
                 return window;
             },
