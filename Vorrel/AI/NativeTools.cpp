@@ -134,9 +134,12 @@ Task<JSONValue> revealFile(AppServices &services, JSONValue input)
 Task<JSONValue> readClipboard(AppServices &services, JSONValue)
 {
     PasteboardWatching *const clipboard = services.platform.pasteboardWatching;
-    if (!clipboard) // an empty text would say that there is none
+    std::optional<std::string> text;
+    if (clipboard)
+        text = co_await clipboard->string(Form::text, largestClipboard);
+    // An empty text says that there is none: not where it is too large or concealed, or nobody told it in time.
+    if (!text && (!clipboard || co_await clipboard->mayHoldText()))
         throw AppError(AppError::Kind::recoverable, "Could not read the clipboard.");
-    const auto text = co_await clipboard->string(Form::text, largestClipboard);
     co_return Object{{"text", text.value_or("")}};
 }
 

@@ -27,6 +27,9 @@ public:
     /// The content in this form; nothing where it is not offered, is concealed, is not UTF-8, or has more than `limit` bytes,
     /// which are then not transferred.
     virtual Task<std::optional<std::string>> string(Form form, std::size_t limit) = 0;
+    /// Whether there is a text, or may be one that nobody told of in time or that is concealed. False only where it is known that
+    /// there is none.
+    virtual Task<bool> mayHoldText() = 0;
     /// Identifier of the application in front; nothing when that is not known.
     virtual Task<std::optional<std::string>> frontmostApplication() = 0;
 

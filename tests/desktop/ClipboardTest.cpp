@@ -267,6 +267,26 @@ TEST_F(FollowedClipboard, ASecretIsConcealedAndNotEvenRead)
     EXPECT_TRUE(history().empty());
 }
 
+TEST_F(FollowedClipboard, ThatThereIsNoTextIsSaidOnlyWhereItIsKnown)
+{
+    const auto mayHoldText = [this] { return await(loop, watching.mayHoldText()); };
+    copied("plain");
+    EXPECT_TRUE(mayHoldText());
+    copied({.forms = {{"image/png", "a picture"}}});
+    EXPECT_FALSE(mayHoldText());
+    copied({.forms = {{"UTF8_STRING", "pass word"}, {pasteboardForms::hint, "secret"}}});
+    EXPECT_TRUE(mayHoldText());
+    changing([this] { owner.clear(); });
+    EXPECT_FALSE(mayHoldText()) << "nothing is there";
+
+    copied({.forms = {{"UTF8_STRING", "never told"}}, .answersNothing = true});
+    const int asked = owner.asked;
+    Begun<bool> question(loop, watching.mayHoldText());
+    ASSERT_TRUE(soon(loop, [&] { return owner.asked > asked; }));
+    clock.advance(X11PasteboardWatching::patience);
+    EXPECT_TRUE(question.result()) << "nobody knows";
+}
+
 TEST_F(FollowedClipboard, AHintThatCannotBeReadIsASecretAndAnotherWordIsNone)
 {
     copied({.forms = {{"UTF8_STRING", "pass word"}, {pasteboardForms::hint, std::string(65, 's')}}});

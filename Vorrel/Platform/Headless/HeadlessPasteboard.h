@@ -2,6 +2,7 @@
 
 #include "Vorrel/Platform/PasteboardWatching.h"
 
+#include <algorithm>
 #include <functional>
 
 namespace korvane {
@@ -20,8 +21,9 @@ public:
         onQuestion();
         const auto &content = form == Form::text ? text : url;
         questions.push_back(form == Form::text ? "text" : "url");
-        co_return content && content->size() <= limit ? content : std::nullopt;
+        co_return content && content->size() <= limit && !concealed() ? content : std::nullopt;
     }
+    Task<bool> mayHoldText() override { co_return text.has_value() || concealed(); }
     Task<std::optional<std::string>> frontmostApplication() override { co_return frontmost; }
 
     /// Somebody copies a text, with these other forms and marks.
@@ -32,6 +34,8 @@ public:
         url.reset();
         offered = std::move(types);
     }
+
+    bool concealed() const { return std::ranges::find(offered, concealedType) != offered.end(); }
 
     std::int64_t changes = 7;
     std::optional<std::string> text, url, frontmost;

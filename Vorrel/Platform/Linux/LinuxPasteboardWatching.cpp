@@ -79,6 +79,14 @@ Task<std::optional<std::string>> LinuxPasteboardWatching::string(Form form, std:
     co_return after == before ? std::move(text) : std::nullopt;
 }
 
+Task<bool> LinuxPasteboardWatching::mayHoldText()
+{
+    if (usesX11)
+        co_return co_await x11->mayHoldText();
+    const auto mark = co_await markOfX11();
+    co_return mark.maybeSecret || co_await wayland->mayHoldText();
+}
+
 Task<std::optional<std::string>> LinuxPasteboardWatching::frontmostApplication()
 {
     // Under Wayland a native program in front is no window of the X server, and it tells none then.

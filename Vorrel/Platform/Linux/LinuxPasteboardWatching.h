@@ -22,6 +22,7 @@ public:
     std::int64_t changeCount() const override;
     Task<std::vector<std::string>> types() override;
     Task<std::optional<std::string>> string(Form form, std::size_t limit) override;
+    Task<bool> mayHoldText() override;
     Task<std::optional<std::string>> frontmostApplication() override;
 
 private:

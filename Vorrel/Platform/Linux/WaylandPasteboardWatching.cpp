@@ -215,6 +215,14 @@ Task<std::optional<std::string>> WaylandPasteboardWatching::string(Form form, st
     co_return co_await held->read(form, limit);
 }
 
+Task<bool> WaylandPasteboardWatching::mayHoldText()
+{
+    const auto held = session;
+    co_await held->findOffer();
+    const Offer &offer = held->offer;
+    co_return offer.change != held->changes || offer.concealed || offer.types.empty() || holdsText(offer.types);
+}
+
 Task<std::optional<std::string>> WaylandPasteboardWatching::frontmostApplication() { co_return std::nullopt; }
 
 } // namespace korvane

@@ -35,6 +35,7 @@ public:
     Task<std::vector<std::string>> types() override;
     Task<std::optional<std::string>> string(Form form, std::size_t limit) override;
     /// Nothing: programs are not told.
+    Task<bool> mayHoldText() override;
     Task<std::optional<std::string>> frontmostApplication() override;
 
     Standing standing() const;

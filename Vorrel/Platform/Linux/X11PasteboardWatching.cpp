@@ -593,6 +593,21 @@ Task<std::optional<std::string>> X11PasteboardWatching::string(Form form, std::s
     co_return std::nullopt;
 }
 
+Task<bool> X11PasteboardWatching::mayHoldText()
+{
+    const auto held = display;
+    if (!held->following)
+        co_return true;
+    Question question(held);
+    co_await question.findOffer();
+    const Offer &offer = held->offer;
+    if (offer.change != held->changes || offer.concealed)
+        co_return true;
+    if (offer.types.empty())
+        co_return held->owner != XCB_NONE;
+    co_return !pasteboardForms::sources(Form::text, offer.types).empty();
+}
+
 Task<std::optional<std::string>> X11PasteboardWatching::frontmostApplication()
 {
     const auto held = display;

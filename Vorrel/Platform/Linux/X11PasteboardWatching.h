@@ -27,6 +27,7 @@ public:
     std::int64_t changeCount() const override;
     Task<std::vector<std::string>> types() override;
     Task<std::optional<std::string>> string(Form form, std::size_t limit) override;
+    Task<bool> mayHoldText() override;
     Task<std::optional<std::string>> frontmostApplication() override;
     /// What the server knows at the moment of its answer, for whoever gets the content by another way.
     struct Mark {

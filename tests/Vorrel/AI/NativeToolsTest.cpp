@@ -375,6 +375,17 @@ TEST_F(NativeToolsTest, AClipboardWithoutATextIsAnEmptyOne)
     EXPECT_EQ(call("clipboard.read"), JSONValue(Object{{"text", ""}}));
 }
 
+TEST_F(NativeToolsTest, ATextThatIsNotToldIsNoEmptyOne)
+{
+    const std::string unread = "Could not read the clipboard.";
+    clipboard.copy("pass word", {PasteboardWatching::concealedType});
+    EXPECT_EQ(refusalOf("clipboard.read", Object{}), unread);
+    clipboard.copy(std::string((8U << 20) + 1, 'x'));
+    EXPECT_EQ(refusalOf("clipboard.read", Object{}), unread);
+    clipboard.copy(std::string(8U << 20, 'x'));
+    EXPECT_EQ(refusalOf("clipboard.read", Object{}), "") << "the limit itself";
+}
+
 TEST_F(NativeToolsTest, ARefusedReadingOfTheClipboardAsksItNothing)
 {
     clipboard.copy("secret");
