@@ -518,7 +518,7 @@ private:
             return false;
         }
         if (!S_ISDIR(status->st_mode)) {
-            if (!isTrueTo(folder, *status))
+            if (!isTrueTo(folder, *status, territory()->mounts()))
                 batch.add(path);
             return false;
         }
@@ -591,7 +591,7 @@ private:
         }
         if (row && !isDirectory) {
             const auto status = statusOf(path);
-            if (!status || isTrueTo(*row, *status))
+            if (!status || isTrueTo(*row, *status, territory()->mounts()))
                 return;
             if (row->isDirectory)
                 replaced.push_back(path);
@@ -808,7 +808,7 @@ private:
             if (!vanished.empty() && isBelow(file.path, vanished))
                 continue;
             const auto status = statusOf(file.path);
-            if (status ? isTrueTo(file, *status) : !isGone(file.path))
+            if (status ? isTrueTo(file, *status, territory()->mounts()) : !isGone(file.path))
                 continue;
             // A folder that has gone takes its files along.
             const auto parent = deletingLastPathComponent(file.path);
