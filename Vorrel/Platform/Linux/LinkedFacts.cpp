@@ -90,6 +90,8 @@ int followLink(const LinkPlace &link, const MountPoints &mounts, struct stat &fa
     return 0;
 }
 
+bool leadsOnto(const MountPoints &mounts, const std::string &path) { return leadsOnto(mounts, "/", path); }
+
 int linkedFacts(const std::string &path, const MountPoints &mounts, struct stat &facts)
 {
     if (::fstatat(AT_FDCWD, path.c_str(), &facts, AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT) != 0)

@@ -22,6 +22,9 @@ struct LinkPlace {
 /// target; `facts` are then the link's own.
 int followLink(const LinkPlace &link, const MountPoints &mounts, struct stat &facts);
 
+/// Whether a path leads onto one of `mounts`, be it by way of links. Asks nothing of what is on them.
+bool leadsOnto(const MountPoints &mounts, const std::string &path);
+
 /// What is at a path that is indexed, with its last link followed like that. `mounts` are all those of the process; what
 /// the link itself is on is no reason to leave its target alone. 0 or an `errno`.
 int linkedFacts(const std::string &path, const MountPoints &mounts, struct stat &facts);
