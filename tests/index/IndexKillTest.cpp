@@ -191,8 +191,6 @@ TEST(IndexKillSlow, AKilledLiveUpdateIsMadeGoodAtTheNextStart)
     std::mt19937 random(20264);
     RandomChanges changes(disk.roots(), disk.folder.folder("outside"), 99);
     const auto follow = [&disk] { DiskIndex(disk.store, disk.roots(), true).serve(); };
-    int amidUpdates = 0;
-    Facts before = inStore(disk.store);
     for (int round = 0; round < kills; ++round) {
         {
             Process process(follow);
@@ -201,11 +199,7 @@ TEST(IndexKillSlow, AKilledLiveUpdateIsMadeGoodAtTheNextStart)
                 changes.make(5);
         }
         ASSERT_EQ(damage(disk.store), "") << round;
-        Facts after = inStore(disk.store);
-        amidUpdates += after != before && after != onDisk(disk.roots());
-        before = std::move(after);
     }
-    EXPECT_GT(amidUpdates, 0) << "the kills came before the first update or after the last one";
     Process process(follow);
     EXPECT_EQ(differenceAfterCatchingUp(disk.store, disk.roots(), 60s), "");
 }
