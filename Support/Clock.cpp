@@ -14,7 +14,29 @@ namespace {
 
 double seconds(auto duration) { return std::chrono::duration<double>(duration).count(); }
 
+Task<void> fireAfter(Clock &clock, Milliseconds patience, std::shared_ptr<AsyncEvent> over)
+{
+    co_await clock.sleep(patience);
+    over->fire();
+}
+
+Task<void> fireWith(std::shared_ptr<AsyncEvent> event, std::shared_ptr<AsyncEvent> over)
+{
+    co_await event->wait();
+    over->fire();
+}
+
 } // namespace
+
+Task<bool> firesWithin(Clock &clock, std::shared_ptr<AsyncEvent> event, Milliseconds patience)
+{
+    const Executor executor = co_await asio::this_coro::executor;
+    const auto over = std::make_shared<AsyncEvent>();
+    const TaskHandle limit = spawn(executor, fireAfter(clock, patience, over));
+    const TaskHandle waiting = spawn(executor, fireWith(event, over));
+    co_await over->wait();
+    co_return event->fired();
+}
 
 Task<void> SystemClock::sleep(Milliseconds delay)
 {

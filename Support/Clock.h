@@ -29,6 +29,9 @@ public:
     virtual double uptime() const = 0;
 };
 
+/// Waits for `event` on the executor that it is used on, at most for `patience`; whether it has fired.
+Task<bool> firesWithin(Clock &clock, std::shared_ptr<AsyncEvent> event, Milliseconds patience);
+
 /// The machine's clocks.
 class SystemClock : public Clock {
 public:

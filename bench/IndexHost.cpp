@@ -2,6 +2,7 @@
 
 #include "Vorrel/FileIndex/DiskFileAttributes.h"
 #include "Vorrel/FileIndex/DiskFileScanner.h"
+#include "Vorrel/Platform/Linux/LinkedFacts.h"
 #include "Vorrel/Shell/AppLog.h"
 #include "bench/IndexRivals.h"
 
@@ -73,7 +74,7 @@ IndexHost::IndexHost(Settings settings) : folders{.home = settings.home, .data =
         .searchDatabase = searchDatabase,
         .scanner = std::make_unique<DiskFileScanner>(loop.executor(), clock, *walker, folders),
         .watcher = watcher.get(),
-        .attributes = std::make_shared<DiskFileAttributes>(),
+        .attributes = std::make_shared<DiskFileAttributes>(presentLinkedFacts()),
     });
     if (!settings.follows) {
         for (const auto &root : settings.roots)

@@ -5,16 +5,23 @@
 
 namespace korvane {
 
+DiskFileAttributes::DiskFileAttributes(Stat stat) : stat(std::move(stat)) { }
+
+int DiskFileAttributes::followingAllLinks(const std::string &path, struct stat &facts)
+{
+    return ::stat(path.c_str(), &facts) == 0 ? 0 : errno;
+}
+
 AttributeOutcome DiskFileAttributes::attributes(const std::string &path) const
 {
     using enum AttributeOutcome::State;
-    struct stat status;
-    if (::stat(path.c_str(), &status) != 0)
-        return {.state = errno == ENOENT || errno == ENOTDIR ? notFound : unavailable};
+    struct stat facts { };
+    if (const int failure = stat(path, facts))
+        return {.state = failure == ENOENT || failure == ENOTDIR ? notFound : unavailable};
     return {.state = found,
-        .isDirectory = S_ISDIR(status.st_mode),
-        .size = static_cast<long long>(status.st_size),
-        .modified = static_cast<double>(status.st_mtime)};
+        .isDirectory = S_ISDIR(facts.st_mode),
+        .size = static_cast<long long>(facts.st_size),
+        .modified = static_cast<double>(facts.st_mtime)};
 }
 
 } // namespace korvane

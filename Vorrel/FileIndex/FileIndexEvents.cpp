@@ -25,6 +25,41 @@ constexpr std::size_t demotedPathsPerFlush = 1000;
 constexpr std::size_t burstThreshold = 20'000;
 constexpr int burstPasses = 5;
 constexpr double secondsBetweenCounts = 60.0;
+constexpr Milliseconds watchPatience = 15s;
+constexpr std::uint64_t claimsNothing = 0; ///< An identifier that is never saved.
+
+/// The start of a watch, which a dead volume may keep from ending.
+struct WatchStart {
+    std::shared_ptr<AsyncEvent> over = std::make_shared<AsyncEvent>();
+    std::exception_ptr failure;
+
+    static Task<void> carry(std::shared_ptr<WatchStart> start, Task<void> task)
+    {
+        try {
+            co_await std::move(task);
+        } catch (...) {
+            start->failure = std::current_exception();
+        }
+        start->over->fire();
+    }
+};
+
+bool isCancellation(const std::exception_ptr &failure)
+{
+    try {
+        if (failure)
+            std::rethrow_exception(failure);
+    } catch (const Cancelled &) {
+        return true;
+    } catch (...) {
+    }
+    return false;
+}
+
+std::exception_ptr noWatch()
+{
+    return std::make_exception_ptr(AppError(AppError::Kind::recoverable, "File system monitoring could not start."));
+}
 
 } // namespace
 
@@ -33,24 +68,39 @@ constexpr double secondsBetweenCounts = 60.0;
 /// A watch that cannot begin is no failure: the index stays usable, as it is.
 Task<void> FileIndexService::startWatcher(std::uint64_t sinceID)
 {
+    if (stopped)
+        co_return;
     if (!ports.watcher) {
         _liveUpdatesAvailable = false;
         co_return;
     }
-    const auto handler = [weak = weak_from_this(), mainThread = ports.mainThread](Paths paths, std::uint64_t lastEventID) {
-        runLater(mainThread, [weak, paths = std::move(paths), lastEventID]() mutable {
+    const std::uint64_t number = ++watchNumber;
+    const auto handler = [weak = weak_from_this(), mainThread = ports.mainThread, number](
+                             Paths paths, std::uint64_t lastEventID) {
+        runLater(mainThread, [weak, paths = std::move(paths), lastEventID, number]() mutable {
             if (const Service self = weak.lock())
-                self->enqueueEvent(std::move(paths), lastEventID);
+                self->enqueueEvent(std::move(paths), number > self->lossyWatch ? lastEventID : claimsNothing);
         });
     };
-    std::exception_ptr failure;
-    try {
-        co_await ports.watcher->start(rootPaths(), sinceID, handler);
-    } catch (const Cancelled &) {
-        throw;
-    } catch (...) {
-        failure = std::current_exception();
-    }
+    ports.watcher->onUnwatched([weak = weak_from_this(), mainThread = ports.mainThread, number](std::size_t folders) {
+        runLater(mainThread, [weak, folders, number] {
+            if (const Service self = weak.lock(); self && number == self->watchNumber)
+                self->showUnwatched(folders);
+        });
+    });
+    const auto started = std::make_shared<WatchStart>();
+    const TaskHandle task =
+        spawn(ports.mainThread, WatchStart::carry(started, ports.watcher->start(rootPaths(), sinceID, handler)));
+    const bool answered = co_await firesWithin(ports.clock, started->over, watchPatience);
+    if (stopped)
+        throw Cancelled();
+    if (number != watchNumber)
+        co_return; // a later start has taken the place of this one
+    if (!answered)
+        ports.watcher->stop();
+    const std::exception_ptr failure = answered ? started->failure : noWatch();
+    if (isCancellation(failure))
+        std::rethrow_exception(failure);
     _liveUpdatesAvailable = !failure;
     if (failure) {
         AppLog::search.error("Live file events are not available");
@@ -65,6 +115,15 @@ Task<void> FileIndexService::restartWatcher()
     co_await startWatcher(_processedEventID);
 }
 
+/// Told where the status is; for the rest such folders are followed like the others, only later.
+void FileIndexService::showUnwatched(std::size_t folders)
+{
+    const bool isShown = _statusText.get() == watchingText();
+    unwatchedFolders = folders;
+    if (isShown)
+        showWatching();
+}
+
 // The queue
 
 void FileIndexService::enqueueEvent(Paths paths, std::uint64_t lastEventID)
@@ -75,10 +134,11 @@ void FileIndexService::enqueueEvent(Paths paths, std::uint64_t lastEventID)
     for (std::string &path : paths)
         if (!ports.places.aliasPrefix.empty() && path.starts_with(ports.places.aliasPrefix))
             path.erase(0, ports.places.aliasPrefix.size());
-    // By the bare beginning, more loosely than the scan does: nothing near these folders is worth a pass.
+    // By the bare beginning, more loosely than the scan does: nothing near most of these folders is worth a pass.
     std::erase_if(paths, [this](const std::string &path) {
-        return std::ranges::any_of(
-            ports.places.skippedPrefixes, [&path](const std::string &prefix) { return path.starts_with(prefix); });
+        return isSkipped(path, ports.places.skippedPrefixes)
+            || std::ranges::any_of(
+                ports.places.looselySkipped(), [&path](const auto &prefix) { return path.starts_with(prefix); });
     });
     if (paths.empty())
         return;
@@ -126,6 +186,7 @@ FileIndexService::Taken FileIndexService::takePending()
             taken.work.push_back(batch.paths[count++]);
         _pendingEventTotal -= count;
         if (count < batch.paths.size()) {
+            taken.hasPart = count > 0;
             batch.paths.erase(batch.paths.begin(), batch.paths.begin() + std::ptrdiff_t(count));
             break;
         }
@@ -147,12 +208,22 @@ bool FileIndexService::hasOverflowed()
     return true;
 }
 
+/// The paths of a part are not put back. Until the watch has begun again no identifier is saved that would claim them.
 void FileIndexService::putBack(Taken taken)
 {
     for (auto batch = taken.whole.rbegin(); batch != taken.whole.rend(); ++batch) {
         _pendingEventTotal += batch->paths.size();
         _pendingBatches.push_front(std::move(*batch));
     }
+    if (taken.hasPart)
+        loseClaims();
+}
+
+void FileIndexService::loseClaims()
+{
+    lossyWatch = watchNumber;
+    for (EventBatch &batch : _pendingBatches)
+        batch.lastEventID = claimsNothing;
 }
 
 // A pass
@@ -184,8 +255,12 @@ Task<void> FileIndexService::flush(Weak weak)
     if (!self)
         co_return;
     self->_isFlushing = false;
-    if (!failure)
+    if (!failure) {
+        // The store takes what it is given again: what was lost is found by a watch from the last identifier saved.
+        if (self->lossyWatch == self->watchNumber && !self->stopped)
+            co_await self->restartWatcher();
         co_return;
+    }
     self->recordIndexError();
     AppLog::search.error("File index update failed");
     self->putBack(std::move(*taken));
@@ -198,6 +273,7 @@ Task<void> FileIndexService::apply(Weak weak, std::shared_ptr<Taken> taken)
         AppLog::search.info(fmt::format("Withheld {} event paths whose availability could not be confirmed", found.withheld));
 
     const FileIndexRepository repository = alive(weak)->repository;
+    std::erase_if(found.upserts, [&weak](const IndexedFile &file) { return alive(weak)->hasLeft(file.path); });
     co_await repository.upsert(std::move(found.upserts));
     // Asked before they are deleted: the disk can no longer tell.
     auto folders = co_await repository.directories(found.gone);

@@ -335,6 +335,15 @@ Task<void> FileIndexRepository::removeRoot(std::string id) const
     co_await database->execute(deleteRoot, std::move(values));
 }
 
+Task<void> FileIndexRepository::removeRootWithTree(std::string id, std::string path) const
+{
+    std::vector<std::pair<std::string, std::vector<SQLValue>>> statements;
+    statements.emplace_back(deleteTreeOf, treeOf(folders.expandingTilde(path)));
+    statements.emplace_back(deleteRoot, std::vector<SQLValue>{std::move(id)});
+    writers->changedEverything();
+    co_await database->executeTransaction(std::move(statements), Database::Effort::large);
+}
+
 // Small facts
 
 Task<long long> FileIndexRepository::count() const

@@ -52,6 +52,8 @@ public:
     Task<std::vector<IndexRoot>> roots() const; ///< By path.
     Task<void> addRoot(std::string path) const; ///< Does nothing for a path that is a root already.
     Task<void> removeRoot(std::string id) const; ///< Leaves the rows of the index alone.
+    /// Does both to the root at `path`, in one transaction: whatever happens, a root that is listed has its rows.
+    Task<void> removeRootWithTree(std::string id, std::string path) const;
     Task<long long> count() const;
 
     Task<std::uint64_t> loadEventID() const; ///< 0 when none was saved.

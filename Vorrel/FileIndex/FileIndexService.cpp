@@ -22,6 +22,7 @@ using Service = std::shared_ptr<FileIndexService>;
 
 constexpr int searchLimit = 100;
 constexpr Milliseconds lockPoll = 500ms;
+constexpr Milliseconds folderPatience = 15s; ///< For whether a default root is there.
 
 /// A text of the tables with a count in it.
 std::string counted(std::string format, long long count)
@@ -159,6 +160,8 @@ Task<void> FileIndexService::bootstrap()
     eventIDLoaded = true;
     co_await startWatcher(_processedEventID);
     co_await throwIfCancelled();
+    if (stopped)
+        co_return;
     if (_fileCount == 0) {
         rebuild();
         co_return;
@@ -184,10 +187,26 @@ Task<std::vector<std::string>> FileIndexService::existingDefaultRoots()
     if (candidates.size() <= roots.size())
         co_return roots;
     const Paths others(candidates.begin() + 1, candidates.end());
-    for (const IndexedFile &found : (co_await classify(weak_from_this(), others)).upserts)
-        if (found.isDirectory)
-            roots.push_back(found.path);
+    const auto looks = std::make_shared<FolderLooks>();
+    looks->open = others.size();
+    std::vector<TaskHandle> tasks;
+    for (const std::string &path : others)
+        tasks.push_back(spawn(ports.mainThread, lookForFolder(weak_from_this(), path, looks)));
+    co_await firesWithin(ports.clock, looks->over, folderPatience);
+    std::ranges::copy_if(
+        others, std::back_inserter(roots), [&looks](const std::string &path) { return looks->folders.contains(path); });
     co_return roots;
+}
+
+/// Each by itself: one on a dead volume must not cost the others.
+Task<void> FileIndexService::lookForFolder(Weak weak, std::string path, std::shared_ptr<FolderLooks> looks)
+{
+    Paths alone{path};
+    const Classified found = co_await classify(std::move(weak), std::move(alone));
+    if (!found.upserts.empty() && found.upserts.front().isDirectory)
+        looks->folders.insert(std::move(path));
+    if (--looks->open == 0)
+        looks->over->fire();
 }
 
 /// For an index that was filled before the table of names was there. Until it ends, searches may find too little.
@@ -244,7 +263,15 @@ FileIndex::Health FileIndexService::indexHealth() const
     return {_fileCount, _roots->size(), state};
 }
 
-void FileIndexService::showWatching() { _statusText = counted(L10n::text("Watching · %@ files"), _fileCount); }
+std::string FileIndexService::watchingText() const
+{
+    if (unwatchedFolders == 0)
+        return counted(L10n::text("Watching · %@ files"), _fileCount);
+    const std::string text = counted(L10n::text("Watching · %@ files, %@ folders checked once a minute"), _fileCount);
+    return counted(text, static_cast<long long>(unwatchedFolders));
+}
+
+void FileIndexService::showWatching() { _statusText = watchingText(); }
 
 void FileIndexService::showFailure(const std::exception_ptr &error)
 {
@@ -415,7 +442,15 @@ Task<void> FileIndexService::scanRoot(Weak weak, IndexRoot root, int generation)
 
 bool FileIndexService::isRoot(const std::string &path) const
 {
-    return std::ranges::find(_roots.get(), path, &IndexRoot::path) != _roots->end();
+    return !leavingRoots.contains(path) && std::ranges::find(_roots.get(), path, &IndexRoot::path) != _roots->end();
+}
+
+/// Whether a path was indexed only for a root that has been removed.
+bool FileIndexService::hasLeft(const std::string &path) const
+{
+    const auto holds = [&path](const std::string &root) { return path == root || liesBelow(path, root); };
+    return std::ranges::any_of(leavingRoots, holds)
+        && std::ranges::none_of(_roots.get(), [&](const IndexRoot &root) { return isRoot(root.path) && holds(root.path); });
 }
 
 std::vector<std::string> FileIndexService::rootPaths() const
@@ -470,12 +505,32 @@ Task<void> FileIndexService::countChange(Weak weak, Task<void> task)
 Task<void> FileIndexService::addRootNow(Weak weak, std::string path)
 {
     const FileIndexRepository repository = alive(weak)->repository;
+    const std::string added = alive(weak)->ports.folders.expandingTilde(path);
     co_await repository.addRoot(std::move(path));
     auto roots = co_await repository.roots();
     const Service self = alive(weak);
+    self->leavingRoots.erase(added);
     self->_roots = std::move(roots);
     co_await self->restartWatcher();
     self->rebuild();
+}
+
+/// What is still under way for the root, a publication or a pass over events, must write nothing behind the removal.
+Task<void> FileIndexService::removeKnownRoot(Weak weak, IndexRoot root)
+{
+    const FileIndexRepository repository = alive(weak)->repository;
+    alive(weak)->leavingRoots.insert(root.path);
+    std::exception_ptr failure;
+    try {
+        co_await repository.removeRootWithTree(std::move(root.id), root.path);
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    if (!failure)
+        co_return;
+    if (const Service self = weak.lock())
+        self->leavingRoots.erase(root.path);
+    std::rethrow_exception(failure);
 }
 
 Task<void> FileIndexService::removeRootNow(Weak weak, std::string id)
@@ -483,9 +538,10 @@ Task<void> FileIndexService::removeRootNow(Weak weak, std::string id)
     const FileIndexRepository repository = alive(weak)->repository;
     const std::vector<IndexRoot> before = alive(weak)->_roots;
     const auto removed = std::ranges::find(before, id, &IndexRoot::id);
-    if (removed != before.end())
-        co_await repository.deleteTree(removed->path);
-    co_await repository.removeRoot(std::move(id));
+    if (removed == before.end())
+        co_await repository.removeRoot(std::move(id));
+    else
+        co_await removeKnownRoot(weak, *removed);
     auto roots = co_await repository.roots();
     alive(weak)->_roots = std::move(roots);
     const long long count = co_await repository.count();

@@ -11,6 +11,7 @@
 #include "Vorrel/Platform/IndexPlaces.h"
 
 #include <deque>
+#include <set>
 
 namespace korvane {
 
@@ -74,6 +75,13 @@ private:
     struct Taken {
         Paths work; ///< In order.
         std::vector<EventBatch> whole; ///< Batches of which nothing is left in the queue.
+        bool hasPart = false; ///< The last paths are of a batch of which something is left.
+    };
+    /// Which of some paths are folders.
+    struct FolderLooks {
+        std::set<std::string> folders;
+        std::size_t open = 0; ///< Paths of which the disk has said nothing yet.
+        std::shared_ptr<AsyncEvent> over = std::make_shared<AsyncEvent>();
     };
     /// What the disk says of a work list.
     struct Classified {
@@ -89,6 +97,7 @@ private:
     Task<void> startNow();
     Task<void> bootstrap();
     Task<std::vector<std::string>> existingDefaultRoots();
+    static Task<void> lookForFolder(Weak weak, std::string path, std::shared_ptr<FolderLooks> looks);
     static Task<void> startWhenFree(Weak weak);
     Task<bool> takeLock();
     static Task<void> backfillNames(Weak weak);
@@ -100,12 +109,14 @@ private:
     static Task<void> scanRoot(Weak weak, IndexRoot root, int generation);
     void throwIfSuperseded(int generation) const;
     bool isRoot(const std::string &path) const;
+    bool hasLeft(const std::string &path) const;
     std::vector<std::string> rootPaths() const;
     std::vector<std::string> skipListFor(const IndexRoot &root) const;
 
     // Roots
     static Task<void> addRootNow(Weak weak, std::string path);
     static Task<void> removeRootNow(Weak weak, std::string id);
+    static Task<void> removeKnownRoot(Weak weak, IndexRoot root);
     void change(Task<void> task);
     static Task<void> countChange(Weak weak, Task<void> task);
 
@@ -121,13 +132,16 @@ private:
     static Task<void> apply(Weak weak, std::shared_ptr<Taken> taken);
     static Task<Classified> classify(Weak weak, Paths work);
     void putBack(Taken taken);
+    void loseClaims();
     static bool isDemotedEventPath(std::string_view path);
 
     // Search
     Task<std::vector<FileRecord>> searchOrThrow(std::string text, std::optional<std::string> directory);
     void requireIndexed(const std::string &text) const;
 
+    std::string watchingText() const;
     void showWatching();
+    void showUnwatched(std::size_t folders);
     void showFailure(const std::exception_ptr &error);
     void recordIndexError();
 
@@ -148,6 +162,9 @@ private:
     int _burstRounds = 0; ///< Passes in a row that left too much behind.
     std::optional<double> _lastCountRefresh; ///< On the clock that never jumps; nothing before the first.
     bool _liveUpdatesAvailable = true;
+    std::uint64_t watchNumber = 0; ///< Of the present watch.
+    std::uint64_t lossyWatch = 0; ///< The last that told paths which were lost: its identifiers claim nothing any more.
+    std::size_t unwatchedFolders = 0; ///< For which the system gives no watch.
 
     std::optional<FileLock> lock;
     TaskHandle lockTask, backfillTask;
@@ -156,6 +173,7 @@ private:
     bool stopped = false;
     bool rebuildWanted = false; ///< Asked for before the lock was free.
     int changes = 0; ///< Changes of the roots under way.
+    std::set<std::string> leavingRoots; ///< Paths of roots that are being removed or were, and were not added again.
 };
 
 } // namespace korvane

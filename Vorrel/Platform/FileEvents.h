@@ -25,6 +25,10 @@ public:
     /// A second start without a stop does nothing. Throws `recoverable` "File system monitoring could not start."
     /// Main thread.
     virtual Task<void> start(std::vector<std::string> roots, std::uint64_t sinceID, Handler handler) = 0;
+    /// Gives a function that is called when some folders begin to have no watch of their own, because the system gives no
+    /// more, and are looked at now and then instead, with how many; and with 0 when that is over. On a thread of the
+    /// watcher's own. For the next start; main thread.
+    virtual void onUnwatched(std::function<void(std::size_t folders)> told) { (void)told; }
     /// Ends the watch; the handler is not called any more when this returns. Main thread.
     virtual void stop() = 0;
 };

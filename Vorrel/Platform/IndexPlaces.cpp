@@ -14,6 +14,7 @@ IndexPlaces IndexPlaces::macOS(const UserFolders &folders)
     return {.defaultRoots = {home, "/Applications", "/System/Applications", "/Library"},
         .skippedPrefixes = {ownFolder(folders), home + "/Library/CloudStorage", home + "/Library/Mobile Documents",
             home + "/Library/Developer/XCTestDevices", home + "/Library/Developer/CoreSimulator", home + "/.Trash"},
+        .looseCount = 6,
         .aliasPrefix = "/System/Volumes/Data"};
 }
 
@@ -23,6 +24,7 @@ IndexPlaces IndexPlaces::linux(const UserFolders &folders)
     return {.defaultRoots = {home, "/opt", "/usr/local", "/srv"},
         .skippedPrefixes = {ownFolder(folders), folders.data.value_or(home + "/.local/share") + "/Trash", home + "/.cache",
             "/proc", "/sys", "/dev", "/run"},
+        .looseCount = 2, // "/dev" is also the beginning of "/devel"
         .aliasPrefix = {}};
 }
 

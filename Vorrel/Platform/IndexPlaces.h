@@ -3,6 +3,7 @@
 #include "Vorrel/Platform/UserFolders.h"
 
 #include <array>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -13,7 +14,11 @@ namespace korvane {
 struct IndexPlaces {
     std::vector<std::string> defaultRoots; ///< In order. Those after the first count only where they exist.
     std::vector<std::string> skippedPrefixes; ///< In order; the program's own data folder is the first.
+    std::size_t looseCount = 0; ///< So many of them, from the first on, stand for their siblings too where events are concerned.
     std::string aliasPrefix; ///< A second way to the same files that events may name: left out of their paths.
+
+    /// The prefixes near which no event counts, though the folder only begins with the same letters.
+    std::span<const std::string> looselySkipped() const { return std::span(skippedPrefixes).first(looseCount); }
 
     static IndexPlaces macOS(const UserFolders &folders);
     static IndexPlaces linux(const UserFolders &folders);

@@ -47,6 +47,7 @@ struct Platform {
     const DirectoryWalker *walker = nullptr; ///< Null where files are not indexed.
     IndexPlaces indexPlaces = {};
     FileEventWatching *fileEvents = nullptr; ///< Null where the disk is not followed.
+    std::shared_ptr<const FileAttributeReading> fileAttributes = {}; ///< Null where `DiskFileAttributes` as it is will do.
     PasteboardWatching *pasteboardWatching = nullptr; ///< Null where the clipboard is not followed.
     PreviewWindow *preview = nullptr; ///< Null where no file can be shown.
     SecretStore *secrets = nullptr; ///< Null where none can be kept.

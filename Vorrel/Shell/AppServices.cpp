@@ -55,7 +55,7 @@ std::shared_ptr<FileIndexService> makeFileIndex(const Platform &platform, std::s
         .searchDatabase = std::move(searchDatabase),
         .scanner = std::move(scanner),
         .watcher = platform.fileEvents,
-        .attributes = std::make_shared<DiskFileAttributes>(),
+        .attributes = platform.fileAttributes ? platform.fileAttributes : std::make_shared<DiskFileAttributes>(),
         .diagnostics = diagnostics,
         .lockPath = std::move(lockPath),
     });

@@ -4,6 +4,7 @@
 #include "Support/MainLoop.h"
 #include "Support/Observed.h"
 #include "Support/UUID.h"
+#include "tests/support/Await.h"
 
 #include <gtest/gtest.h>
 
@@ -227,6 +228,28 @@ TEST_F(ClockTest, SleepersWakeInTheOrderOfTheirDeadlines)
     EXPECT_EQ(log, (Strings{"early woke", "early too woke"}));
     clock.advance(1ms);
     EXPECT_EQ(log.back(), "late woke");
+}
+
+TEST_F(ClockTest, AnEventIsWaitedForNoLongerThanThePatience)
+{
+    const auto never = std::make_shared<AsyncEvent>(), soon = std::make_shared<AsyncEvent>();
+    test::Begun<bool> vain(loop, firesWithin(clock, never, 30ms));
+    test::Begun<bool> lucky(loop, firesWithin(clock, soon, 30ms));
+    clock.advance(29ms);
+    EXPECT_FALSE(vain.done() || lucky.done());
+    soon->fire();
+    loop.runUntilIdle();
+    EXPECT_TRUE(lucky.done());
+    EXPECT_EQ(clock.sleepers(), 1u) << "whose event has come waits no more";
+    clock.advance(1ms);
+    EXPECT_FALSE(vain.result());
+    EXPECT_TRUE(lucky.result());
+    test::Begun<bool> ended(loop, firesWithin(clock, never, 30ms));
+    loop.runUntilIdle();
+    ended.cancel();
+    loop.runUntilIdle();
+    EXPECT_THROW(ended.result(), Cancelled);
+    EXPECT_EQ(clock.sleepers(), 0u);
 }
 
 TEST_F(ClockTest, TheWallClockMayJumpWithoutWakingAnyone)

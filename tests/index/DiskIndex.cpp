@@ -1,6 +1,7 @@
 #include "tests/index/DiskIndex.h"
 
 #include "CommandCore/Commands.h"
+#include "Vorrel/Platform/Linux/LinkedFacts.h"
 #include "Vorrel/Shell/AppLog.h"
 
 #include <cmath>
@@ -36,7 +37,7 @@ DiskIndex::DiskIndex(const std::string &store, std::vector<std::string> roots, b
         .searchDatabase = std::move(searches),
         .scanner = std::make_unique<DiskFileScanner>(loop.executor(), clock, *walker, folders),
         .watcher = events.get(),
-        .attributes = std::make_shared<DiskFileAttributes>(),
+        .attributes = std::make_shared<DiskFileAttributes>(presentLinkedFacts()),
     });
     for (const std::string &root : roots)
         await(loop, service->repository.addRoot(root));

@@ -21,7 +21,7 @@ struct Followed {
         process = std::make_unique<Process>([this] { DiskIndex(store, roots, true).serve(); });
     }
     void kill() { process.reset(); }
-    std::string differenceAtTheEnd() { return differenceAfterCatchingUp(store, roots, 150s); }
+    std::string differenceAtTheEnd() { return differenceAfterCatchingUp(store, roots, 90s); }
 
     DiskFolder folder;
     const std::vector<std::string> roots{folder.folder("one"), folder.folder("two")};

@@ -1,6 +1,7 @@
 #include "Vorrel/Platform/Linux/FolderFacts.h"
 
 #include "Support/Descriptor.h"
+#include "Vorrel/Platform/Linux/LinkedFacts.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -61,14 +62,12 @@ bool isSameTime(double indexed, double onDisk)
     return isWholeSecond(indexed) ? std::floor(onDisk) == std::floor(indexed) : std::abs(onDisk - indexed) < printed;
 }
 
-bool isTrueTo(const IndexedFile &indexed, const struct stat &status)
+bool isTrueTo(const IndexedFile &indexed, const struct stat &status, const MountPoints &mounts)
 {
-    if (!S_ISLNK(status.st_mode))
-        return S_ISDIR(status.st_mode) ? indexed.isDirectory : isSameFile(indexed, status);
-    struct stat target { };
-    if (::stat(indexed.path.c_str(), &target) != 0)
-        return isSameFile(indexed, status);
-    return S_ISDIR(target.st_mode) ? indexed.isDirectory : isSameFile(indexed, target) || isSameFile(indexed, status);
+    struct stat facts = status;
+    if (S_ISLNK(status.st_mode) && linkedFacts(indexed.path, mounts, facts) != 0)
+        facts = status;
+    return S_ISDIR(facts.st_mode) ? indexed.isDirectory : isSameFile(indexed, facts);
 }
 
 std::optional<std::vector<FolderEntry>> namesIn(const std::string &folder, bool follows)
@@ -89,7 +88,7 @@ bool isFolder(const std::string &folder, const FolderEntry &entry)
 }
 
 Territory::Territory(std::vector<std::string> roots, std::vector<std::string> skippedPrefixes, const MountPoints &mounts) :
-    skippedPrefixes(std::move(skippedPrefixes))
+    skippedPrefixes(std::move(skippedPrefixes)), allMounts(mounts)
 {
     for (auto &root : roots) {
         auto below = mounts.below(root);

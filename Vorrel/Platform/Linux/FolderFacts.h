@@ -31,9 +31,9 @@ double seconds(const timespec &time);
 bool isSameTime(double indexed, double onDisk);
 /// Whether an indexed time has only whole seconds, so that others may hide behind it.
 bool isWholeSecond(double indexed);
-/// Whether the index holds what the disk has: the kind, and of files size and time. A link may be indexed as itself or
-/// as what it leads to.
-bool isTrueTo(const IndexedFile &indexed, const struct stat &status);
+/// Whether the index holds what the disk has: the kind, and of files size and time. `status` is that of the path itself; a
+/// link is compared as `linkedFacts` tells of it, or by itself when it leads nowhere.
+bool isTrueTo(const IndexedFile &indexed, const struct stat &status, const MountPoints &mounts);
 
 /// The names in a folder; nothing when it cannot be read to its end. A link is followed only on demand.
 std::optional<std::vector<FolderEntry>> namesIn(const std::string &folder, bool follows);
@@ -50,6 +50,7 @@ public:
     bool isRoot(const std::string &path) const;
     /// The roots that lie below no other.
     std::vector<std::string> outermostRoots() const;
+    const MountPoints &mounts() const { return allMounts; }
 
 private:
     struct Place {
@@ -58,6 +59,7 @@ private:
     };
     std::vector<Place> places;
     std::vector<std::string> skippedPrefixes;
+    MountPoints allMounts;
 };
 
 } // namespace korvane

@@ -1,5 +1,8 @@
 #include "Vorrel/Platform/Linux/FolderWatches.h"
 
+#include "Vorrel/Platform/Linux/FolderFacts.h"
+
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -26,58 +29,104 @@ std::int64_t nanoseconds(const timespec &time) { return time.tv_sec * second + t
 bool FolderWatches::open()
 {
     const std::scoped_lock lock(mutex);
-    instance.reset(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
-    return static_cast<bool>(instance);
+    auto opened = std::make_shared<const Descriptor>(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    if (*opened)
+        instance = std::move(opened);
+    return instance != nullptr;
 }
 
 void FolderWatches::close()
 {
     const std::scoped_lock lock(mutex);
+    // Who still asks keeps the instance, but not its watches.
+    if (!attempts.empty())
+        removeSubtree(table.find("/"));
     instance.reset();
     table = WatchTable();
 }
 
 FolderWatches::Entered FolderWatches::enter(const std::string &path, bool again)
 {
+    for (Attempt attempt{.path = path};;) {
+        if (const auto known = begin(attempt, again))
+            return *known;
+        const Answer answer = ask(attempt);
+        if (const auto entered = finish(attempt, answer))
+            return *entered;
+    }
+}
+
+/// What needs no asking.
+std::optional<FolderWatches::Entered> FolderWatches::begin(Attempt &attempt, bool again)
+{
     const std::scoped_lock lock(mutex);
     if (!instance)
-        return {};
-    const auto node = table.find(path);
+        return Entered();
+    const auto node = table.find(attempt.path);
     const bool isWatched = node != WatchTable::none && table.watch(node) != WatchTable::noWatch;
     if (isWatched && !again)
-        return {State::watched, false};
-    if (!isWatched && (refused || table.watches() >= budget))
-        return poll(path);
+        return Entered{State::watched, false};
+    attempt.polls = attempt.polls || (!isWatched && (refused || taken() >= budget));
+    attempt.takesWatch = !attempt.polls && !isWatched;
+    attempt.isVoid = false;
+    attempt.instance = instance;
+    attempts.push_back(&attempt);
+    return std::nullopt;
+}
 
-    const std::uint32_t follow = roots.contains(path) ? 0 : IN_DONT_FOLLOW;
-    const int watch = addWatch(instance.get(), path.c_str(), folderEvents | follow);
-    if (watch < 0) {
-        if (errno == ENOSPC || errno == ENOMEM) {
-            refused = true;
-            return poll(path);
-        }
+FolderWatches::Answer FolderWatches::ask(const Attempt &attempt) const
+{
+    if (attempt.polls)
+        return {.stamp = stampOf(attempt.path)};
+    const std::uint32_t follow = roots.contains(attempt.path) ? 0 : IN_DONT_FOLLOW;
+    const int watch = addWatch(attempt.instance->get(), attempt.path.c_str(), folderEvents | follow);
+    return {.watch = watch, .error = watch < 0 ? errno : 0};
+}
+
+/// Nothing when the question has to be put again.
+std::optional<FolderWatches::Entered> FolderWatches::finish(Attempt &attempt, const Answer &answer)
+{
+    const std::scoped_lock lock(mutex);
+    std::erase(attempts, &attempt);
+    if (instance != attempt.instance)
+        return Entered();
+    if (attempt.isVoid)
+        return std::nullopt;
+    if (attempt.polls)
+        return notePolled(attempt.path, answer.stamp);
+    if (answer.error == ENOSPC || answer.error == ENOMEM) {
+        refused = true;
+        attempt.polls = true;
+        return std::nullopt;
+    }
+    return noteWatch(attempt.path, answer);
+}
+
+FolderWatches::Entered FolderWatches::noteWatch(const std::string &path, const Answer &answer)
+{
+    const auto node = table.find(path);
+    if (answer.error) {
         if (node != WatchTable::none)
             removeSubtree(node);
         return {};
     }
-    const auto holder = table.watchedBy(watch);
+    const auto holder = table.watchedBy(answer.watch);
     if (holder != WatchTable::none && holder == node)
         return {State::watched, false};
     // The folder has come here from a place that it has not been seen to leave; what lay below it is entered anew.
     if (holder != WatchTable::none)
-        removeSubtree(holder, watch);
+        removeSubtree(holder, answer.watch);
     // The folder that was here before has gone, and what lay below it.
     if (const auto former = table.find(path); former != WatchTable::none && table.watch(former) != WatchTable::noWatch)
         removeSubtree(former);
     const auto entered = table.insert(path);
     table.setPolled(entered, false);
-    table.setWatch(entered, watch);
+    table.setWatch(entered, answer.watch);
     return {State::watched, true};
 }
 
-FolderWatches::Entered FolderWatches::poll(const std::string &path)
+FolderWatches::Entered FolderWatches::notePolled(const std::string &path, std::optional<std::int64_t> stamp)
 {
-    const auto stamp = stampOf(path);
     const auto known = table.find(path);
     if (!stamp) {
         if (known != WatchTable::none)
@@ -93,9 +142,31 @@ FolderWatches::Entered FolderWatches::poll(const std::string &path)
     return {State::polled, isNew};
 }
 
+/// Whatever is being asked about a folder or what lies below it is out of date.
+void FolderWatches::makeVoid(const std::string &folder)
+{
+    for (Attempt *attempt : attempts)
+        attempt->isVoid = attempt->isVoid || isAtOrBelow(attempt->path, folder);
+}
+
+void FolderWatches::heardOfUnknown()
+{
+    const std::scoped_lock lock(mutex);
+    makeVoid("/");
+}
+
+/// Watches that there are and that are being asked for.
+std::size_t FolderWatches::taken() const
+{
+    return table.watches() + std::size_t(std::count_if(attempts.begin(), attempts.end(), [](const Attempt *attempt) {
+        return attempt->takesWatch;
+    }));
+}
+
 void FolderWatches::forget(const std::string &path)
 {
     const std::scoped_lock lock(mutex);
+    makeVoid(path);
     if (const auto node = table.find(path); node != WatchTable::none)
         removeSubtree(node);
 }
@@ -109,9 +180,11 @@ void FolderWatches::ended(int watch)
 
 void FolderWatches::removeSubtree(WatchTable::Node node, int except)
 {
+    if (!attempts.empty())
+        makeVoid(table.path(node));
     for (const int watch : table.remove(node))
         if (watch != except)
-            ::inotify_rm_watch(instance.get(), watch);
+            ::inotify_rm_watch(instance->get(), watch);
     refused = false;
 }
 
@@ -135,7 +208,7 @@ bool FolderWatches::read(int limit, const std::function<void(const inotify_event
 {
     alignas(inotify_event) std::array<char, 65536> buffer;
     while (limit > 0) {
-        const ssize_t size = ::read(instance.get(), buffer.data(), buffer.size());
+        const ssize_t size = ::read(instance->get(), buffer.data(), buffer.size());
         if (size <= 0)
             return true;
         for (ssize_t at = 0; at < size; --limit) {
@@ -181,7 +254,7 @@ std::vector<std::string> FolderWatches::nextKnown(WatchTable::Node &cursor, std:
 bool FolderWatches::hasRoom() const
 {
     const std::scoped_lock lock(mutex);
-    return !refused && table.watches() < budget;
+    return !refused && taken() < budget;
 }
 
 void FolderWatches::forgetRefusal()

@@ -4,6 +4,7 @@
 #include "Vorrel/Platform/Linux/WatchTable.h"
 
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -15,8 +16,10 @@ namespace korvane {
 /// One inotify instance and what its watches stand for. A folder beyond the budget, or refused by the kernel, is noted
 /// to be looked at by its time stamp.
 ///
-/// Any thread but for `open`, `close` and `read`, which belong to one. Whoever watches a folder and whoever looks up
-/// an event wait for each other, so that an event never finds a folder half noted. A dead disk blocks `enter`.
+/// Any thread but for `open`, `close` and `read`, which belong to one. A dead disk blocks the `enter` that asks it and
+/// nobody else: the disk is asked while the table is free. What is learned about the folder meanwhile makes the question
+/// void, and it is put again, so that a folder is never noted at a place that it has left. Events of a folder that come
+/// before its `enter` has returned are not told: who enters a folder looks into it afterwards.
 class FolderWatches {
 public:
     /// As inotify_add_watch(2).
@@ -32,7 +35,7 @@ public:
     bool open();
     /// Gives back all watches.
     void close();
-    const Descriptor &descriptor() const { return instance; }
+    const Descriptor &descriptor() const { return *instance; } ///< Only while open.
 
     enum class State { absent, watched, polled };
     struct Entered {
@@ -46,6 +49,8 @@ public:
     void forget(const std::string &path);
     /// The kernel has ended this watch.
     void ended(int watch);
+    /// An event of a watch that no folder has came: it may be of a folder that is being entered.
+    void heardOfUnknown();
 
     std::optional<std::string> folder(int watch) const;
     bool knows(const std::string &path) const;
@@ -76,14 +81,36 @@ public:
     std::optional<std::int64_t> stampOf(const std::string &path) const;
 
 private:
-    Entered poll(const std::string &path);
+    /// One question to the disk.
+    struct Attempt {
+        const std::string &path;
+        bool polls = false; ///< For the folder's time stamp, not for a watch.
+        bool takesWatch = false; ///< One more than the table has.
+        bool isVoid = false;
+        std::shared_ptr<const Descriptor> instance;
+    };
+    /// What the disk has answered.
+    struct Answer {
+        int watch = WatchTable::noWatch;
+        int error = 0;
+        std::optional<std::int64_t> stamp;
+    };
+
+    std::optional<Entered> begin(Attempt &attempt, bool again);
+    Answer ask(const Attempt &attempt) const;
+    std::optional<Entered> finish(Attempt &attempt, const Answer &answer);
+    Entered noteWatch(const std::string &path, const Answer &answer);
+    Entered notePolled(const std::string &path, std::optional<std::int64_t> stamp);
+    void makeVoid(const std::string &folder);
+    std::size_t taken() const;
     void removeSubtree(WatchTable::Node node, int except = WatchTable::noWatch);
 
     const std::set<std::string> roots;
     const std::size_t budget;
     const AddWatch addWatch;
     mutable std::mutex mutex;
-    Descriptor instance;
+    std::shared_ptr<const Descriptor> instance; ///< Shared with those who ask, which may take for ever.
+    std::vector<Attempt *> attempts; ///< Under way.
     WatchTable table;
     bool refused = false; ///< The kernel gives no more watches for now.
 };

@@ -1,14 +1,18 @@
 #include "Vorrel/Platform/Linux/InotifyFileEvents.h"
 
 #include "CommandCore/Commands.h"
+#include "Support/OwnThread.h"
 #include "Vorrel/Platform/Linux/FolderFacts.h"
 #include "Vorrel/Platform/Linux/FolderWatches.h"
+#include "Vorrel/Platform/Linux/LinkedFacts.h"
 #include "Vorrel/Shell/AppLog.h"
 
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <cmath>
+#include <fcntl.h>
+#include <fmt/format.h>
 #include <fstream>
 #include <map>
 #include <set>
@@ -35,6 +39,7 @@ constexpr Milliseconds slowPace = 5s;
 constexpr std::size_t stepsPerRound = 12; ///< Of the slow pace; in a round everything has had its turn.
 constexpr std::size_t polledPerStep = 5000;
 constexpr Milliseconds indexPatience = 30s;
+constexpr Milliseconds rootPatience = 5s; ///< For the first answer of a volume of another machine.
 /// Seconds after which a place that a folder has left is looked at again: the index learns what is told a while later.
 constexpr std::array<double, 2> secondLooks{4, 60};
 constexpr std::size_t mostDepartures = 10'000;
@@ -43,6 +48,11 @@ using Files = std::vector<IndexedFile>;
 using Question = std::function<Task<Files>()>;
 
 } // namespace
+
+void InotifyFileEvents::openAndClose(const std::string &root)
+{
+    const Descriptor folder(::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+}
 
 std::size_t InotifyFileEvents::defaultBudget()
 {
@@ -61,12 +71,12 @@ struct InotifyFileEvents::Tasks {
 class InotifyFileEvents::Session : public std::enable_shared_from_this<Session> {
 public:
     Session(Executor worker, Clock &clock, IndexedFolders &index, const Settings &settings, std::vector<std::string> roots,
-        std::uint64_t sinceID, Handler handler) :
+        std::uint64_t sinceID, Handler handler, std::function<void(std::size_t)> unwatched) :
         worker(std::move(worker)),
         clock(clock), index(index), settings(settings), roots(std::move(roots)), sinceID(sinceID),
         watches({this->roots.begin(), this->roots.end()}, settings.budget,
             settings.addWatch ? settings.addWatch : FolderWatches::AddWatch(::inotify_add_watch)),
-        handler(std::move(handler)), given(sinceID)
+        handler(std::move(handler)), unwatched(std::move(unwatched)), given(sinceID)
     {
     }
 
@@ -93,6 +103,7 @@ public:
         {
             const std::scoped_lock lock(telling);
             handler = nullptr;
+            unwatched = nullptr;
             waiting = std::exchange(starting, std::nullopt);
         }
         if (waiting)
@@ -186,7 +197,10 @@ private:
 
     void readMounts()
     {
-        auto next = std::make_shared<const Territory>(roots, settings.skippedPrefixes, settings.mountPoints());
+        std::vector<std::string> present;
+        std::ranges::remove_copy_if(
+            roots, std::back_inserter(present), [this](const std::string &root) { return hanging.contains(root); });
+        auto next = std::make_shared<const Territory>(std::move(present), settings.skippedPrefixes, settings.mountPoints());
         const std::scoped_lock lock(territoryMutex);
         _territory = std::move(next);
     }
@@ -231,7 +245,10 @@ private:
         const auto began = identifierOfNow();
         lastGoodRead = began;
         readMounts();
-        const bool opened = watches.open() && watchRoots();
+        const bool isOpen = watches.open();
+        if (isOpen)
+            co_await setAsideRootsThatHang();
+        const bool opened = isOpen && watchRoots();
         std::optional<Continuation<void>> waiting;
         {
             const std::scoped_lock lock(telling);
@@ -253,6 +270,8 @@ private:
     {
         bool someExist = false, someWatched = false;
         for (const auto &root : roots) {
+            if (missingRoots.contains(root))
+                continue;
             const auto entered = watches.enter(root, true);
             struct stat status { };
             const bool exists = entered.state != FolderWatches::State::absent || ::stat(root.c_str(), &status) == 0;
@@ -262,6 +281,47 @@ private:
                 missingRoots.insert(root);
         }
         return someWatched || !someExist;
+    }
+
+    // Roots on volumes that may hang
+
+    /// Roots on a mount that would be left out below another root are first asked on a thread of their own, which may hang
+    /// with them. Those that do not answer are out of the territory, and count as missing, until they do.
+    Task<void> setAsideRootsThatHang()
+    {
+        const double deadline = time().uptime() + rootPatience.count() / 1000.0;
+        std::vector<std::string> asked;
+        std::set<std::string> silent;
+        for (const auto &root : roots) {
+            if (!leadsOnto(territory()->mounts(), root))
+                continue;
+            if (hanging.contains(root) && !questions.at(root)->fired())
+                silent.insert(root);
+            else
+                asked.push_back(root);
+        }
+        for (const auto &root : asked)
+            askRoot(root);
+        for (const auto &root : asked) {
+            const auto answered = questions.at(root);
+            const Milliseconds left(std::llround(1000 * (deadline - time().uptime())));
+            if (!co_await firesWithin(time(), answered, left))
+                silent.insert(root);
+        }
+        if (std::exchange(hanging, silent) != silent)
+            readMounts();
+        for (const auto &root : silent)
+            loseRoots(root);
+    }
+
+    void askRoot(const std::string &root)
+    {
+        auto &question = questions[root];
+        question = std::make_shared<AsyncEvent>();
+        runOnOwnThread([touch = settings.touch, root, worker = worker, answered = question] {
+            touch(root);
+            runLater(worker, [answered] { answered->fire(); });
+        });
     }
 
     // Following events
@@ -309,6 +369,8 @@ private:
                 overflowed = true;
             else if (const auto folder = watches.folder(event.wd))
                 take(event, *folder, name, batch);
+            else
+                watches.heardOfUnknown();
         });
     }
 
@@ -457,6 +519,7 @@ private:
                     co_await compareIndexed(root, sinceStart(), batch);
         }
         batch.finish(holds == 0 && !overflowed ? began : given);
+        tellUnwatched();
         handles().checking = go(checkFiles());
     }
 
@@ -518,7 +581,7 @@ private:
             return false;
         }
         if (!S_ISDIR(status->st_mode)) {
-            if (!isTrueTo(folder, *status))
+            if (!isTrueTo(folder, *status, territory()->mounts()))
                 batch.add(path);
             return false;
         }
@@ -591,7 +654,7 @@ private:
         }
         if (row && !isDirectory) {
             const auto status = statusOf(path);
-            if (!status || isTrueTo(*row, *status))
+            if (!status || isTrueTo(*row, *status, territory()->mounts()))
                 return;
             if (row->isDirectory)
                 replaced.push_back(path);
@@ -674,29 +737,48 @@ private:
 
     // The slow pace
 
+    /// That folders have no watch, when it begins and when it ends.
+    void tellUnwatched()
+    {
+        const auto [watched, polled] = counts();
+        if ((polled > 0) == hasUnwatched)
+            return;
+        hasUnwatched = polled > 0;
+        if (hasUnwatched)
+            AppLog::search.error(
+                fmt::format("No watch for {} folders beside the {} watched; they are checked once a minute", polled, watched));
+        const std::scoped_lock lock(telling);
+        if (unwatched)
+            unwatched(polled);
+    }
+
     Task<void> goSlowly()
     {
         WatchTable::Node cursor = 0;
         for (std::size_t step = 1;; ++step) {
             co_await time().sleep(slowPace);
             if (step % stepsPerRound == 0)
-                lookAround();
+                co_await lookAround();
             co_await lookForRoots();
             co_await lookAtDepartures();
             co_await lookAtPolled(cursor);
+            tellUnwatched();
             if (overflowed && !handles().recovering.running())
                 handles().recovering = go(recover());
         }
     }
 
     /// What no event tells: mounts, roots of which a folder above was renamed, other programs that gave back watches.
-    void lookAround()
+    Task<void> lookAround()
     {
         readMounts();
         watches.forgetRefusal();
+        co_await setAsideRootsThatHang();
         for (const auto &root : roots) {
+            if (missingRoots.contains(root))
+                continue;
             const auto entered = watches.enter(root, true);
-            if (!missingRoots.contains(root) && (entered.state == FolderWatches::State::absent || entered.isNew))
+            if (entered.state == FolderWatches::State::absent || entered.isNew)
                 loseRoots(root);
         }
     }
@@ -705,7 +787,7 @@ private:
     {
         const auto missing = missingRoots;
         for (const auto &root : missing) {
-            if (watches.enter(root, true).state == FolderWatches::State::absent)
+            if (hanging.contains(root) || watches.enter(root, true).state == FolderWatches::State::absent)
                 continue;
             missingRoots.erase(root);
             Batch batch(*this);
@@ -808,7 +890,7 @@ private:
             if (!vanished.empty() && isBelow(file.path, vanished))
                 continue;
             const auto status = statusOf(file.path);
-            if (status ? isTrueTo(file, *status) : !isGone(file.path))
+            if (status ? isTrueTo(file, *status, territory()->mounts()) : !isGone(file.path))
                 continue;
             // A folder that has gone takes its files along.
             const auto parent = deletingLastPathComponent(file.path);
@@ -832,16 +914,20 @@ private:
     mutable std::mutex territoryMutex; // walkers ask too
     std::shared_ptr<const Territory> _territory;
 
-    std::recursive_mutex telling; // guards the next two; a handler may stop the watch
+    std::recursive_mutex telling; // guards the next three; a handler may stop the watch
     Handler handler;
+    std::function<void(std::size_t)> unwatched;
     std::optional<Continuation<void>> starting;
 
     std::uint64_t given; ///< The greatest identifier so far.
     std::uint64_t lastGoodRead = 0; ///< Every event up to this time has been read.
     int holds = 0;
     bool overflowed = false;
+    bool hasUnwatched = false; ///< And it has been told.
     std::set<std::string> arrivals; ///< Folders that have come and are still to be listed.
     std::set<std::string> missingRoots;
+    std::set<std::string> hanging; ///< Roots of which the disk does not answer.
+    std::map<std::string, std::shared_ptr<AsyncEvent>> questions; ///< The last to each root that may hang; fired when answered.
     struct Departure {
         std::size_t looks = 0;
         double due = 0; ///< By the uptime.
@@ -865,7 +951,8 @@ Task<void> InotifyFileEvents::start(std::vector<std::string> roots, std::uint64_
     confined.check();
     if (current())
         co_return;
-    const auto next = std::make_shared<Session>(worker, clock, index, settings, std::move(roots), sinceID, std::move(handler));
+    const auto next =
+        std::make_shared<Session>(worker, clock, index, settings, std::move(roots), sinceID, std::move(handler), unwatched);
     {
         const std::scoped_lock lock(mutex);
         session = next;
@@ -887,6 +974,12 @@ Task<void> InotifyFileEvents::start(std::vector<std::string> roots, std::uint64_
     if (!next->isEnded())
         stop();
     std::rethrow_exception(failure);
+}
+
+void InotifyFileEvents::onUnwatched(std::function<void(std::size_t)> told)
+{
+    confined.check();
+    unwatched = std::move(told);
 }
 
 void InotifyFileEvents::stop()

@@ -20,7 +20,8 @@ namespace korvane {
 /// below a skipped folder or an excluded mount takes a watch.
 ///
 /// Everything that may block happens on the worker. A disk that hangs there holds up neither `start`'s caller, when
-/// cancelled, nor `stop`.
+/// cancelled, nor `stop`. A root on a mount of the kind that is left out below a root must first answer on a thread of its
+/// own, once at the start and then once a minute; while it does not, it counts as missing and the other roots are followed.
 class InotifyFileEvents final : public FileEventWatching {
 public:
     struct Settings {
@@ -31,16 +32,21 @@ public:
         std::function<MountPoints()> mountPoints = MountPoints::read;
         /// As inotify_add_watch(2), for tests of what the kernel seldom does.
         std::function<int(int instance, const char *path, std::uint32_t events)> addWatch = {};
+        /// Asks the disk for a root that may hang; on a thread of its own.
+        std::function<void(const std::string &root)> touch = openAndClose;
     };
 
     /// Half of what the kernel lets one user have, whose other programs share it.
     static std::size_t defaultBudget();
+    /// Opens a folder, which a dead server does not let end.
+    static void openAndClose(const std::string &root);
 
     /// `worker` is an executor of one thread. `clock` and `index` are used there, also for a while after the end.
     InotifyFileEvents(Executor worker, Clock &clock, IndexedFolders &index, Settings settings);
     ~InotifyFileEvents() override;
 
     Task<void> start(std::vector<std::string> roots, std::uint64_t sinceID, Handler handler) override;
+    void onUnwatched(std::function<void(std::size_t folders)> told) override;
     void stop() override;
 
     /// A folder is about to be read by someone who tells the index of what is in it: its changes are told from now
@@ -67,6 +73,7 @@ private:
     mutable std::mutex mutex; // guards the next
     std::shared_ptr<Session> session; ///< From `start` to `stop`.
     std::shared_ptr<Tasks> tasks; ///< Those of the session.
+    std::function<void(std::size_t)> unwatched = [](std::size_t) {}; ///< Main thread.
     std::weak_ptr<Session> former; ///< The one before; its watches may not be given back yet. Main thread.
 };
 

@@ -3,6 +3,7 @@
 #include "Support/OwnThread.h"
 #include "Vorrel/Platform/Linux/FolderOpener.h"
 #include "Vorrel/Platform/Linux/FolderReader.h"
+#include "Vorrel/Platform/Linux/LinkedFacts.h"
 #include "Vorrel/Platform/Linux/MountPoints.h"
 
 #include <algorithm>
@@ -13,7 +14,6 @@
 #include <climits>
 #include <condition_variable>
 #include <fcntl.h>
-#include <filesystem>
 #include <mutex>
 #include <optional>
 #include <sys/resource.h>
@@ -85,18 +85,6 @@ std::string realPath(const Descriptor &folder, const std::string &otherwise)
     const auto size = ::readlink(("/proc/self/fd/" + std::to_string(folder.get())).c_str(), path.data(), path.size());
     const bool whole = size > 0 && static_cast<std::size_t>(size) < path.size() && path[0] == '/';
     return whole ? std::string(path.data(), static_cast<std::size_t>(size)) : otherwise;
-}
-
-/// Where a link leads, by its text alone; nothing when it cannot be read.
-std::optional<std::string> targetOf(const Descriptor &folder, const std::string &realFolder, const char *name)
-{
-    std::array<char, PATH_MAX> text;
-    const auto size = ::readlinkat(folder.get(), name, text.data(), text.size());
-    if (size <= 0)
-        return std::nullopt;
-    const std::string_view target(text.data(), static_cast<std::size_t>(size));
-    const std::filesystem::path whole = target.starts_with('/') ? std::string(target) : joined(realFolder, target);
-    return withoutSlashesAtEnd(whole.lexically_normal().native());
 }
 
 /// One walk, owned by its threads.
@@ -263,23 +251,13 @@ private:
         if (S_ISDIR(facts.st_mode))
             folder.folders.push_back(joined(folder.relative, name.text));
         else if (S_ISLNK(facts.st_mode))
-            followLink(folder, name.text, facts);
+            followLink({descriptorOf(folder).get(), name.text, folder.real}, mounts, facts);
         const bool isDirectory = S_ISDIR(facts.st_mode);
         found.push_back({.path = std::move(path),
             .name = name.text,
             .isDirectory = isDirectory,
             .size = isDirectory ? 0 : static_cast<long long>(facts.st_size),
             .modified = static_cast<double>(facts.st_mtim.tv_sec) + static_cast<double>(facts.st_mtim.tv_nsec) / 1e9});
-    }
-
-    /// Replaces a link's facts by those of its target, unless to ask for them may hang or fails.
-    void followLink(const Folder &folder, const char *name, struct stat &facts) const
-    {
-        const Descriptor &descriptor = descriptorOf(folder);
-        const auto target = targetOf(descriptor, folder.real, name);
-        struct stat targetFacts;
-        if (target && !mounts.covers(*target) && ::fstatat(descriptor.get(), name, &targetFacts, AT_NO_AUTOMOUNT) == 0)
-            facts = targetFacts;
     }
 
     const std::string rootPath;

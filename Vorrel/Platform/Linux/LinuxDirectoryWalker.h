@@ -11,7 +11,7 @@ namespace korvane {
 /// Walks folders on several threads, which share the folders still to visit.
 ///
 /// Everything with a name is an entry: also links, FIFOs, sockets and devices. A link has the facts of its target, as
-/// `stat` would tell them, unless the target cannot be asked or lies, by the link's text, on a mount that `MountPoints`
+/// `stat` would tell them, unless the target cannot be asked or the way to it leads onto a mount that `MountPoints`
 /// excludes; then it has its own. Such mounts are passed over below a root, but not the one that the root is on.
 /// What vanishes under the walk is passed over. A folder that is replaced by a link under the walk is not followed.
 ///

@@ -1,5 +1,7 @@
 #include "Vorrel/Platform/Linux/LinuxPlatform.h"
 
+#include "Vorrel/FileIndex/DiskFileAttributes.h"
+#include "Vorrel/Platform/Linux/LinkedFacts.h"
 #include "Vorrel/Platform/Linux/LinuxSystemFacts.h"
 #include "Vorrel/Shell/AppServices.h"
 
@@ -96,6 +98,7 @@ Platform LinuxPlatform::ports(Dialogs &dialogs, Pasteboard &pasteboard, bool wat
         .walker = &walker,
         .indexPlaces = IndexPlaces::linux(folders),
         .fileEvents = following->events.get(),
+        .fileAttributes = std::make_shared<DiskFileAttributes>(presentLinkedFacts()),
         .pasteboardWatching = clipboard.get(),
         .secrets = &secrets,
         .http = &http,

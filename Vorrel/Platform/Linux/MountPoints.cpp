@@ -3,11 +3,13 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <map>
 #include <optional>
+#include <poll.h>
 
 namespace korvane {
 
@@ -182,9 +184,11 @@ bool isRemovableDevice(unsigned major, unsigned minor)
     return canBeTakenOut("/sys/dev/block/" + std::to_string(major) + ":" + std::to_string(minor));
 }
 
+constexpr char ownTable[] = "/proc/self/mountinfo";
+
 } // namespace
 
-MountPoints MountPoints::read() { return {contentsOf("/proc/self/mountinfo"), isRemovableDevice}; }
+MountPoints MountPoints::read() { return {contentsOf(ownTable), isRemovableDevice}; }
 
 MountPoints::MountPoints(std::string_view mountInfo, const IsRemovable &isRemovable)
 {
@@ -218,6 +222,23 @@ bool MountPoints::someBelow(std::string_view folder) const
 bool MountPoints::covers(std::string_view path) const
 {
     return std::ranges::any_of(excluded, [path](const std::string &mount) { return path == mount || liesBelow(path, mount); });
+}
+
+std::shared_ptr<const MountPoints> PresentMountPoints::get()
+{
+    const std::scoped_lock lock(mutex);
+    if (haveChanged())
+        last = std::make_shared<const MountPoints>(MountPoints::read());
+    return last;
+}
+
+bool PresentMountPoints::haveChanged()
+{
+    if (!table)
+        table.reset(::open(ownTable, O_RDONLY | O_CLOEXEC));
+    pollfd changes{table.get(), POLLPRI, 0};
+    const bool known = last && table && ::poll(&changes, 1, 0) == 0;
+    return !known;
 }
 
 } // namespace korvane

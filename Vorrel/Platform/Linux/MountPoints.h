@@ -1,6 +1,10 @@
 #pragma once
 
+#include "Support/Descriptor.h"
+
 #include <functional>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -34,6 +38,20 @@ private:
     MountPoints() = default;
 
     std::vector<std::string> excluded; // sorted
+};
+
+/// Those of this process at every moment, read anew only when something was mounted or unmounted. Any thread; blocks as
+/// `read` does.
+class PresentMountPoints {
+public:
+    std::shared_ptr<const MountPoints> get();
+
+private:
+    bool haveChanged();
+
+    std::mutex mutex; // guards the rest
+    Descriptor table; ///< Of which the kernel tells when it changes.
+    std::shared_ptr<const MountPoints> last;
 };
 
 } // namespace korvane

@@ -63,16 +63,20 @@ TEST(FileIndexEvents, ARenameIsTwoPathsTheOldOneGoneAndTheNewOneFound)
 TEST(FileIndexEvents, ADeletedFolderTakesItsSubtreeAlongAndTheEventsOfItsChildrenAreWithheld)
 {
     std::vector<IndexedFile> files{entry("/home/ada/docs/"), entry("/home/ada/docs.txt")};
-    for (const std::string &child : numbered("/home/ada/docs/", 100))
+    for (const std::string &child : numbered("/home/ada/docs/", 10'000))
         files.push_back(entry(child));
     Following index(files);
     index.put(entry("/home/ada/docs.txt"));
-    Strings events = numbered("/home/ada/docs/", 100);
+    Strings events = numbered("/home/ada/docs/", 10'000);
     events.push_back("/home/ada/docs");
     index.tell(events, 3);
+    index.wait(2s);
+    EXPECT_EQ(index.paths().size(), 10'002u) << "the first two passes have only seen children";
+    EXPECT_EQ(std::ranges::count(index.log, "Withheld 4000 event paths whose availability could not be confirmed"), 2);
     index.wait(1s);
     EXPECT_EQ(index.paths(), Strings{"/home/ada/docs.txt"});
-    EXPECT_TRUE(index.logged("Withheld 100 event paths whose availability could not be confirmed"));
+    EXPECT_EQ(std::ranges::count(index.log, "Withheld 2000 event paths whose availability could not be confirmed"), 1);
+    EXPECT_EQ(index.savedID(), 3u);
 }
 
 TEST(FileIndexEvents, ARootThatVanishesKeepsItsRows)
@@ -114,6 +118,28 @@ TEST(FileIndexEvents, EventsForSkippedFoldersKeepNoTimerRunningAndMoveNoIdentifi
     index.wait(5s);
     EXPECT_EQ(index.savedID(), 0u);
     EXPECT_TRUE(index.attributes->asked.empty());
+}
+
+TEST(FileIndexEvents, AFolderWhoseNameOnlyBeginsLikeThatOfASystemFolderIsFollowed)
+{
+    TestIndex index;
+    index.places = IndexPlaces::linux(index.folders);
+    index.make();
+    for (const char *root : {"/devel", "/home/ada", "/runtime"})
+        index.root(root);
+    index.indexed({entry("/devel/old")});
+    const Strings followed{"/devel/a", "/home/ada/.cached", "/runtime/a"};
+    for (const std::string &path : followed)
+        index.attributes->put(entry(path));
+    index.start();
+    Strings events{"/dev", "/dev/shm/a", "/run/a", "/proc/1/stat", "/sys/a", "/home/ada/.cache/a",
+        "/home/ada/.local/share/Trash/files/a", "/home/ada/.local/share/Korvane/korvane.sqlite",
+        "/home/ada/.local/share/KorvaneElsewhere"};
+    events.insert(events.end(), followed.begin(), followed.end());
+    index.tell(events, 1);
+    index.wait(1s);
+    EXPECT_EQ(index.attributes->asked, followed);
+    EXPECT_EQ(index.paths(), (Strings{"/devel/a", "/devel/old", "/home/ada/.cached", "/runtime/a"}));
 }
 
 TEST(FileIndexEvents, TheSecondNameOfTheDataVolumeIsFoldedIntoThePathsThatTheScannerUses)
@@ -219,17 +245,31 @@ TEST(FileIndexEvents, EventsWaitWhileAScanRunsAndAreAppliedAfterIt)
 TEST(FileIndexEvents, AFlushThatRunsWhenAScanBeginsIsCarriedToItsEnd)
 {
     Following index;
+    std::vector<std::function<void()>> looks;
+    index.detached = [&looks](std::function<void()> look) { looks.push_back(std::move(look)); };
     index.put(entry("/home/ada/b.txt"));
+    index.put(entry("/home/ada/c.txt"));
     index.tell({"/home/ada/b.txt"}, 4);
-    std::vector<std::function<void()>> held;
-    index.clock.advance(999ms);
-    index.service->rebuild();
-    index.wait(1ms);
-    EXPECT_EQ(index.savedID(), 0u);
+    index.wait(1s);
+    ASSERT_EQ(looks.size(), 1u) << "the pass is looking at the disk";
+    index.rebuild();
+    ASSERT_TRUE(index.service->isScanning());
+    index.tell({"/home/ada/c.txt"}, 5);
+    index.wait(1s);
+    EXPECT_EQ(looks.size(), 1u) << "no other begins during the scan";
+    looks.front()();
+    index.settle();
+    EXPECT_EQ(index.paths(), (Strings{"/home/ada/a.txt", "/home/ada/b.txt"}));
+    EXPECT_EQ(index.savedID(), 4u);
+    index.scanner->walk("/home/ada").stream.yield({entry("/home/ada/b.txt")});
     index.scanner->walk("/home/ada").stream.finish();
     index.settle();
     index.wait(1s);
-    EXPECT_EQ(index.paths(), Strings{"/home/ada/b.txt"});
+    ASSERT_EQ(looks.size(), 2u);
+    looks.back()();
+    index.settle();
+    EXPECT_EQ(index.paths(), (Strings{"/home/ada/b.txt", "/home/ada/c.txt"}));
+    EXPECT_EQ(index.savedID(), 5u);
 }
 
 // Too much
@@ -333,8 +373,36 @@ TEST(FileIndexEvents, PathsOfABatchTakenInPartAreNotPutBack)
     index.allowWrites();
     index.attributes->asked.clear();
     index.wait(1s);
-    EXPECT_EQ(index.attributes->asked.front(), "/home/ada/4000");
-    EXPECT_EQ(index.savedID(), 9u);
+    EXPECT_EQ(index.attributes->asked, Strings({"/home/ada/4000", "/home/ada"}));
+    EXPECT_EQ(index.savedID(), 0u) << "the identifier would claim the lost paths too";
+}
+
+TEST(FileIndexEvents, PathsThatWereLostAreFoundByANewWatchFromTheLastIdentifierSavedWhenTheStoreWritesAgain)
+{
+    Following index;
+    index.tell({"/home/ada/a.txt"}, 3);
+    index.wait(1s);
+    index.put(entry("/home/ada/0"));
+    index.put(entry("/home/ada/4000"));
+    index.refuseWrites();
+    index.tell(numbered("/home/ada/", 12'000), 9);
+    index.wait(2s); // two parts of the batch are lost
+    const auto ofTheOldWatch = index.watcher.handler;
+    index.allowWrites();
+    EXPECT_EQ(index.watcher.starts.size(), 1u);
+    index.wait(1s);
+    ASSERT_EQ(index.watcher.starts.size(), 2u);
+    EXPECT_EQ(index.watcher.starts.back(), (ScriptedWatcher::Start{{"/home/ada"}, 3}));
+    ofTheOldWatch({"/home/ada/a.txt"}, 10);
+    index.settle();
+    index.wait(1s);
+    EXPECT_EQ(index.savedID(), 3u) << "what the old watch has told late claims nothing";
+    index.tell({"/home/ada/0"}, 11);
+    index.wait(1s);
+    EXPECT_EQ(index.savedID(), 11u);
+    EXPECT_EQ(index.paths(), (Strings{"/home/ada/0"}));
+    index.wait(60s);
+    EXPECT_EQ(index.watcher.starts.size(), 2u) << "once is enough";
 }
 
 TEST(FileIndexEvents, AnIdentifierThatCannotBeSavedIsTriedAgain)

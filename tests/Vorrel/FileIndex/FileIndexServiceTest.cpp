@@ -110,6 +110,95 @@ TEST(FileIndexService, AWatchThatCannotBeginIsToldByTheHealthAlsoWhenTheStatusIs
     EXPECT_EQ(index.service->indexHealth().state, State::liveUpdatesUnavailable);
 }
 
+TEST(FileIndexService, AWatchThatNeverAnswersIsGivenUpAfterFifteenSecondsAndTheScanGoesOn)
+{
+    TestIndex index;
+    index.watcher.hangs = true;
+    index.scanner->disk = {{"/home/ada", {entry("/home/ada/a.txt")}}};
+    const Begun<void> start(index.loop, index.service->start());
+    index.settle();
+    Strings seen;
+    const auto subscription =
+        const_cast<Observed<std::string> &>(index.service->statusText()).observe([&] { seen.push_back(index.status()); });
+    index.wait(14'999ms);
+    EXPECT_FALSE(start.done());
+    EXPECT_TRUE(index.scanner->walks.empty());
+    index.wait(1ms);
+    EXPECT_TRUE(start.done());
+    EXPECT_EQ(seen.front(), "Indexed · live updates unavailable (File system monitoring could not start.)");
+    EXPECT_EQ(index.service->indexHealth().state, State::liveUpdatesUnavailable);
+    EXPECT_EQ(index.watcher.stops, 1) << "what comes of it later is wanted no more";
+    EXPECT_EQ(index.paths(), Strings{"/home/ada/a.txt"});
+}
+
+TEST(FileIndexService, ARootWithWhichTheWatchHangsCanBeRemovedAndTheOthersAreFollowedAgain)
+{
+    TestIndex index;
+    index.root("/home/ada");
+    index.indexed({entry("/home/ada/a")});
+    index.start();
+    index.watcher.hangs = true;
+    index.service->addRoot("/mnt/dead");
+    index.settle();
+    index.wait(15s);
+    EXPECT_FALSE(index.service->busy() && !index.service->isScanning());
+    EXPECT_TRUE(index.scanner->walked("/home/ada")) << "the scan does not wait for the watch";
+    EXPECT_EQ(index.service->indexHealth().state, State::indexing);
+    index.watcher.hangs = false;
+    index.service->removeRoot(index.service->roots()->back().id);
+    index.settle();
+    EXPECT_EQ(index.watcher.starts.back().roots, Strings{"/home/ada"});
+    for (const auto &walk : index.scanner->walks)
+        walk->stream.finish();
+    index.settle();
+    EXPECT_EQ(index.service->indexHealth().state, State::watching);
+}
+
+TEST(FileIndexService, AStopWhileTheWatchHangsEndsTheStartAtOnce)
+{
+    TestIndex index;
+    index.watcher.hangs = true;
+    const Begun<void> start(index.loop, index.service->start());
+    index.settle();
+    index.stop();
+    EXPECT_TRUE(start.done());
+    EXPECT_EQ(index.clock.sleepers(), 0u);
+    EXPECT_TRUE(index.scanner->walks.empty());
+}
+
+TEST(FileIndexService, AfterAStopNoChangeOfTheRootsBeginsAWatch)
+{
+    TestIndex index;
+    index.start();
+    const auto before = index.watcher.starts.size();
+    index.service->addRoot("/srv");
+    const Begun<void> stopping(index.loop, index.service->stop());
+    index.settle();
+    EXPECT_TRUE(stopping.done());
+    EXPECT_EQ(index.watcher.starts.size(), before);
+    EXPECT_EQ(index.watcher.handler, nullptr);
+}
+
+TEST(FileIndexService, ADefaultRootOnADeadVolumeCostsFifteenSecondsAndThatRootAlone)
+{
+    TestIndex index;
+    index.places.defaultRoots = {"/home/ada", "/opt", "/srv"};
+    index.attributes->put(entry("/opt/"));
+    index.attributes->put(entry("/srv/"));
+    int begun = 0;
+    index.detached = [&](std::function<void()> work) {
+        if (++begun != 1) // the first is that of /opt
+            runLater(index.loop.executor(), std::move(work));
+    };
+    index.make();
+    const Begun<void> start(index.loop, index.service->start());
+    index.settle();
+    EXPECT_FALSE(start.done());
+    index.wait(15s);
+    EXPECT_TRUE(start.done());
+    EXPECT_EQ(index.watcher.starts.front().roots, (Strings{"/home/ada", "/srv"}));
+}
+
 TEST(FileIndexService, AStoreThatCannotBeReadIsToldAndEndsTheStartAlone)
 {
     TestIndex index;
@@ -439,6 +528,100 @@ TEST(FileIndexService, ARemovedRootTakesItsRowsAlongAndThoseOfRootsNestedInIt)
     EXPECT_EQ(index.status(), "Watching · 1 files");
 }
 
+TEST(FileIndexService, ARootRemovedAtAnyStepOfItsScanLeavesNoRows)
+{
+    for (const bool again : {false, true}) {
+        bool isOver = false;
+        for (int steps = 0; !isOver; ++steps) {
+            TestIndex index;
+            index.root("/home/ada");
+            index.root("/srv");
+            index.indexed({entry("/home/ada/kept")});
+            if (again)
+                index.indexed({entry("/srv/a"), entry("/srv/old")});
+            index.start();
+            index.rebuild();
+            index.scanner->walk("/srv").stream.yield({entry("/srv/a"), entry("/srv/b/"), entry("/srv/b/c")});
+            index.scanner->walk("/srv").stream.finish();
+            int taken = 0;
+            while (taken < steps && index.loop.runOne())
+                ++taken;
+            isOver = taken < steps;
+            index.service->removeRoot(index.service->roots()->back().id);
+            index.settle();
+            ASSERT_EQ(index.paths(), Strings{"/home/ada/kept"}) << "removed after " << taken << " steps";
+            ASSERT_EQ(index.service->roots()->size(), 1u);
+        }
+    }
+}
+
+TEST(FileIndexService, ARemovalThatFailsInTheMiddleLeavesTheRootAndItsRows)
+{
+    DiskFolder folder;
+    TestIndex index(folder / "korvane.sqlite");
+    index.root("/srv");
+    index.indexed({entry("/srv/a")});
+    index.start();
+    index.execute("CREATE TRIGGER refuse BEFORE DELETE ON index_roots BEGIN SELECT RAISE(ABORT,'no'); END");
+    index.service->removeRoot(index.service->roots()->front().id);
+    index.settle();
+    EXPECT_EQ(index.paths(), Strings{"/srv/a"}) << "a root that is listed and empty would never be scanned";
+    EXPECT_EQ(index.status(), "Could not save local data.");
+    index.execute("DROP TRIGGER refuse");
+    index.rebuild();
+    index.scanner->walk("/srv").stream.yield({entry("/srv/new")});
+    index.scanner->walk("/srv").stream.finish();
+    index.settle();
+    EXPECT_EQ(index.paths(), Strings{"/srv/new"}) << "the root is followed as before";
+}
+
+TEST(FileIndexService, EventsOfARemovedRootBringNoneOfItsRowsBack)
+{
+    TestIndex index;
+    index.root("/home/ada");
+    index.root("/srv");
+    index.indexed({entry("/home/ada/a")});
+    for (const char *path : {"/srv/", "/srv/a", "/home/ada/", "/home/ada/b"})
+        index.attributes->put(entry(path));
+    index.start();
+    index.tell({"/srv/a", "/home/ada/b"}, 3);
+    index.service->removeRoot(index.service->roots()->back().id);
+    index.settle();
+    index.wait(1s);
+    EXPECT_EQ(index.paths(), (Strings{"/home/ada/a", "/home/ada/b"}));
+    index.service->addRoot("/srv");
+    index.settle();
+    for (const auto &walk : index.scanner->walks)
+        walk->stream.finish();
+    index.settle();
+    index.tell({"/srv/a"}, 4);
+    index.wait(1s);
+    EXPECT_EQ(index.paths(), Strings{"/srv/a"}) << "a root that was added again is one like any other";
+}
+
+TEST(FileIndexService, FoldersWithoutAWatchAreToldByTheStatusWhileThereAreSome)
+{
+    TestIndex index;
+    index.root("/home/ada");
+    index.indexed({entry("/home/ada/a")});
+    index.start();
+    index.watcher.unwatched(1234);
+    index.settle();
+    EXPECT_EQ(index.status(), "Watching · 1 files, 1,234 folders checked once a minute");
+    index.rebuild();
+    index.scanner->walk("/home/ada").stream.yield({entry("/home/ada/a"), entry("/home/ada/b")});
+    index.settle();
+    index.watcher.unwatched(1235);
+    index.settle();
+    EXPECT_EQ(index.status(), "Indexing · 2 files");
+    index.scanner->walk("/home/ada").stream.finish();
+    index.settle();
+    EXPECT_EQ(index.status(), "Watching · 2 files, 1,235 folders checked once a minute");
+    index.watcher.unwatched(0);
+    index.settle();
+    EXPECT_EQ(index.status(), "Watching · 2 files");
+}
+
 TEST(FileIndexService, RemovingAnUnknownRootChangesNothing)
 {
     TestIndex index;
@@ -716,10 +899,13 @@ TEST(IndexPlaces, TheListsNameTheFoldersOfEachSystemInTheirOrder)
             "/Users/ada/Library/Mobile Documents", "/Users/ada/Library/Developer/XCTestDevices",
             "/Users/ada/Library/Developer/CoreSimulator", "/Users/ada/.Trash"}));
     EXPECT_EQ(IndexPlaces::macOS(mac).aliasPrefix, "/System/Volumes/Data");
+    EXPECT_EQ(IndexPlaces::macOS(mac).looselySkipped().size(), 6u);
     const UserFolders ada{.home = "/home/ada", .data = "/data"};
     EXPECT_EQ(IndexPlaces::linux(ada).defaultRoots, (Strings{"/home/ada", "/opt", "/usr/local", "/srv"}));
     EXPECT_EQ(IndexPlaces::linux(ada).skippedPrefixes,
         (Strings{"/data/Korvane", "/data/Trash", "/home/ada/.cache", "/proc", "/sys", "/dev", "/run"}));
+    const IndexPlaces here = IndexPlaces::linux(ada);
+    EXPECT_EQ(Strings(here.looselySkipped().begin(), here.looselySkipped().end()), (Strings{"/data/Korvane", "/data/Trash"}));
 }
 
 TEST(IndexPlaces, TheOwnFolderIsInTheHomeFolderWhereThereIsNoDataFolder)

@@ -82,14 +82,21 @@ public:
         starts.push_back({roots, sinceID});
         if (fails)
             throw AppError(AppError::Kind::recoverable, "File system monitoring could not start.");
+        if (hangs) {
+            std::function<void(Continuation<void>)> begin = [this](Continuation<void> answer) { waiting = std::move(answer); };
+            co_await suspend<void>(std::move(begin));
+        }
         handler = std::move(given);
-        co_return;
     }
     void stop() override
     {
         ++stops;
+        if (waiting)
+            waiting->fail(std::make_exception_ptr(Cancelled()));
+        waiting.reset();
         handler = nullptr;
     }
+    void onUnwatched(std::function<void(std::size_t)> told) override { unwatched = std::move(told); }
     void tell(Strings paths, std::uint64_t id) const
     {
         if (handler)
@@ -104,7 +111,10 @@ public:
     std::vector<Start> starts;
     int stops = 0;
     bool fails = false;
+    bool hangs = false; ///< Starts do not end, until a stop.
+    std::optional<Continuation<void>> waiting;
     Handler handler;
+    std::function<void(std::size_t)> unwatched;
 };
 
 /// A disk of which the test says what is there.
@@ -162,7 +172,7 @@ struct TestIndex {
             .attributes = attributes,
             .diagnostics = &diagnostics,
             .lockPath = lockPath,
-            .detached = [this](std::function<void()> work) { runLater(loop.executor(), std::move(work)); },
+            .detached = [this](std::function<void()> work) { detached(std::move(work)); },
         });
     }
 
@@ -220,13 +230,18 @@ struct TestIndex {
     MainLoop loop;
     ManualClock clock{loop};
     UserFolders folders{.home = "/home/ada", .data = "/home/ada/.local/share"};
-    IndexPlaces places{.defaultRoots = {"/home/ada"}, .skippedPrefixes = {"/home/ada/.local/share/Korvane"}, .aliasPrefix = {}};
+    IndexPlaces places{
+        .defaultRoots = {"/home/ada"}, .skippedPrefixes = {"/home/ada/.local/share/Korvane"}, .looseCount = 1, .aliasPrefix = {}};
     std::shared_ptr<Database> database, searchDatabase;
     ScriptedWatcher watcher;
     std::shared_ptr<ScriptedAttributes> attributes = std::make_shared<ScriptedAttributes>();
     HeadlessDialogs dialogs;
     DiagnosticsService diagnostics{{.clock = clock, .dialogs = dialogs, .pool = loop.executor(), .facts = {}}};
     std::optional<std::string> lockPath;
+    /// What may hang on a dead volume; a test may keep it back.
+    std::function<void(std::function<void()>)> detached = [this](std::function<void()> work) {
+        runLater(loop.executor(), std::move(work));
+    };
     ScriptedScanner *scanner = nullptr; ///< Of the present service.
     std::shared_ptr<FileIndexService> service;
     Strings log;

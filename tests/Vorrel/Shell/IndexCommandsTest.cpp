@@ -3,6 +3,7 @@
 #include "Support/FileLock.h"
 
 #include <algorithm>
+#include <atomic>
 
 using namespace korvane;
 using namespace korvane::test;
@@ -182,6 +183,49 @@ TEST_F(IndexCommands, ProgressIsShownOnATerminalAndClearedAtTheEnd)
     EXPECT_EQ(run({"index", "rebuild"}), 0);
     ASSERT_FALSE(progress.empty());
     EXPECT_EQ(progress.back(), "");
+}
+
+TEST_F(IndexCommands, ProgressTellsTheCountTheRateAndTheRoot)
+{
+    ASSERT_EQ(run({"index", "rebuild"}), 0);
+    ASSERT_EQ(run({"index", "add", root + "/projects"}), 0);
+    /// Stands still but for what the test gives it.
+    struct GivenTime : SystemClock {
+        double uptime() const override { return seconds; }
+        std::atomic<double> seconds = 0;
+    } given;
+    time = &given;
+    showsProgress = true;
+    walker->holdBefore(root + "/projects/plan.txt");
+    struct Line {
+        double seconds;
+        std::string text;
+    };
+    std::vector<Line> lines;
+    // A quarter of a second passes with every turn of the loop, from when only the held walk is under way.
+    bool released = false;
+    std::function<void()> turn = [&] {
+        for (; lines.size() < progress.size(); lines.push_back({given.seconds, progress[lines.size()]})) { }
+        if (!lines.empty() && lines.back().text.starts_with("4 ") && !std::exchange(released, true))
+            walker->release();
+        if (released)
+            return;
+        if (walker->underWay() == 1)
+            given.seconds = given.seconds + 0.25;
+        runLater(desktop->loop.executor(), turn);
+    };
+    runLater(desktop->loop.executor(), turn);
+    EXPECT_EQ(run({"index", "rebuild"}), 0);
+    time = &clock;
+    ASSERT_FALSE(lines.empty());
+    const Line &last = lines.back();
+    const auto rate = (long long)(4 / last.seconds);
+    EXPECT_EQ(last.text, "4 · " + std::to_string(rate) + "/s · " + home);
+    EXPECT_EQ(progress.back(), "");
+    showsProgress = false;
+    progress.clear();
+    EXPECT_EQ(run({"index", "rebuild"}), 0);
+    EXPECT_TRUE(progress.empty());
 }
 
 TEST_F(IndexCommands, SearchPrintsFileRowsBehindTheOthers)

@@ -60,7 +60,7 @@ struct TestTool : testing::Test {
         const Platform given = desktop->platform();
         const Platform ports{.mainThread = given.mainThread,
             .pool = given.pool,
-            .clock = clock,
+            .clock = *time,
             .folders = given.folders,
             .applicationSource = given.applicationSource,
             .launcher = given.launcher,
@@ -98,6 +98,7 @@ struct TestTool : testing::Test {
     std::optional<HeadlessDesktop> desktop;
     std::optional<HeadlessDirectoryWalker> walker;
     SystemClock clock;
+    Clock *time = &clock;
     ConsentingDialogs dialogs;
 };
 

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <future>
 #include <gmock/gmock.h>
 #include <sys/inotify.h>
 #include <sys/resource.h>
@@ -739,6 +740,37 @@ TEST_F(FileEventsRoots, ANestedRootIsToldOnceAndNeverItself)
     EXPECT_THAT(news(), UnorderedElementsAre("root/inner/file", "root/inner/a", "root/inner/a/file"));
 }
 
+TEST_F(FileEventsRoots, ARootOnAVolumeThatHangsIsFollowedWhenItAnswers)
+{
+    const auto net = disk.folder("net");
+    disk.file("net/a/file");
+    disk.folder("root");
+    settings.mountPoints = [net] {
+        return MountPoints("27 1 254:0 / / rw - ext4 /dev/vda rw\n90 27 0:45 / " + net + " rw - nfs server:/ rw\n",
+            [](unsigned, unsigned) { return false; });
+    };
+    std::promise<void> answer;
+    settings.touch = [answered = answer.get_future().share()](const std::string &) { answered.wait(); };
+    index.scan(net);
+    Begun<void> starting(loop, startLater({"root", "net"}));
+    loop.runUntilIdle();
+    EXPECT_FALSE(starting.done());
+    clock.advance(5s);
+    loop.runUntil([&] { return starting.done(); });
+    settle();
+    EXPECT_EQ(events->counts().watched, 2u) << "the root that answers, and the marks";
+    pass(130s);
+    EXPECT_EQ(events->counts().watched, 2u);
+    answer.set_value();
+    for (int minute = 0; minute < 10 && events->counts().watched < 4; ++minute)
+        pass(60s);
+    EXPECT_EQ(events->counts().watched, 4u);
+    news();
+    disk.file("net/a/new");
+    settle();
+    EXPECT_THAT(news(), UnorderedElementsAre("net/a", "net/a/new"));
+}
+
 // More folders than watches
 
 TEST_F(FileEventsBudget, FoldersBeyondItAreLookedAtByTheirTimes)
@@ -796,6 +828,26 @@ TEST_F(FileEventsBudget, FoldersThatTheKernelRefusesAreLookedAtByTheirTimes)
     disk.file("root/a/new");
     pass(65s);
     EXPECT_THAT(news(), UnorderedElementsAre("root/a", "root/a/new"));
+}
+
+TEST_F(FileEventsBudget, FoldersWithoutAWatchAreToldWhenTheyBeginAndWhenTheyEnd)
+{
+    disk.folder("root/a");
+    disk.folder("root/b");
+    settings.budget = 3;
+    index.scan(disk / "root");
+    Strings logged;
+    AppLog::observe([&](auto, auto, std::string_view text) { logged.emplace_back(text); });
+    start({"root"});
+    EXPECT_THAT(unwatched, ElementsAre(1));
+    EXPECT_THAT(logged, Contains("No watch for 1 folders beside the 3 watched; they are checked once a minute"));
+    pass(65s);
+    EXPECT_THAT(unwatched, ElementsAre(1)) << "told once";
+    remove("root/a");
+    settle();
+    pass(65s);
+    AppLog::observe({});
+    EXPECT_THAT(unwatched, ElementsAre(1, 0));
 }
 
 // Lost events

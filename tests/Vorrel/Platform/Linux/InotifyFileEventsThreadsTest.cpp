@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <mutex>
 #include <semaphore>
+#include <sys/inotify.h>
 #include <thread>
 
 using namespace korvane;
@@ -26,17 +27,19 @@ struct FileEventsThreads : testing::Test {
     std::optional<WorkerThread> worker{std::in_place};
     std::optional<InotifyFileEvents> events;
 
+    InotifyFileEvents::Settings settings;
+
     FileEventsThreads()
     {
-        InotifyFileEvents::Settings settings;
         settings.latency = 20ms;
         disk.folder("root");
         events.emplace(worker->executor(), clock, index, settings);
     }
 
-    void start()
+    void start() { start({disk / "root"}); }
+    void start(Strings roots)
     {
-        await(loop, events->start({disk / "root"}, 0, [this](Strings paths, std::uint64_t) {
+        await(loop, events->start(std::move(roots), 0, [this](Strings paths, std::uint64_t) {
             const std::scoped_lock lock(mutex);
             told.insert(paths.begin(), paths.end());
             heard.notify_all();
@@ -151,4 +154,98 @@ TEST_F(FileEventsThreads, AWorkerThatHangsHoldsUpNeitherStopNorACancelledStart)
     start();
     disk.file("root/file");
     EXPECT_TRUE(comes("root/file"));
+}
+
+TEST_F(FileEventsThreads, AWalkerThatHangsInAFolderHoldsUpNoOther)
+{
+    const auto dead = disk.folder("root/dead"), alive = disk.folder("root/alive/inner");
+    // The test may end before a walker comes back, and the walker after the test.
+    struct Gate {
+        std::binary_semaphore entered{0}, released{0}, left{0};
+    };
+    const auto gate = std::make_shared<Gate>();
+    settings.addWatch = [gate, dead](int instance, const char *path, std::uint32_t events) {
+        if (path == dead) {
+            gate->entered.release();
+            gate->released.acquire();
+        }
+        return ::inotify_add_watch(instance, path, events);
+    };
+    events.emplace(worker->executor(), clock, index, settings);
+    start();
+    runOnOwnThread([this, gate, dead] {
+        events->entered(dead);
+        gate->left.release();
+    });
+    ASSERT_TRUE(gate->entered.try_acquire_for(10s));
+    std::binary_semaphore done(0);
+    std::jthread other([&] {
+        events->entered(disk / "root/alive");
+        events->entered(alive);
+        done.release();
+    });
+    EXPECT_TRUE(done.try_acquire_for(10s)) << "another walker waits for it";
+    disk.file("root/alive/inner/file");
+    EXPECT_TRUE(comes("root/alive/inner/file")) << "the worker waits for it";
+    EXPECT_EQ(events->counts().watched, 3u);
+    events->stop();
+    start();
+    disk.file("root/again");
+    EXPECT_TRUE(comes("root/again")) << "a new start waits for it";
+    gate->released.release();
+    ASSERT_TRUE(gate->left.try_acquire_for(10s));
+    EXPECT_EQ(events->counts().watched, 1u) << "it belongs to the watch before";
+}
+
+TEST_F(FileEventsThreads, AFolderThatIsMovedWhileItIsEnteredIsFollowedAtItsNewPlace)
+{
+    const auto folder = disk.folder("root/folder");
+    std::binary_semaphore entered(0), released(0);
+    std::atomic<bool> first = true;
+    settings.addWatch = [&](int instance, const char *path, std::uint32_t events) {
+        const int watch = ::inotify_add_watch(instance, path, events);
+        if (path == folder && first.exchange(false)) {
+            entered.release();
+            released.acquire();
+        }
+        return watch;
+    };
+    events.emplace(worker->executor(), clock, index, settings);
+    start();
+    std::jthread walker([&] { events->entered(folder); });
+    ASSERT_TRUE(entered.try_acquire_for(10s));
+    fs::rename(folder, disk / "root/moved");
+    EXPECT_TRUE(comes("root/moved"));
+    waitForWorker();
+    released.release();
+    walker.join();
+    disk.file("root/moved/file");
+    EXPECT_TRUE(comes("root/moved/file"));
+    EXPECT_FALSE(told.contains(disk / "root/folder/file"));
+    EXPECT_EQ(events->counts().watched, 2u);
+}
+
+TEST_F(FileEventsThreads, ARootOnAVolumeThatHangsCostsThatRootOnlyUntilItAnswers)
+{
+    const auto net = disk.folder("net");
+    settings.mountPoints = [net] {
+        return MountPoints("27 1 254:0 / / rw - ext4 /dev/vda rw\n90 27 0:45 / " + net + " rw - nfs server:/ rw\n",
+            [](unsigned, unsigned) { return false; });
+    };
+    disk.link("by-link", net);
+    const auto gate = std::make_shared<std::counting_semaphore<>>(0);
+    const auto touched = std::make_shared<std::atomic<int>>(0);
+    settings.touch = [gate, touched](const std::string &) {
+        ++*touched;
+        gate->acquire();
+    };
+    events.emplace(worker->executor(), clock, index, settings);
+    start({disk / "root", net, disk / "by-link"});
+    EXPECT_EQ(*touched, 2) << "the root on this disk needs no question";
+    EXPECT_EQ(events->counts().watched, 1u);
+    events->entered(net);
+    EXPECT_EQ(events->counts().watched, 1u) << "a walker of that root does not ask for a watch either";
+    disk.file("root/file");
+    EXPECT_TRUE(comes("root/file"));
+    gate->release(2);
 }

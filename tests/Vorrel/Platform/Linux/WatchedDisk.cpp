@@ -86,18 +86,24 @@ WatchedDisk::WatchedDisk()
 
 void WatchedDisk::start(Strings folders, std::uint64_t sinceID)
 {
+    await(loop, startLater(std::move(folders), sinceID));
+    loop.runUntilIdle();
+}
+
+Task<void> WatchedDisk::startLater(Strings folders, std::uint64_t sinceID)
+{
     roots.clear();
     for (const auto &folder : folders)
         roots.push_back(disk / folder);
     roots.push_back(marks);
     lastIdentifier = sinceID;
     events = std::make_unique<InotifyFileEvents>(loop.executor(), clock, index, settings);
-    await(loop, events->start(roots, sinceID, [this](Strings paths, std::uint64_t identifier) {
+    events->onUnwatched([this](std::size_t folders) { unwatched.push_back(folders); });
+    return events->start(roots, sinceID, [this](Strings paths, std::uint64_t identifier) {
         EXPECT_GE(identifier, lastIdentifier);
         lastIdentifier = identifier;
         told.push_back({std::move(paths), identifier});
-    }));
-    loop.runUntilIdle();
+    });
 }
 
 std::string WatchedDisk::startOutcome(Strings folders)

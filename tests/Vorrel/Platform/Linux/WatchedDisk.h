@@ -60,12 +60,15 @@ struct WatchedDisk {
     InotifyFileEvents::Settings settings;
     std::unique_ptr<InotifyFileEvents> events;
     std::vector<Told> told;
+    std::vector<std::size_t> unwatched; ///< Told numbers of folders without a watch.
     const std::string marks = disk.folder("marks");
 
     WatchedDisk();
 
     /// Starts a new watcher on these folders of the disk and on one for marks; goes on until it has nothing to do.
     void start(Strings roots, std::uint64_t sinceID = 0);
+    /// The same as a task.
+    Task<void> startLater(Strings roots, std::uint64_t sinceID = 0);
     std::string startOutcome(Strings roots);
     /// Waits until everything that has happened has been told.
     void settle();
