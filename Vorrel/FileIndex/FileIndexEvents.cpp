@@ -277,6 +277,9 @@ Task<void> FileIndexService::apply(Weak weak, std::shared_ptr<Taken> taken)
     co_await repository.upsert(std::move(found.upserts));
     // Asked before they are deleted: the disk can no longer tell.
     auto folders = co_await repository.directories(found.gone);
+    // A file that was seen in a folder that came and went may be known where the folder is not.
+    auto unknown = co_await repository.withRowsBelow(found.gone);
+    folders.merge(unknown);
     co_await repository.deleteWithSubtrees(std::move(found.gone), std::move(folders));
 
     if (!taken->whole.empty()) {

@@ -267,15 +267,16 @@ Task<void> FileIndexRepository::deleteWithSubtrees(std::vector<std::string> path
     co_await database->executeTransaction(std::move(statements));
 }
 
-Task<std::set<std::string>> FileIndexRepository::directories(std::vector<std::string> among) const
+/// The paths that a question about some of them gives, asked in portions.
+Task<std::set<std::string>> FileIndexRepository::pathsOf(PathQuestion question, std::vector<std::string> among) const
 {
     std::set<std::string> found;
     for (std::size_t begin = 0; begin < among.size(); begin += pathsOfQuestion) {
         const std::size_t end = std::min(begin + pathsOfQuestion, among.size());
-        std::string sql = "SELECT path FROM file_index WHERE is_directory=1 AND path IN (?";
+        std::string sql = question.beginning + question.onePath;
         for (std::size_t i = begin + 1; i < end; ++i)
-            sql += ",?";
-        sql += ")";
+            sql.append(",").append(question.onePath);
+        sql += question.end;
         std::vector<SQLValue> values(among.begin() + std::ptrdiff_t(begin), among.begin() + std::ptrdiff_t(end));
         const auto rows = co_await database->rows(std::move(sql), std::move(values));
         for (const auto &row : rows)
@@ -283,6 +284,20 @@ Task<std::set<std::string>> FileIndexRepository::directories(std::vector<std::st
                 found.insert(*path);
     }
     co_return found;
+}
+
+Task<std::set<std::string>> FileIndexRepository::directories(std::vector<std::string> among) const
+{
+    PathQuestion question{"SELECT path FROM file_index WHERE is_directory=1 AND path IN (", "?", ")"};
+    co_return co_await pathsOf(std::move(question), std::move(among));
+}
+
+Task<std::set<std::string>> FileIndexRepository::withRowsBelow(std::vector<std::string> among) const
+{
+    PathQuestion question{"WITH asked(path) AS (VALUES ", "(?)",
+        ") SELECT path FROM asked WHERE EXISTS(SELECT 1 FROM file_index "
+        "WHERE file_index.path>asked.path||'/' AND file_index.path<asked.path||'0')"};
+    co_return co_await pathsOf(std::move(question), std::move(among));
 }
 
 Task<void> FileIndexRepository::deleteTree(std::string path) const

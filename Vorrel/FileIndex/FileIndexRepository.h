@@ -46,6 +46,8 @@ public:
     Task<void> deleteWithSubtrees(std::vector<std::string> paths, std::set<std::string> directories) const;
     /// Which of the paths the index knows as folders.
     Task<std::set<std::string>> directories(std::vector<std::string> among) const;
+    /// Which of the paths have rows below them, whether the index knows them or not.
+    Task<std::set<std::string>> withRowsBelow(std::vector<std::string> among) const;
     /// Removes a path and everything below it.
     Task<void> deleteTree(std::string path) const;
 
@@ -70,6 +72,11 @@ public:
     Task<void> settle() const;
 
 private:
+    /// A statement around a list of paths.
+    struct PathQuestion {
+        std::string beginning, onePath, end;
+    };
+    Task<std::set<std::string>> pathsOf(PathQuestion question, std::vector<std::string> among) const;
     void tellRemovedTree(const std::string &path) const;
     Task<RootPublication> publish(std::string root, std::function<bool()> wanted) const;
     Database::Question question(

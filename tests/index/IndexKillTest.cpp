@@ -191,14 +191,20 @@ TEST(IndexKillSlow, AKilledLiveUpdateIsMadeGoodAtTheNextStart)
     std::mt19937 random(20264);
     RandomChanges changes(disk.roots(), disk.folder.folder("outside"), 99);
     const auto follow = [&disk] { DiskIndex(disk.store, disk.roots(), true).serve(); };
-    for (int round = 0; round < kills; ++round) {
+    int amidUpdates = 0;
+    Facts before = inStore(disk.store);
+    for (int round = 0; round < kills || amidUpdates < kills / 4; ++round) {
+        ASSERT_LT(round, 5 * kills) << "the kills came before the first update or after the last one";
         {
             Process process(follow);
-            const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(random() % 400);
+            const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(random() % 1500);
             while (std::chrono::steady_clock::now() < end)
                 changes.make(5);
         }
         ASSERT_EQ(damage(disk.store), "") << round;
+        Facts after = inStore(disk.store);
+        amidUpdates += after != before && after != onDisk(disk.roots());
+        before = std::move(after);
     }
     Process process(follow);
     EXPECT_EQ(differenceAfterCatchingUp(disk.store, disk.roots(), 60s), "");

@@ -53,6 +53,13 @@ bool isGone(const std::string &path)
     return ::lstat(path.c_str(), &status) != 0 && (errno == ENOENT || errno == ENOTDIR);
 }
 
+std::string highestGone(std::string path)
+{
+    for (std::string parent = deletingLastPathComponent(path); isGone(parent); parent = deletingLastPathComponent(path))
+        path = std::move(parent);
+    return path;
+}
+
 double seconds(const timespec &time) { return double(time.tv_sec) + double(time.tv_nsec) / 1e9; }
 
 bool isWholeSecond(double indexed) { return indexed - std::floor(indexed) < printed; }

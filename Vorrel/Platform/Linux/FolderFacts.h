@@ -24,6 +24,9 @@ std::string endOf(const std::string &folder);
 std::optional<struct stat> statusOf(const std::string &path);
 /// Whether the disk says for certain that nothing is there.
 bool isGone(const std::string &path);
+/// The highest folder that is gone with a path that is, or the path itself: the one of which the disk can still say that it
+/// is gone, since what it was in is there.
+std::string highestGone(std::string path);
 /// Seconds since 1970.
 double seconds(const timespec &time);
 

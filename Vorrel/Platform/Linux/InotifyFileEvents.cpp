@@ -575,9 +575,11 @@ private:
         watches.enter(path, false);
         const auto status = statusOf(path);
         if (!status) {
-            if (isGone(path))
-                judgement.vanished = path;
-            batch.add(path);
+            const bool gone = isGone(path);
+            const std::string told = gone ? highestGone(path) : path;
+            if (gone)
+                judgement.vanished = told;
+            batch.add(told);
             return false;
         }
         if (!S_ISDIR(status->st_mode)) {
@@ -677,7 +679,7 @@ private:
                     if (row.path >= endOf(path))
                         more = false;
                     else if (isGone(row.path))
-                        batch.add(row.path);
+                        batch.add(highestGone(row.path));
                 }
             }
         }
@@ -892,12 +894,11 @@ private:
             const auto status = statusOf(file.path);
             if (status ? isTrueTo(file, *status, territory()->mounts()) : !isGone(file.path))
                 continue;
-            // A folder that has gone takes its files along.
-            const auto parent = deletingLastPathComponent(file.path);
-            if (!status && isGone(parent))
-                vanished = parent;
-            else
-                batch.add(file.path);
+            // A folder that has gone takes its files along, also one that the index never had or has no more.
+            const std::string told = status ? file.path : highestGone(file.path);
+            if (told != file.path)
+                vanished = told;
+            batch.add(told);
         }
         batch.send();
     }

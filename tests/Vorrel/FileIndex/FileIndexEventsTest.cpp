@@ -79,6 +79,15 @@ TEST(FileIndexEvents, ADeletedFolderTakesItsSubtreeAlongAndTheEventsOfItsChildre
     EXPECT_EQ(index.savedID(), 3u);
 }
 
+TEST(FileIndexEvents, ADeletedFolderTakesAlongWhatIsKnownBelowItThoughItIsNotKnownItself)
+{
+    Following index({entry("/home/ada/docs/a.txt"), entry("/home/ada/docs/old/deep/b.txt"), entry("/home/ada/docs.txt")});
+    index.put(entry("/home/ada/docs.txt"));
+    index.tell({"/home/ada/docs"}, 3);
+    index.wait(1s);
+    EXPECT_EQ(index.paths(), Strings{"/home/ada/docs.txt"});
+}
+
 TEST(FileIndexEvents, ARootThatVanishesKeepsItsRows)
 {
     Following index;

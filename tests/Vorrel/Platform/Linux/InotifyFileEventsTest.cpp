@@ -662,10 +662,26 @@ TEST_F(FileEventsAway, FilesThatHaveGoneFromAFolderThatIsThereAreTold)
     disk.file("root/a/file");
     index.scan(disk / "root");
     index.rows[disk / "root/a/ghost"] = {.path = disk / "root/a/ghost", .name = "ghost"};
-    index.rows[disk / "root/none/ghost"] = {.path = disk / "root/none/ghost", .name = "ghost"};
     start({"root"}, afterAllStamps());
     loop.runUntilIdle();
     EXPECT_THAT(news(), UnorderedElementsAre("root/a/ghost"));
+}
+
+TEST_F(FileEventsAway, RowsBelowAFolderThatNobodyKnowsAreToldByTheHighestThatHasGone)
+{
+    disk.file("root/a/file");
+    index.scan(disk / "root");
+    const auto lose = [this](const std::string &path, bool isDirectory) {
+        const std::string whole = disk / path;
+        index.rows[whole] = {.path = whole, .name = whole.substr(whole.rfind('/') + 1), .isDirectory = isDirectory};
+    };
+    lose("root/none/ghost", false);
+    lose("root/a/lost/deep/ghost", false);
+    lose("root/gone/deep/folder", true);
+    lose("root/gone/deep/folder/ghost", false);
+    start({"root"}, afterAllStamps());
+    pass(1s);
+    EXPECT_THAT(news(), UnorderedElementsAre("root/none", "root/a/lost", "root/gone"));
 }
 
 // Roots that go and come
