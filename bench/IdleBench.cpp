@@ -26,6 +26,7 @@ try {
     if (count < 3)
         throw std::runtime_error("usage: korvane_bench_idle KORVANE BARE-WINDOW [SECONDS]");
     const int seconds = count > 3 ? std::atoi(words[3]) : 60;
+    startOnce(words[1]);
     Program korvane({words[1]}), bare({words[2]});
     korvane.untilItSays("Korvane is ready");
     bare.untilItSays("ready");

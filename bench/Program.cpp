@@ -120,4 +120,11 @@ Program::Work Program::work() const
     return sum;
 }
 
+void startOnce(const std::string &korvane)
+{
+    Program program({korvane});
+    program.untilItSays("Korvane is ready");
+    program.stop();
+}
+
 } // namespace korvane::bench

@@ -48,4 +48,7 @@ private:
     std::chrono::steady_clock::time_point begin;
 };
 
+/// Starts Korvane and ends it, so that no later start is its first one, at which the palette comes by itself.
+void startOnce(const std::string &korvane);
+
 } // namespace korvane::bench

@@ -141,6 +141,7 @@ int main(int count, char **words)
 try {
     if (count < 4)
         throw std::runtime_error("usage: korvane_bench_typed_ahead WINDOW-MANAGER KORVANE BARE-WINDOW [SHOWS]");
+    startOnce(words[2]);
     Program former({words[3]});
     former.untilItSays("ready");
     if (!Focus().isNot(XCB_NONE))

@@ -179,6 +179,7 @@ try {
     const int samples = count > 4 ? std::atoi(words[4]) : 200;
     constexpr int rounds = 4; // in turn, so that both meet the same machine
     installApplications();
+    startOnce(words[1]);
     Bench bench;
     Figures ours, theirs;
     for (int i = 0; i < rounds; i++) {

@@ -139,7 +139,7 @@ std::vector<Subscription> PaletteState::observe(const std::function<void()> &cha
     const auto add = [&](auto &...values) { (all.push_back(values.observe(changed)), ...); };
     add(_started, _fileDirectory, _mode, _query, _category, _actionQuery, _childTitle, _results, _selection, _errorRecovery,
         _error, _showsPreview, _showsActions, _actionSelection, _searchingFiles, _searching, _busy, _activeAgent, _aiOutput,
-        _aiStatus, _argumentTarget, _argumentRecents, coordinator._isPresenting, coordinator._checkingAccess);
+        _aiStatus, _argumentTarget, _argumentRecents, _newKey, coordinator._isPresenting, coordinator._checkingAccess);
     return all;
 }
 
@@ -575,6 +575,12 @@ void PaletteState::escape()
         hide();
 }
 
+void PaletteState::introduceKey(HotkeyConfiguration key)
+{
+    confined.check();
+    _newKey = std::move(key);
+}
+
 void PaletteState::cancelWork()
 {
     confined.check();
@@ -585,6 +591,7 @@ void PaletteState::cancelWork()
     aiTask.cancel();
     _searching = false;
     _searchingFiles = false;
+    _newKey = std::nullopt;
 }
 
 // The action panel

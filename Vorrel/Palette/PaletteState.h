@@ -66,6 +66,7 @@ public:
     // What the window's controller does
     void enter(Mode mode); ///< Changes the mode and starts afresh.
     Task<void> start(); ///< Once, at application start; a second call returns at once.
+    void introduceKey(HotkeyConfiguration key); ///< Names the key that opens the palette, until it hides.
     void cancelWork(); ///< Ends the present session's work.
     Task<void> refreshApplications(); ///< Only if the list is more than 15 seconds old.
     void refreshQuicklinks();
@@ -100,6 +101,8 @@ public:
     const std::string &aiStatus() const { return _aiStatus; }
     const Row &argumentTarget() const { return _argumentTarget; } ///< Null outside argument input.
     const std::vector<AppLaunchRecord> &argumentRecents() const { return _argumentRecents; }
+    /// The key that opens the palette, where its user does not know it yet.
+    const std::optional<HotkeyConfiguration> &newKey() const { return _newKey; }
     int sessionGeneration() const { return _sessionGeneration; }
 
     ActionCoordinator &coordinator;
@@ -137,6 +140,7 @@ public:
     Observed<std::string> _aiStatus;
     Observed<Row> _argumentTarget;
     Observed<std::vector<AppLaunchRecord>> _argumentRecents;
+    Observed<std::optional<HotkeyConfiguration>> _newKey;
 
 private:
     /// What an answer must still match to be shown.

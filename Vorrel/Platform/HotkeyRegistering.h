@@ -103,6 +103,8 @@ public:
     /// Registers a valid shortcut beside those registered before. Throws `HotkeyRegistrationError` "rejected" when the
     /// system refuses, and `unavailable`. A lease may outlive the registrar.
     virtual HotkeyLease reserve(const HotkeyConfiguration &configuration) = 0;
+    /// False where the system decides on what `reserve` has returned only later, and may let its user choose another key.
+    virtual bool decidesAtOnce() const { return true; }
 };
 
 } // namespace korvane

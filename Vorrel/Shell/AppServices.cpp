@@ -120,10 +120,13 @@ Task<std::shared_ptr<AppServices>> AppServices::create(
     if (!folder)
         throw AppError(AppError::Kind::database, "Could not open the local database.");
     Actor disk(platform.pool);
-    auto makeFolder = [path = *folder](std::stop_token) { createPrivateFolder(path); };
-    co_await disk.run(std::move(makeFolder));
-
     const std::string path = storePath(*folder);
+    auto makeFolder = [folder = *folder, path](std::stop_token) {
+        createPrivateFolder(folder);
+        return !std::filesystem::exists(path);
+    };
+    const bool storeIsNew = co_await disk.run(std::move(makeFolder));
+
     auto database = co_await Database::open(platform.pool, path, Database::Access::readWrite, uptimeOf(platform), patience);
     Injected injected;
     injected.makeProvider = std::move(makeProvider);
@@ -131,7 +134,9 @@ Task<std::shared_ptr<AppServices>> AppServices::create(
     // Without diagnostics: what is searched and what fails there never reaches a report.
     auto lock = holdsIndex ? std::nullopt : indexLock(platform.folders);
     injected.fileIndex = makeFileIndex(platform, database, injected.searchDatabase, nullptr, std::move(lock));
-    co_return std::make_shared<AppServices>(std::move(platform), std::move(database), std::move(injected));
+    auto services = std::make_shared<AppServices>(std::move(platform), std::move(database), std::move(injected));
+    services->storeIsNew = storeIsNew;
+    co_return services;
 }
 
 Task<std::shared_ptr<AppServices>> AppServices::createForReading(Platform platform)

@@ -87,6 +87,8 @@ public:
     KeychainService keychain;
     const MakeProvider makeProvider;
 
+    /// Whether `create` has made the store: nobody has used the program before.
+    bool storeIsNew = false;
     /// Names of tools for which the user has given consent beforehand, for every call of this process: of those nobody
     /// asks. Empty but for a command line that names them.
     std::set<std::string> allowedTools;

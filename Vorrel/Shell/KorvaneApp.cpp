@@ -97,6 +97,7 @@ Task<void> AppDelegate::startOrThrow()
     AppLog::app.info("Korvane is ready");
     _phase = Phase::ready;
     runFlags();
+    welcome();
 }
 
 Task<void> AppDelegate::startIndex(std::shared_ptr<FileIndex> index) { co_await index->start(); }
@@ -165,6 +166,19 @@ void AppDelegate::runFlags()
     const bool clean = hasFlag("--keychain-selftest-clean");
     if (clean || hasFlag("--keychain-selftest"))
         selfTestTask = spawn(host.platform.mainThread, keychainSelfTest(clean));
+}
+
+/// Who starts the program for the first time sees it, and learns the key. Where the key is not sure, the settings or the desktop
+/// tell of it.
+void AppDelegate::welcome()
+{
+    const auto &key = services->preferences().activeHotkey.get();
+    if (!services->storeIsNew || !key || !host.hotkeys.decidesAtOnce())
+        return;
+    if (host.arguments.empty())
+        toggle();
+    if (paletteController->presented())
+        paletteController->state().introduceKey(*key);
 }
 
 Task<std::string> AppDelegate::selfTestOutcome(bool clean)

@@ -70,6 +70,7 @@ private:
     void toggleFromStatusItem();
     void hotkeyLost(const HotkeyRegistrationError &why);
     void runFlags();
+    void welcome();
     Task<void> keychainSelfTest(bool clean);
     Task<std::string> selfTestOutcome(bool clean);
     bool hasFlag(std::string_view flag) const;

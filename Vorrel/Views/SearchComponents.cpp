@@ -739,6 +739,7 @@ void RunMark::hideEvent(QHideEvent *) { counting.cancel(); }
 PaletteFooter::PaletteFooter(Appearance &appearance, IconStore &icons, PaletteState &state, QWidget *parent) :
     QWidget(parent), appearance(appearance), state(state),
     name(new Text(appearance, TypeSize::Caption, Text::Tone::Secondary, QFont::DemiBold, this)),
+    newKey(new Text(appearance, TypeSize::Small, Text::Tone::Accent, QFont::DemiBold, this)),
     filesText(new Text(appearance, TypeSize::Small, Text::Tone::Secondary, QFont::Normal, this)),
     filesMark(new Spinner(appearance, 12, this)), busyMark(new Spinner(appearance, 16, this)),
     run(new RunMark(appearance, icons, state.services, this)),
@@ -766,6 +767,7 @@ PaletteFooter::PaletteFooter(Appearance &appearance, IconStore &icons, PaletteSt
     line->setContentsMargins(Metrics::margin, 1, Metrics::margin - hintGap / 2, 0);
     line->setSpacing(0);
     line->addWidget(name);
+    line->addWidget(newKey);
     auto *marks = new QHBoxLayout;
     marks->setContentsMargins(16, 0, 0, 0);
     marks->setSpacing(8);
@@ -780,6 +782,11 @@ PaletteFooter::PaletteFooter(Appearance &appearance, IconStore &icons, PaletteSt
 void PaletteFooter::refresh()
 {
     const Row selected = state.selectedResult();
+    const auto &key = state.newKey();
+    name->setVisible(!key);
+    newKey->setVisible(key.has_value());
+    if (key)
+        newKey->setText(fromUtf8(L10n::shown("Press %@ to open or hide Korvane.")).replace(QLatin1String("%@"), nameOf(*key)));
     filesMark->setVisible(state.searchingFiles());
     filesText->setVisible(state.searchingFiles());
     run->refresh();
@@ -792,6 +799,7 @@ void PaletteFooter::refresh()
 void PaletteFooter::applyAppearance()
 {
     name->applyAppearance();
+    newKey->applyAppearance();
     filesText->applyAppearance();
     run->applyAppearance();
     update();

@@ -273,7 +273,7 @@ protected:
 private:
     Appearance &appearance;
     PaletteState &state;
-    Text *name, *filesText;
+    Text *name, *newKey, *filesText;
     Spinner *filesMark, *busyMark;
     RunMark *run;
     FlatButton *preview, *actions;

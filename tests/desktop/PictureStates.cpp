@@ -460,6 +460,11 @@ constexpr PictureState states[] = {
             scene.palette()._results = Rows();
             scene.palette()._searchingFiles = true;
         }},
+    {"newkey",
+        [](Stage &scene) {
+            scene.palette()._results = joined({applications(scene), commands()});
+            scene.palette().introduceKey(HotkeyConfiguration());
+        }},
     {"busy",
         [](Stage &scene) {
             scene.palette()._results = joined({commands(), applications(scene)});

@@ -236,6 +236,18 @@ std::string fieldOfPalette(FakeKeyboard &keyboard)
     return output("timeout 1 xclip -selection primary -o");
 }
 
+/// At the first start of all the palette comes by itself. What is tested here are the others.
+class FormerStart : public testing::Environment {
+    void SetUp() override
+    {
+        Program program({korvane});
+        ASSERT_TRUE(program.ready());
+        program.signal(SIGTERM);
+        ASSERT_TRUE(soon([&] { return program.exitStatus().has_value(); }));
+    }
+};
+const testing::Environment *const formerStart = testing::AddGlobalTestEnvironment(new FormerStart);
+
 } // namespace
 
 TEST(Program, OfTwentySimultaneousStartsExactlyOneStays)

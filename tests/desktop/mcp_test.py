@@ -56,7 +56,7 @@ def main():
         name, _ = MARK.split("=")
         file.write_text(json.dumps({"id": mode, "name": mode, "command": hostile, "args": [mode],
                                     "secretEnvironment": {name: "mark"}}))
-        assert run("mcp", "add", str(file)) == (0, "", "")
+        assert run("mcp", "add", str(file)) == (0, mode + "\n", "")
 
     for mode in ("good", "banner", "stubborn", "stops-reading", "leaves-daemons"):
         add(mode)

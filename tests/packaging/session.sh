@@ -93,8 +93,6 @@ korvanectl run "$id"
 until_true 10 "korvanectl did not start the application." grep -qx 'started ' started
 [ "$(korvanectl shortcuts list)" = 'Water plants' ] || fail "The shortcut is not found."
 korvanectl shortcuts run 'Water plants' && [ -e 'shortcut ran' ] || fail "The shortcut did not run."
-korvanectl mcp add tide.json
-korvanectl mcp tools tide --yes | grep -q '"high-water"' || fail "The MCP server's tools are not found."
 
 # By the palette: an application, then, after a second start, which shows it again, a file.
 : >started
@@ -113,6 +111,8 @@ until_true 10 "The palette did not open the file." grep -qxF "started $HOME/Docu
 
 kill -TERM "$korvane"
 wait "$korvane" || fail "Korvane ended with status $?."
+[ "$(korvanectl mcp add tide.json)" = tide ] || fail "The MCP server is not added."
+korvanectl mcp tools tide --yes | grep -q '"high-water"' || fail "The MCP server's tools are not found."
 echo "session: indexed $(korvanectl index status | awk '$1 == "files" { print $2 }') files, found and started an application and a file"
 kill "$manager" "$screen"
 wait

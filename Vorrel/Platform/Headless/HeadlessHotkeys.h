@@ -35,6 +35,7 @@ public:
             std::erase_if(held, [&](const HotkeyConfiguration &one) { return one.sameKeys(configuration); });
         });
     }
+    bool decidesAtOnce() const override { return !asksUser; }
 
     /// The user presses a combination. True when it was registered.
     bool press(const HotkeyConfiguration &configuration)
@@ -48,6 +49,7 @@ public:
     static constexpr std::int32_t existsStatus = -9878;
 
     bool unavailable = false; ///< Set before `install`.
+    bool asksUser = false; ///< Decides only after `reserve`.
     std::vector<HotkeyConfiguration> taken; ///< By other programs.
     std::vector<HotkeyConfiguration> held; ///< By this one.
     std::vector<std::string> log; ///< "reserve ⌥Space", "release ⌥Space", "remove", in their order.

@@ -15,6 +15,7 @@ public:
     bool install(Handlers handlers) override { return chosen->install(std::move(handlers)); }
     void remove() override { chosen->remove(); }
     HotkeyLease reserve(const HotkeyConfiguration &configuration) override { return chosen->reserve(configuration); }
+    bool decidesAtOnce() const override { return chosen->decidesAtOnce(); }
 
     /// As those of `X11Hotkeys`; the portal holds no keys back.
     std::uint32_t claimKeys() { return display ? display->claimKeys() : 0; }

@@ -23,6 +23,7 @@ public:
     bool install(Handlers handlers) override;
     void remove() override;
     HotkeyLease reserve(const HotkeyConfiguration &configuration) override;
+    bool decidesAtOnce() const override { return false; }
 
     /// The combination in the words of the freedesktop.org shortcuts specification, such as "ALT+space".
     static std::string trigger(const HotkeyConfiguration &configuration);

@@ -97,6 +97,7 @@ struct TestApp : HeadlessDesktop {
         clipboard = static_cast<ScriptedClipboard *>(injected.clipboard.get());
         shortcuts = static_cast<ScriptedShortcuts *>(injected.shortcuts.get());
         services = std::make_shared<AppServices>(std::move(ports), std::move(database), std::move(injected));
+        services->storeIsNew = firstStart;
         co_return services;
     }
 
@@ -145,7 +146,7 @@ struct TestApp : HeadlessDesktop {
     std::unique_ptr<AppDelegate> delegate;
     std::exception_ptr createFailure;
     Milliseconds createDelay{0}, indexDelay{0};
-    bool brokenPreferences = false;
+    bool brokenPreferences = false, firstStart = false;
     Strings log, messages;
     int replies = 0;
 };
@@ -178,6 +179,75 @@ TEST(AppDelegate, TheFlagShowOpensThePaletteOnceReady)
     ASSERT_TRUE(app.delegate->controller());
     EXPECT_TRUE(app.delegate->controller()->presented());
     EXPECT_TRUE(app.window->visible());
+}
+
+TEST(AppDelegate, AtTheFirstStartThePaletteComesByItselfAndNamesItsKeyUntilItHides)
+{
+    TestApp app;
+    app.firstStart = true;
+    app.launch();
+    ASSERT_TRUE(app.delegate->controller());
+    EXPECT_TRUE(app.window->visible());
+    const PaletteState &state = app.delegate->controller()->state();
+    EXPECT_EQ(state.newKey(), HotkeyConfiguration());
+    app.delegate->controller()->state().setInputText("zebra");
+    EXPECT_TRUE(state.newKey()) << "it stands while the user tries what there is";
+    EXPECT_TRUE(app.hotkeys.press(HotkeyConfiguration()));
+    EXPECT_FALSE(app.delegate->controller()->presented());
+    EXPECT_TRUE(app.hotkeys.press(HotkeyConfiguration()));
+    EXPECT_TRUE(app.delegate->controller()->presented());
+    EXPECT_FALSE(state.newKey());
+    EXPECT_EQ(app.settingsWindow->shown, 0);
+}
+
+TEST(AppDelegate, OnlyTheStartThatMakesTheStoreIsTheFirst)
+{
+    const DataFolder data;
+    for (const bool first : {true, false}) {
+        TestApp app({}, data.path);
+        app.launch();
+        ASSERT_TRUE(app.delegate->controller());
+        EXPECT_EQ(app.delegate->controller()->presented(), first);
+        EXPECT_EQ(app.delegate->controller()->state().newKey().has_value(), first);
+        app.terminate();
+    }
+}
+
+TEST(AppDelegate, AFirstStartThatIsToShowThePaletteShowsItOnceAndNamesItsKey)
+{
+    TestApp app({"--show"});
+    app.firstStart = true;
+    app.launch();
+    EXPECT_TRUE(app.delegate->controller()->presented());
+    EXPECT_EQ(app.delegate->controller()->state().newKey(), HotkeyConfiguration());
+}
+
+TEST(AppDelegate, AFirstStartThatIsToShowSomethingElseLeavesThePaletteHidden)
+{
+    for (const char *flag : {"--settings", "--rebuild-index"}) {
+        TestApp app({flag});
+        app.firstStart = true;
+        app.launch();
+        EXPECT_FALSE(app.delegate->controller()->presented()) << flag;
+        app.delegate->toggle();
+        EXPECT_FALSE(app.delegate->controller()->state().newKey()) << flag;
+    }
+}
+
+TEST(AppDelegate, AFirstStartWithoutASureKeyNamesNone)
+{
+    TestApp taken;
+    taken.firstStart = true;
+    taken.hotkeys.taken = {HotkeyConfiguration()};
+    taken.launch();
+    EXPECT_EQ(taken.settingsWindow->shown, 1) << "which tell what to do";
+    EXPECT_FALSE(taken.delegate->controller()->presented());
+    TestApp asking({"--show"});
+    asking.firstStart = true;
+    asking.hotkeys.asksUser = true;
+    asking.launch();
+    EXPECT_TRUE(asking.delegate->controller()->presented());
+    EXPECT_FALSE(asking.delegate->controller()->state().newKey());
 }
 
 TEST(AppDelegate, AnIndexThatTakesLongToStartHoldsUpNothing)
