@@ -799,7 +799,7 @@ class AgentPage : public SettingsPages {
 protected:
     AgentPage()
     {
-        auto skills = std::make_shared<FoundSkills>(desktop.loop.executor());
+        auto skills = std::make_shared<FoundSkills>();
         loader = skills.get();
         store = std::make_shared<AgentStore>(AgentStore::Parts{.mainThread = desktop.loop.executor(),
             .folders = desktop.folders,
