@@ -268,7 +268,7 @@ Task<void> FileIndexRepository::deleteWithSubtrees(std::vector<std::string> path
 }
 
 /// The paths that a question about some of them gives, asked in portions.
-Task<std::set<std::string>> FileIndexRepository::pathsOf(PathQuestion question, std::vector<std::string> among) const
+Task<std::set<std::string>> FileIndexRepository::answerTo(PathQuestion question, std::vector<std::string> among) const
 {
     std::set<std::string> found;
     for (std::size_t begin = 0; begin < among.size(); begin += pathsOfQuestion) {
@@ -289,7 +289,7 @@ Task<std::set<std::string>> FileIndexRepository::pathsOf(PathQuestion question, 
 Task<std::set<std::string>> FileIndexRepository::directories(std::vector<std::string> among) const
 {
     PathQuestion question{"SELECT path FROM file_index WHERE is_directory=1 AND path IN (", "?", ")"};
-    co_return co_await pathsOf(std::move(question), std::move(among));
+    co_return co_await answerTo(std::move(question), std::move(among));
 }
 
 Task<std::set<std::string>> FileIndexRepository::withRowsBelow(std::vector<std::string> among) const
@@ -297,7 +297,7 @@ Task<std::set<std::string>> FileIndexRepository::withRowsBelow(std::vector<std::
     PathQuestion question{"WITH asked(path) AS (VALUES ", "(?)",
         ") SELECT path FROM asked WHERE EXISTS(SELECT 1 FROM file_index "
         "WHERE file_index.path>asked.path||'/' AND file_index.path<asked.path||'0')"};
-    co_return co_await pathsOf(std::move(question), std::move(among));
+    co_return co_await answerTo(std::move(question), std::move(among));
 }
 
 Task<void> FileIndexRepository::deleteTree(std::string path) const

@@ -76,7 +76,7 @@ private:
     struct PathQuestion {
         std::string beginning, onePath, end;
     };
-    Task<std::set<std::string>> pathsOf(PathQuestion question, std::vector<std::string> among) const;
+    Task<std::set<std::string>> answerTo(PathQuestion question, std::vector<std::string> among) const;
     void tellRemovedTree(const std::string &path) const;
     Task<RootPublication> publish(std::string root, std::function<bool()> wanted) const;
     Database::Question question(
