@@ -31,8 +31,8 @@ public:
             co_return true;
         if (!::isatty(STDIN_FILENO) || !::isatty(STDERR_FILENO))
             co_return false;
-        std::cerr << withoutControls(title) << "\n" << withoutControls(detail) << "\nAllow? [y/N] " << std::flush;
         ::tcflush(STDIN_FILENO, TCIFLUSH); // what was typed before is no answer to what only now stands here
+        std::cerr << withoutControls(title) << "\n" << withoutControls(detail) << "\nAllow? [y/N] " << std::flush;
         std::string answer;
         std::getline(std::cin, answer);
         co_return answer == "y" || answer == "Y" || answer == "yes";
