@@ -316,9 +316,9 @@ TEST(FilePreviewAccessThreads, AnswersThatRaceWithTheTimerAndWithCancellationEnd
 {
     MainLoop loop;
     SystemClock clock;
-    std::atomic<int> probes = 0;
-    const auto probe = [&probes](const std::string &) -> std::optional<Reason> {
-        if (++probes % 2 == 0)
+    const auto probes = std::make_shared<std::atomic<int>>(0); // the last of them may outlive the test
+    const auto probe = [probes](const std::string &) -> std::optional<Reason> {
+        if (++*probes % 2 == 0)
             std::this_thread::yield();
         return Reason::missing;
     };
