@@ -33,6 +33,9 @@ public:
             co_return false;
         ::tcflush(STDIN_FILENO, TCIFLUSH); // what was typed before is no answer to what only now stands here
         std::cerr << withoutControls(title) << "\n" << withoutControls(detail) << "\nAllow? [y/N] " << std::flush;
+        // Nothing blocks before a whole line is there: Ctrl-C is noticed at any moment of the wait.
+        const Descriptor terminal(::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0));
+        co_await waitUntilReadable(terminal);
         std::string answer;
         std::getline(std::cin, answer);
         co_return answer == "y" || answer == "Y" || answer == "yes";

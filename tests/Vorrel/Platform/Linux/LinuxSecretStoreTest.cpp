@@ -152,8 +152,8 @@ struct MuteService {
 
 namespace {
 
-/// A service with one locked item. It asks for its password and waits for ever, or denies everything; what was done to its
-/// question is noted in a file.
+/// A service with one locked item. It asks for its password and waits for ever, denies everything, or hangs in the first call;
+/// what was done to it is noted in a file.
 struct StubbornService {
     StubbornService(const PrivateBus &bus, const std::string &mode) :
         process({"/usr/bin/python3", "-c", program, mode, notes()},
@@ -169,13 +169,18 @@ struct StubbornService {
     }
 
     static constexpr const char *program = R"python(
-import sys
+import sys, time
 import dbus, dbus.service, dbus.mainloop.glib
 from gi.repository import GLib
 
 mode, notes = sys.argv[1:]
 base, interface = "/org/freedesktop/secrets", "org.freedesktop.Secret."
 item, prompt = base + "/collection/a/1", base + "/prompt/p"
+
+
+def note(word):
+    with open(notes, "a") as file:
+        file.write(word + " ")
 
 
 def deny():
@@ -191,6 +196,9 @@ class Thing(dbus.service.Object):
 
     @dbus.service.method(interface + "Service", in_signature="sv", out_signature="vo")
     def OpenSession(self, algorithm, _):
+        if mode == "hangs":
+            note("called")
+            time.sleep(60)
         if algorithm != "plain":
             raise dbus.exceptions.DBusException("no", name="org.freedesktop.DBus.Error.NotSupported")
         return dbus.String("", variant_level=1), dbus.ObjectPath(base + "/session/s")
@@ -211,11 +219,11 @@ class Thing(dbus.service.Object):
 
     @dbus.service.method(interface + "Prompt", in_signature="s")
     def Prompt(self, _):
-        open(notes, "a").write("asked ")
+        note("asked")
 
     @dbus.service.method(interface + "Prompt")
     def Dismiss(self):
-        open(notes, "a").write("withdrawn ")
+        note("withdrawn")
         self.Completed(True, dbus.String("", variant_level=1))
 
     @dbus.service.signal(interface + "Prompt", signature="bv")
@@ -277,11 +285,12 @@ TEST(SecretStoreThreads, AWaitForTheServiceEndsWhenItIsStoppedFromAnotherThread)
 {
     const PrivateBus bus;
     const SessionBus session(bus.address());
-    const MuteService mute(bus);
+    const StubbornService hanging(bus, "hangs");
     LinuxSecretStore store(bus.address());
     std::stop_source source;
     std::thread stopping([&] {
-        std::this_thread::sleep_for(Milliseconds(100));
+        while (hanging.noted().empty())
+            std::this_thread::yield();
         source.request_stop();
     });
     const auto start = Time::now();
