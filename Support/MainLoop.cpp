@@ -135,15 +135,22 @@ void MainLoop::shutDown()
 {
     if (!context)
         return;
-    std::deque<std::unique_ptr<Work>> dropped;
-    {
-        std::scoped_lock lock(queue->mutex);
-        queue->closed = true;
-        dropped.swap(queue->work);
-    }
-    // Destroying one coroutine may end another's wait, which then finds the queue closed.
-    dropped.clear();
+    // What arrives while this goes on is destroyed here, too, and not on the thread that brings it: the context's own
+    // thread may still be looking at what a frame holds. Destroying one coroutine may end another's wait.
+    const auto drop = [this](bool last) {
+        for (;;) {
+            std::deque<std::unique_ptr<Work>> dropped;
+            std::scoped_lock lock(queue->mutex);
+            queue->wakeOutstanding = true; // nobody is to come for it
+            queue->closed = queue->closed || last;
+            dropped.swap(queue->work);
+            if (dropped.empty())
+                return;
+        }
+    };
+    drop(false);
     context->end();
+    drop(true);
 }
 
 void MainThreadOnly::check() const
