@@ -9,6 +9,7 @@
 #include "Vorrel/Views/X11Window.h"
 
 #include <QApplication>
+#include <QBackingStore>
 #include <QBitmap>
 #include <QCursor>
 #include <QDialog>
@@ -83,10 +84,22 @@ public:
         setFixedSize(QtPaletteWindow::width + 2 * margin, QtPaletteWindow::height + 2 * margin);
         if (_view)
             _view->setGeometry(palette());
-        if (composed)
-            clearMask();
-        else
-            setMask(outline());
+        // The window's own mask and not the widget's, to which the toolkit would clip everything that it draws.
+        if (!composed)
+            winId();
+        if (QWindow *window = windowHandle())
+            window->setMask(composed ? QRegion() : outline());
+    }
+
+    /// Before it draws anew, the toolkit asks the server whether it has taken the picture before. Now it has; while it is
+    /// busy with a window that appears, the answer would take milliseconds.
+    void readyToPaint() const
+    {
+        QBackingStore *store = backingStore();
+        if (!store || store->size().isEmpty())
+            return;
+        store->beginPaint(QRect(0, 0, 1, 1));
+        store->endPaint();
     }
 
     /// The toolkit overlooks that a window has the keyboard again when it went and came within a moment.
@@ -511,6 +524,7 @@ void QtPaletteWindow::bringToFront()
     if (appears) {
         hadKeyboard = false;
         takeShape();
+        _surface->readyToPaint();
     }
     const std::uint32_t asked = userTime();
     const std::uint32_t time = asked ? asked : x11::serverTime();
@@ -523,7 +537,11 @@ void QtPaletteWindow::bringToFront()
     shownAt = clock.uptime();
     if (!appears)
         return noteKeyboard(); // one on its way out still has it, and nothing will be reported
-    // The server is not asked anything now: it is busy with the new window, and the first picture would wait for its answer.
+    // The first picture is made while the server and the window manager are busy with the new window: once it is exposed, the
+    // toolkit only has to copy it. It paints nothing before it takes a window for mapped. The server is not asked anything
+    // now: the picture would wait for its answer.
+    _surface->setAttribute(Qt::WA_Mapped);
+    _surface->repaint();
     Task<void> task = settle(clock, this);
     settling = spawn(mainThread, std::move(task));
 }
