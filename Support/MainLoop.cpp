@@ -1,5 +1,6 @@
 #include "Support/MainLoop.h"
 
+#include <boost/asio/detail/scheduler.hpp>
 #include <boost/asio/execution.hpp>
 #include <boost/asio/execution_context.hpp>
 
@@ -60,7 +61,14 @@ struct MainLoop::Queue {
 class MainLoop::Context : public asio::execution_context {
 public:
     ~Context() { end(); }
-    void end() { shutdown(); }
+    /// The library ends its services in the order that is the reverse of their making, and so the waits for descriptors before
+    /// the thread that looks at them. That thread has to be the first to end.
+    void end()
+    {
+        if (asio::has_service<asio::detail::scheduler>(*this))
+            asio::use_service<asio::detail::scheduler>(*this).shutdown();
+        shutdown();
+    }
 };
 
 /// Satisfies the library's executor requirements; always queues, never runs in place.

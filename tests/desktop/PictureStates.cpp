@@ -9,6 +9,7 @@
 #include "Vorrel/Views/SettingsView.h"
 
 #include <QApplication>
+#include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
 #include <QKeyEvent>
@@ -17,6 +18,7 @@
 #include <QPdfWriter>
 #include <QScrollArea>
 #include <QScrollBar>
+#include <QThread>
 
 #include <cmath>
 #include <fcntl.h>
@@ -756,6 +758,12 @@ void Stage::showPreview(const QString &name, const std::function<void(const QStr
     sample(path);
     setModified(path);
     makePreview(KORVANE_BINARIES "/korvane-preview").show(path.toStdString(), {});
+    // On the clock no time goes by: also on a busy machine it is not first shown that it loads.
+    const QDeadlineTimer deadline(5000);
+    while (!preview->settled() && !deadline.hasExpired()) {
+        turn();
+        QThread::msleep(1);
+    }
     waitFor([this] { return preview->settled() && preview->surface()->isActiveWindow(); });
 }
 

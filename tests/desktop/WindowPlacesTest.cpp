@@ -7,10 +7,10 @@
 
 #include <gtest/gtest.h>
 
-#include <QWindow>
 #include <QApplication>
 #include <QProcess>
 #include <QScreen>
+#include <QWindow>
 
 namespace korvane::test {
 
