@@ -623,6 +623,17 @@ TEST_F(Palette, TheWindowStandsWhereItsControllerWantsItOnEveryShow)
     }
 }
 
+TEST_F(Palette, TheFirstPictureIsMadeBeforeTheServerHasAWindowForIt)
+{
+    scene.controller->toggle();
+    ASSERT_TRUE(scene.waitFor([&] { return !scene.shownWindow().visible(); }));
+    PaintCounter paints(*list().viewport());
+    scene.controller->toggle();
+    EXPECT_EQ(paints.paints, 1);
+    EXPECT_FALSE(scene.shownWindow().surface()->windowHandle()->isExposed()) << "it is still to be placed";
+    EXPECT_TRUE(scene.waitFor([&] { return scene.shownWindow().surface()->windowHandle()->isExposed(); }));
+}
+
 TEST_F(Palette, TheWindowIsTheSizeOfThePaletteOrHasRoomForItsShadow)
 {
     const QWidget &surface = *scene.shownWindow().surface();
