@@ -1,5 +1,5 @@
+#include "Vorrel/Platform/Linux/LinuxPasteboard.h"
 #include "Vorrel/Platform/Linux/LinuxPlatform.h"
-#include "Vorrel/Platform/Linux/XcbPasteboard.h"
 #include "Vorrel/Shell/AppLog.h"
 #include "Vorrel/Shell/CommandLineTool.h"
 
@@ -183,7 +183,7 @@ int main(int count, char **words)
     {
         LinuxPlatform system(loop.executor(), processVariables());
         TerminalDialogs dialogs;
-        XcbPasteboard pasteboard(system.pool.executor(), nonEmpty(system.environment, "DISPLAY").value_or(""));
+        LinuxPasteboard pasteboard(system.pool.executor(), processVariables());
         Interrupts interrupts(loop.executor());
         CommandLineTool tool({.loop = loop,
             .platform = system.ports(dialogs, pasteboard, false),

@@ -3,6 +3,7 @@
 // front. Runs inside with-wayland.sh. Waits look again until a deadline.
 #include "Support/ChildProcess.h"
 #include "Support/MainLoop.h"
+#include "Vorrel/Platform/Linux/LinuxPasteboard.h"
 #include "Vorrel/Platform/Linux/LinuxPasteboardWatching.h"
 #include "Vorrel/Platform/Linux/PasteboardForms.h"
 #include "Vorrel/Store/ClipboardRepository.h"
@@ -102,6 +103,29 @@ TEST_F(WaylandClipboard, EachCopyIsToldWithItsText)
     copied("printf two | wl-copy");
     EXPECT_EQ(text(), "two");
     EXPECT_FALSE(watching.obstacle.get());
+}
+
+TEST_F(WaylandClipboard, ACopyOfAProgramWithoutAWindowIsTheDesktopsAndOutlivesIt)
+{
+    {
+        ThreadPool ended{1};
+        LinuxPasteboard pasteboard(ended.executor(), environmentSnapshot());
+        EXPECT_TRUE(await(loop, pasteboard.setText("tide at noon, 文字")));
+    }
+    EXPECT_TRUE(changed());
+    EXPECT_EQ(text(), "tide at noon, 文字");
+    copied("printf other | wl-copy");
+    EXPECT_EQ(text(), "other");
+}
+
+TEST_F(WaylandClipboard, WithoutAProgramThatCopiesTheXServerHasTheCopy)
+{
+    std::vector<std::string> variables = environmentSnapshot();
+    std::erase_if(variables, [](const std::string &variable) { return variable.starts_with("PATH="); });
+    variables.push_back("PATH=/nowhere");
+    LinuxPasteboard pasteboard(pool.executor(), variables);
+    EXPECT_TRUE(await(loop, pasteboard.setText("tide")));
+    EXPECT_EQ(run("test \"$(timeout 5 xclip -selection clipboard -o)\" = tide"), 0);
 }
 
 TEST_F(WaylandClipboard, WhatIsThereAtTheStartIsNoChange)

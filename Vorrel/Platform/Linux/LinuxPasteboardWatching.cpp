@@ -5,15 +5,10 @@
 
 namespace korvane {
 
-namespace {
-
-/// Desktops that hand every copy on to their X server, and let nobody follow the clipboard otherwise.
-bool sharesWithX11(const std::vector<std::string> &variables)
+bool sharesCopiesWithX11(const std::vector<std::string> &variables)
 {
     return environmentValue(variables, "XDG_CURRENT_DESKTOP").find("GNOME") != std::string_view::npos;
 }
-
-} // namespace
 
 LinuxPasteboardWatching::LinuxPasteboardWatching(
     Executor mainThread, Executor pool, Clock &clock, std::vector<std::string> variables, const DesktopEntries &entries) :
@@ -25,7 +20,7 @@ LinuxPasteboardWatching::LinuxPasteboardWatching(
         auto identify = [this](std::vector<std::string> names) { return classes.identify(std::move(names)); };
         x11 = std::make_unique<X11PasteboardWatching>(mainThread, pool, clock, display, std::move(identify));
     }
-    if (!isWayland || (x11 && sharesWithX11(variables))) {
+    if (!isWayland || (x11 && sharesCopiesWithX11(variables))) {
         followX11();
         return;
     }

@@ -7,6 +7,10 @@
 
 namespace korvane {
 
+/// Whether this desktop hands every copy on to its X server, and takes those from there, all the time. `variables` are the
+/// process's own, as "NAME=value". Any thread.
+bool sharesCopiesWithX11(const std::vector<std::string> &variables);
+
 /// The clipboard of a Linux desktop. Under X11 that of the display.
 ///
 /// Under Wayland an X server sees copies of other programs only where the desktop hands all of them on, as that of GNOME does;

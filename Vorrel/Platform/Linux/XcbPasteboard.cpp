@@ -23,7 +23,6 @@ namespace {
 
 using SteadyClock = std::chrono::steady_clock;
 
-constexpr std::size_t textLimit = 64U << 20;
 constexpr std::chrono::seconds ownershipLimit{2};
 constexpr std::chrono::seconds farewellLimit{10}; // for transfers under way when the clipboard changes hands
 

@@ -14,7 +14,9 @@ public:
     /// `display` is as in $DISPLAY; empty where there is none. `pool` waits for the process.
     XcbPasteboard(Executor pool, std::string display) : actor(std::move(pool)), display(std::move(display)) { }
 
-    /// Ends within two seconds, whatever the display does. Takes at most 64 MiB.
+    static constexpr std::size_t textLimit = 64U << 20; ///< Bytes.
+
+    /// Ends within two seconds, whatever the display does. False also for a text over the limit.
     Task<bool> setText(std::string text) override;
 
 private:
