@@ -12,7 +12,9 @@
 
 #include <QApplication>
 #include <QDialogButtonBox>
+#include <QFile>
 #include <QFileDialog>
+#include <QLineEdit>
 #include <QPushButton>
 #include <QWindow>
 
@@ -22,6 +24,7 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Not;
+using testing::UnorderedElementsAre;
 using namespace std::chrono_literals;
 
 namespace {
@@ -315,6 +318,33 @@ TEST_F(Filters, ThePanelForAFolderHasItsWordsAndStandsOverThePalette)
     accept->click();
     ASSERT_TRUE(scene.waitFor([&] { return asked.done(); }));
     EXPECT_EQ(asked.result(), std::vector{scene.folder.path().toStdString()}) << "the folder in which it began";
+}
+
+TEST_F(Filters, ThePanelForFilesGivesEveryOneThatWasChosen)
+{
+    Strings paths;
+    for (const char *name : {"high tide.txt", "低潮.txt", "left.txt"}) {
+        QFile file(scene.folder.filePath(QString::fromUtf8(name)));
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        paths.push_back(file.fileName().toStdString());
+    }
+    QtDialogs dialogs(scene.appearance);
+    dialogs.palette = [&] { return scene.shownWindow().surface(); };
+    Dialogs::Choice choice;
+    choice.multiple = true;
+    choice.title = "Choose two files";
+    choice.directory = scene.folder.path().toStdString();
+    Begun<std::optional<std::vector<std::string>>> asked(scene.loop, dialogs.choose(choice));
+    ASSERT_TRUE(scene.waitFor([&] { return scene.shownWindow().hasSheet(); }));
+
+    auto *panel = scene.shownWindow().surface()->findChild<QFileDialog *>();
+    ASSERT_NE(panel, nullptr);
+    auto *name = panel->findChild<QLineEdit *>();
+    ASSERT_NE(name, nullptr);
+    name->setText(QStringLiteral("\"high tide.txt\" \"低潮.txt\""));
+    press(*name, Qt::Key_Return);
+    ASSERT_TRUE(scene.waitFor([&] { return asked.done(); }));
+    EXPECT_THAT(asked.result(), testing::Optional(UnorderedElementsAre(paths[0], paths[1])));
 }
 
 // Shortcuts
