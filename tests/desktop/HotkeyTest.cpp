@@ -321,6 +321,23 @@ TEST_F(Hotkey, WhereNoKeyBearsTheNameItsPlaceDecides)
     EXPECT_TRUE(fires(FakeKeyboard::alt, FakeKeyboard::keyFor('q')));
 }
 
+TEST_F(Hotkey, AKeyWithoutANameHereIsFoundByItsLabel)
+{
+    layout("-layout de");
+    const HotkeyConfiguration sharpS{.keyCode = 27, .modifiers = HotkeyConfiguration::option, .keyLabel = "ß"};
+    const std::uint8_t place = FakeKeyboard::keyFor('-'), minus = FakeKeyboard::keyFor('/'); // of a US keyboard
+    {
+        const HotkeyLease lease = hotkeys.reserve(sharpS);
+        EXPECT_TRUE(fires(FakeKeyboard::alt, place));
+        EXPECT_FALSE(fires(FakeKeyboard::alt, minus)) << "which is the minus sign's";
+    }
+    HotkeyConfiguration named = sharpS;
+    named.keyLabel = "-";
+    const HotkeyLease lease = hotkeys.reserve(named);
+    EXPECT_FALSE(fires(FakeKeyboard::alt, place));
+    EXPECT_TRUE(fires(FakeKeyboard::alt, minus));
+}
+
 TEST_F(Hotkey, AKeyThatTheNewLayoutPutsWhereAnotherProgramIsIsToldAsLost)
 {
     const HotkeyLease lease = hotkeys.reserve(optionQ);

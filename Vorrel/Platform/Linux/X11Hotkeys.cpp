@@ -169,7 +169,8 @@ private:
         if (!key)
             return all;
         const std::uint16_t modifiers = keymap.modifiersFor(configuration.modifiers);
-        for (const xcb_keycode_t code : keymap.keysFor(*key))
+        const std::string label = configuration.keyLabel.value_or("");
+        for (const xcb_keycode_t code : keymap.keysFor(*key, label))
             for (const std::uint16_t locks : keymap.lockVariants(modifiers))
                 all[code].insert({code, std::uint16_t(modifiers | locks)});
         return all;

@@ -3,6 +3,8 @@
 #include "Vorrel/Platform/Linux/Xkb.h"
 
 #include <algorithm>
+#include <glib.h>
+#include <xkbcommon/xkbcommon.h>
 
 namespace korvane {
 
@@ -11,6 +13,15 @@ namespace {
 constexpr std::uint32_t numLock = 0xff7f, scrollLock = 0xff14;
 constexpr std::uint32_t altLeft = 0xffe9, altRight = 0xffea, superLeft = 0xffeb, superRight = 0xffec;
 constexpr std::uint8_t groupCount = 0x0f; // the bits of a key's group information that count its layouts
+
+/// The keysym of a text that is one character, in lower case; else none, 0.
+std::uint32_t keysymOf(std::string_view text)
+{
+    const gunichar character = g_utf8_get_char_validated(text.data(), gssize(text.size()));
+    if (text.empty() || character >= 0x110000 || g_unichar_to_utf8(character, nullptr) != int(text.size()))
+        return 0;
+    return ::xkb_utf32_to_keysym(g_unichar_tolower(character));
+}
 
 } // namespace
 
@@ -73,12 +84,21 @@ bool X11Keymap::isModifier(std::uint8_t code) const
     return key != keys.end() && key->second.modifier;
 }
 
-std::vector<std::uint8_t> X11Keymap::keysFor(const VirtualKey &wanted) const
+std::vector<std::uint8_t> X11Keymap::keysNamed(std::uint32_t keysym) const
 {
     std::vector<std::uint8_t> found;
     for (const auto &[code, key] : keys)
-        if (std::ranges::find(key.plain, wanted.keysym) != key.plain.end())
+        if (keysym && std::ranges::find(key.plain, keysym) != key.plain.end())
             found.push_back(code);
+    return found;
+}
+
+std::vector<std::uint8_t> X11Keymap::keysFor(const VirtualKey &wanted, std::string_view label) const
+{
+    const std::uint32_t labelled = keysymOf(label);
+    std::vector<std::uint8_t> found = virtualKeyNamed(labelled) ? std::vector<std::uint8_t>() : keysNamed(labelled);
+    if (found.empty())
+        found = keysNamed(wanted.keysym);
     constexpr std::uint32_t shift = 8; // between the kernel's key codes and those of X
     const std::uint32_t place = wanted.position + shift;
     if (found.empty() && place <= UINT8_MAX && keys.contains(std::uint8_t(place)))

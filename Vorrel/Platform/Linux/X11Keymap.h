@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <string_view>
 #include <vector>
 
 typedef struct xcb_connection_t xcb_connection_t;
@@ -26,8 +27,10 @@ public:
     /// Asks the server, which must have the XKB extension. Nothing when it does not answer.
     static std::optional<X11Keymap> read(xcb_connection_t *connection);
 
-    /// The keys that bear this one's name in any of the keyboard's layouts; where none does, the key at its place.
-    std::vector<std::uint8_t> keysFor(const VirtualKey &key) const;
+    /// The keys that bear this one's name in any of the keyboard's layouts; where none does, the key at its place. A `label` that
+    /// is one character and no name of another key goes before the name: what a German keyboard has at the place of the minus
+    /// sign is labelled "ß", and has its minus sign elsewhere.
+    std::vector<std::uint8_t> keysFor(const VirtualKey &key, std::string_view label) const;
     /// Whether the key of this code is Shift, Alt or the like.
     bool isModifier(std::uint8_t code) const;
     /// X modifiers for those of a configuration, wherever this keyboard has Alt and Super.
@@ -36,6 +39,9 @@ public:
     std::vector<std::uint16_t> lockVariants(std::uint16_t modifiers) const;
 
 private:
+    /// The keys that bear the name in any layout; none for 0.
+    std::vector<std::uint8_t> keysNamed(std::uint32_t keysym) const;
+
     struct Key {
         std::vector<std::uint32_t> plain; ///< Keysyms without Shift, one a layout.
         std::vector<std::uint32_t> all;
