@@ -39,7 +39,11 @@ bool endsWell(pid_t child)
 {
     const Descriptor end(int(::syscall(SYS_pidfd_open, child, 0)));
     pollfd waiting{end.get(), POLLIN, 0};
-    if (!end || ::poll(&waiting, 1, patience) <= 0)
+    int count = 0;
+    do // a signal to this program, such as Ctrl-C, is no end of the other
+        count = end ? ::poll(&waiting, 1, patience) : 0;
+    while (count < 0 && errno == EINTR);
+    if (count <= 0)
         ::kill(-child, SIGKILL);
     int status = 0;
     while (::waitpid(child, &status, 0) < 0 && errno == EINTR) { }
