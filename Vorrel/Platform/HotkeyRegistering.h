@@ -94,8 +94,10 @@ public:
     struct Handlers {
         /// A registered shortcut was pressed; once for a held key.
         std::function<void()> pressed;
-        /// The system took the registered shortcut back, or refused it after `reserve` had returned.
-        std::function<void(HotkeyRegistrationError)> lost;
+        /// A shortcut that the system had not yet decided on when `reserve` returned is registered.
+        std::function<void(const HotkeyConfiguration &)> granted = {};
+        /// The system took a registered shortcut back, or refused it after `reserve` had returned.
+        std::function<void(const HotkeyConfiguration &, HotkeyRegistrationError)> lost;
     };
     /// Begins to listen. False where programs cannot have global shortcuts; nothing else may be called then.
     virtual bool install(Handlers handlers) = 0;
@@ -103,7 +105,8 @@ public:
     /// Registers a valid shortcut beside those registered before. Throws `HotkeyRegistrationError` "rejected" when the
     /// system refuses, and `unavailable`. A lease may outlive the registrar.
     virtual HotkeyLease reserve(const HotkeyConfiguration &configuration) = 0;
-    /// False where the system decides on what `reserve` has returned only later, and may let its user choose another key.
+    /// False where the system decides on what `reserve` has returned only later, by `granted` or `lost`, and may let its user
+    /// choose another key.
     virtual bool decidesAtOnce() const { return true; }
 };
 

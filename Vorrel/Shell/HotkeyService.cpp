@@ -10,28 +10,68 @@ void HotkeyBinding::replace(const HotkeyConfiguration &with)
 {
     if (!with.valid())
         throw HotkeyRegistrationError(Reason::invalid);
-    if (!lease || !_configuration || !_configuration->sameKeys(with))
-        lease = registrar.reserve(with);
-    _configuration = with;
+    if (previous && !previous->lease)
+        previous->lease = registrar.reserve(previous->configuration);
+    if (previous && previous->held(with))
+        current = std::exchange(previous, std::nullopt);
+    if (!current || !current->held(with)) {
+        HotkeyLease taken = registrar.reserve(with);
+        if (active() && !previous && !registrar.decidesAtOnce())
+            previous = std::move(current);
+        current = {with, std::move(taken)};
+    }
+    current->configuration = with;
+}
+
+void HotkeyBinding::release()
+{
+    for (std::optional<Shortcut> *one : {&current, &previous})
+        if (*one)
+            (*one)->lease.reset();
+}
+
+void HotkeyBinding::granted(const HotkeyConfiguration &which)
+{
+    if (current && current->held(which))
+        previous.reset();
+}
+
+bool HotkeyBinding::lost(const HotkeyConfiguration &which)
+{
+    if (previous && previous->held(which)) {
+        previous.reset();
+        return false;
+    }
+    if (!current || !current->held(which))
+        return false;
+    if (previous)
+        current = std::exchange(previous, std::nullopt);
+    else
+        current->lease.reset();
+    return true;
 }
 
 void HotkeyBinding::stop()
 {
-    lease.reset();
-    _configuration.reset();
+    current.reset();
+    previous.reset();
 }
 
-HotkeyService::HotkeyService(
-    HotkeyRegistering &registrar, std::function<void()> onTrigger, std::function<void(HotkeyRegistrationError)> lost) :
-    registrar(registrar),
-    binding(registrar), onTrigger(std::move(onTrigger))
+std::optional<HotkeyConfiguration> HotkeyBinding::configuration() const
+{
+    return current ? std::optional(current->configuration) : std::nullopt;
+}
+
+HotkeyService::HotkeyService(HotkeyRegistering &registrar, std::function<void()> onTrigger, Lost lost) :
+    registrar(registrar), binding(registrar), onTrigger(std::move(onTrigger))
 {
     installed = registrar.install({
         .pressed = [this] { trigger(); },
+        .granted = [this](const HotkeyConfiguration &which) { binding.granted(which); },
         .lost =
-            [this, lost = std::move(lost)](const HotkeyRegistrationError &why) {
-                binding.release();
-                lost(why);
+            [this, lost = std::move(lost)](const HotkeyConfiguration &which, const HotkeyRegistrationError &why) {
+                if (binding.lost(which))
+                    lost(which, why);
             },
     });
 }

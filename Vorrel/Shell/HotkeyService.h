@@ -5,7 +5,7 @@
 namespace korvane {
 
 /// The one shortcut that is registered, if any. A new one is taken before the old one is given up, so that a refusal leaves
-/// the user with a working key. Main thread only.
+/// the user with a working key. Where the system decides later, both work until it has. Main thread only.
 class HotkeyBinding {
 public:
     explicit HotkeyBinding(HotkeyRegistering &registrar) : registrar(registrar) { }
@@ -14,27 +14,43 @@ public:
     /// system. Throws `HotkeyRegistrationError` and then changes nothing.
     void replace(const HotkeyConfiguration &with);
     /// Gives the key back and keeps its configuration, to be taken again by `replace`.
-    void release() { lease.reset(); }
+    void release();
+    /// The system has granted `which`: what it replaces is given back.
+    void granted(const HotkeyConfiguration &which);
+    /// The system has refused `which` or taken it back; what it was to replace is the registered one again. False when the
+    /// loss changes nothing for the user, since another shortcut is already to come in its place.
+    bool lost(const HotkeyConfiguration &which);
     /// Gives the key back and forgets it.
     void stop();
 
-    bool active() const { return lease.has_value(); }
+    bool active() const { return current && current->lease; }
     /// What is registered or, while suspended, is to be registered again.
-    const std::optional<HotkeyConfiguration> &configuration() const { return _configuration; }
+    std::optional<HotkeyConfiguration> configuration() const;
 
 private:
+    struct Shortcut {
+        HotkeyConfiguration configuration;
+        std::optional<HotkeyLease> lease; ///< None while suspended or lost.
+
+        bool held(const HotkeyConfiguration &keys) const { return lease && configuration.sameKeys(keys); }
+    };
+
     HotkeyRegistering &registrar;
-    std::optional<HotkeyLease> lease;
-    std::optional<HotkeyConfiguration> _configuration;
+    std::optional<Shortcut> current;
+    std::optional<Shortcut> previous; ///< Until the system has decided on the current one.
 };
 
 /// The global shortcut and what it triggers. Main thread only.
 class HotkeyService {
 public:
-    /// Listens from now on. `lost` is told when the system takes the registered key back; it is not registered any more then.
+    /// Told of the shortcut that the system has refused or taken back.
+    using Lost = std::function<void(const HotkeyConfiguration &, const HotkeyRegistrationError &)>;
+
+    /// Listens from now on. When `lost` is told, the shortcut is not registered any more, and `configuration` is `active` if
+    /// the one before it still is.
     HotkeyService(
         HotkeyRegistering &registrar, std::function<void()> onTrigger,
-        std::function<void(HotkeyRegistrationError)> lost = [](const HotkeyRegistrationError &) {});
+        Lost lost = [](const HotkeyConfiguration &, const HotkeyRegistrationError &) {});
     ~HotkeyService() { stop(); }
     HotkeyService(const HotkeyService &) = delete;
     HotkeyService &operator=(const HotkeyService &) = delete;
@@ -53,7 +69,7 @@ public:
     bool handleKeyDown(std::uint32_t keyCode, std::uint32_t carbonModifiers, bool isRepeat);
 
     bool active() const { return binding.active(); }
-    const std::optional<HotkeyConfiguration> &configuration() const { return binding.configuration(); }
+    std::optional<HotkeyConfiguration> configuration() const { return binding.configuration(); }
 
 private:
     void trigger();

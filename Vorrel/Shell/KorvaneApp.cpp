@@ -54,7 +54,8 @@ void AppDelegate::didFinishLaunching()
             {L10n::shown("Settings…"), ",", [this] { showSettings(); }}, {"", "", nullptr},
             {L10n::shown("Quit Korvane"), "q", host.terminate}});
     hotkey = std::make_unique<HotkeyService>(
-        host.hotkeys, [this] { toggle(); }, [this](const HotkeyRegistrationError &why) { hotkeyLost(why); });
+        host.hotkeys, [this] { toggle(); },
+        [this](const HotkeyConfiguration &which, const HotkeyRegistrationError &why) { hotkeyLost(which, why); });
 }
 
 Task<void> AppDelegate::startServices()
@@ -136,12 +137,15 @@ void AppDelegate::suspendHotkey(bool recording)
     }
 }
 
-void AppDelegate::hotkeyLost(const HotkeyRegistrationError &why)
+void AppDelegate::hotkeyLost(const HotkeyConfiguration &which, const HotkeyRegistrationError &why)
 {
     if (!services || _phase != Phase::ready)
         return;
-    const auto attempted = hotkey->configuration().value_or(HotkeyConfiguration());
-    services->preferences().reportHotkeyFailure(std::make_exception_ptr(why), attempted, std::nullopt);
+    SettingsState &preferences = services->preferences();
+    const bool anotherStays = hotkey->active();
+    preferences.reportHotkeyFailure(std::make_exception_ptr(why), which, anotherStays ? hotkey->configuration() : std::nullopt);
+    if (anotherStays)
+        preferences.keepHotkey(*hotkey->configuration());
     showSettings();
 }
 

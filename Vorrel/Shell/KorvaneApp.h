@@ -68,7 +68,7 @@ private:
     void bindHotkey(const HotkeyConfiguration &wanted);
     void suspendHotkey(bool recording);
     void toggleFromStatusItem();
-    void hotkeyLost(const HotkeyRegistrationError &why);
+    void hotkeyLost(const HotkeyConfiguration &which, const HotkeyRegistrationError &why);
     void runFlags();
     void welcome();
     Task<void> keychainSelfTest(bool clean);

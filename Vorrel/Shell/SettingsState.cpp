@@ -146,6 +146,8 @@ Task<void> SettingsState::saveTask(AppPreferences copy, std::string key, int edi
     if (apiKey.get() == key)
         apiKey = std::string();
     wipe(key);
+    if (const auto kept = std::exchange(toKeep, std::nullopt))
+        keepHotkey(*kept);
 }
 
 void SettingsState::show(const AppPreferences &saved, int editedLimit)
@@ -244,6 +246,33 @@ void SettingsState::reportHotkeyFailure(
     hotkeyIssue = AppError::friendly(error);
     services.diagnostics.recordError(DiagnosticsService::Category::hotkey);
     selectedTab = Tab::general;
+}
+
+void SettingsState::keepHotkey(const HotkeyConfiguration &working)
+{
+    if (saving) {
+        toKeep = working;
+        return;
+    }
+    appliedHotkey = working;
+    saving = true;
+    start(keepHotkeyTask(working));
+}
+
+Task<void> SettingsState::keepHotkeyTask(HotkeyConfiguration working)
+{
+    std::exception_ptr failure;
+    try {
+        AppPreferences stored =
+            (co_await services.settings.load(preferencesKey, AppPreferences::decode)).value_or(AppPreferences());
+        stored.hotkey = working;
+        co_await services.settings.save(preferencesKey, stored.json());
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    saving = false;
+    if (failure)
+        std::rethrow_exception(failure);
 }
 
 // Starting with the session

@@ -91,6 +91,8 @@ public:
     /// registered now.
     void reportHotkeyFailure(
         std::exception_ptr error, const HotkeyConfiguration &attempted, std::optional<HotkeyConfiguration> active);
+    /// Stores `working` as the shortcut, after the one that was saved has been refused. All other settings stay as stored.
+    void keepHotkey(const HotkeyConfiguration &working);
     // Each opens a page of the system's own settings, or says where it is.
     void openKeyboardSettings();
     void openLoginItemsSettings();
@@ -139,6 +141,7 @@ private:
     /// Brings the history of copied texts down to its new size, and says how saving ended.
     Task<void> prune(int limit);
     void rollBackHotkey(const HotkeyConfiguration &registered);
+    Task<void> keepHotkeyTask(HotkeyConfiguration working);
 
     /// Starts what a button asks for; what it throws goes to `message`.
     void start(Task<void> work);
@@ -160,6 +163,7 @@ private:
     AppServices &services;
     Actor loginItem; ///< One look or change after the other.
     TaskHandle saveHandle;
+    std::optional<HotkeyConfiguration> toKeep; ///< Once the present saving has ended.
     std::list<TaskHandle> started;
 };
 

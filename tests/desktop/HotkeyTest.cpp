@@ -133,7 +133,7 @@ protected:
                         ++pressed;
                         whenPressed();
                     },
-            .lost = [this](const HotkeyRegistrationError &why) { lost.push_back(why); }};
+            .lost = [this](const HotkeyConfiguration &, const HotkeyRegistrationError &why) { lost.push_back(why); }};
     }
 
     bool soon(const std::function<bool()> &truth) { return test::soon(loop, truth); }

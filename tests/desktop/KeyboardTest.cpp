@@ -179,7 +179,8 @@ TEST_F(Keyboard, ACombinationWithShiftIsTheKeyThatWasPressedAndIsGrabbedAsThatKe
 
         X11Hotkeys hotkeys(scene.loop.executor(), scene.clock, qgetenv("DISPLAY").toStdString());
         int pressed = 0;
-        ASSERT_TRUE(hotkeys.install({.pressed = [&] { ++pressed; }, .lost = [](const HotkeyRegistrationError &) {}}));
+        ASSERT_TRUE(hotkeys.install(
+            {.pressed = [&] { ++pressed; }, .lost = [](const HotkeyConfiguration &, const HotkeyRegistrationError &) {}}));
         const HotkeyLease lease = hotkeys.reserve(*recorded);
         person.key(c.place, {Person::control, Person::shift});
         EXPECT_TRUE(soon([&] { return pressed == 1; })) << "the registered key is another one";

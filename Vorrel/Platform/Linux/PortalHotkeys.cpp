@@ -29,6 +29,7 @@ const BusObject properties{service, shortcuts.path, "org.freedesktop.DBus.Proper
 
 /// A shortcut that was asked for, from its lease to its end.
 struct Reservation {
+    HotkeyConfiguration configuration;
     std::string session; ///< The portal's object; empty until there is one.
     TaskHandle binding;
 };
@@ -100,6 +101,7 @@ public:
             open(); // a desktop that was slow to start may have it by now
         const int number = ++lastNumber;
         Task<void> task = bind(shared_from_this(), number, configuration);
+        reservations[number].configuration = configuration;
         reservations[number].binding = spawn(mainThread, std::move(task));
         return number;
     }
@@ -125,7 +127,7 @@ private:
         self->absent = !opened;
         self->connected->fire();
         if (self->absent)
-            self->tellLost(HotkeyRegistrationError(Reason::unavailable));
+            self->loseAll();
     }
 
     /// Null where there is no portal that has shortcuts.
@@ -199,10 +201,8 @@ private:
     {
         const char *next = nullptr;
         g_variant_get_child(signal.values.get(), 2, "&s", &next);
-        if (*next || reservations.empty())
-            return;
-        reservations.clear();
-        tellLost(HotkeyRegistrationError(Reason::unavailable));
+        if (!*next)
+            loseAll();
     }
 
     static Task<void> bind(std::shared_ptr<Portal> self, int number, HotkeyConfiguration configuration)
@@ -220,6 +220,8 @@ private:
         co_await throwIfCancelled();
         if (refusal)
             self->lose(number, HotkeyRegistrationError(Reason::rejected, std::int32_t(*refusal)));
+        else if (const auto granted = self->handlers.granted)
+            granted(configuration);
     }
 
     /// The session's object; empty when the portal gives none.
@@ -307,14 +309,21 @@ private:
 
     void lose(int number, const HotkeyRegistrationError &why)
     {
+        const HotkeyConfiguration configuration = reservations[number].configuration;
         release(number);
-        tellLost(why);
+        tellLost(configuration, why);
     }
 
-    void tellLost(const HotkeyRegistrationError &why) const
+    void loseAll()
+    {
+        for (const auto &[number, reservation] : std::exchange(reservations, {}))
+            tellLost(reservation.configuration, HotkeyRegistrationError(Reason::unavailable));
+    }
+
+    void tellLost(const HotkeyConfiguration &which, const HotkeyRegistrationError &why) const
     {
         if (const auto lost = handlers.lost)
-            lost(why);
+            lost(which, why);
     }
 
     const Executor mainThread;

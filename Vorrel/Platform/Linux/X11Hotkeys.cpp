@@ -287,13 +287,13 @@ private:
     {
         if (!readKeymap())
             return;
-        std::vector<HotkeyRegistrationError> losses;
+        std::vector<std::pair<HotkeyConfiguration, int>> losses;
         for (auto &[number, reservation] : reservations)
             if (const int error = move(reservation))
-                losses.emplace_back(Reason::rejected, error);
+                losses.emplace_back(reservation.configuration, error);
         ::xcb_flush(connection);
-        for (const auto &loss : losses)
-            tellLost(loss);
+        for (const auto &[lost, error] : losses)
+            tellLost(lost, HotkeyRegistrationError(Reason::rejected, error));
     }
 
     /// An error when the new keyboard leaves no key to the reservation. One of several keys is enough.
@@ -317,15 +317,15 @@ private:
         if (std::exchange(failed, true))
             return;
         waiting.cancel();
-        reservations.clear();
         grabs.clear();
-        tellLost(HotkeyRegistrationError(Reason::unavailable));
+        for (const auto &[number, reservation] : std::exchange(reservations, {}))
+            tellLost(reservation.configuration, HotkeyRegistrationError(Reason::unavailable));
     }
 
-    void tellLost(const HotkeyRegistrationError &why) const
+    void tellLost(const HotkeyConfiguration &which, const HotkeyRegistrationError &why) const
     {
         if (const auto lost = handlers.lost)
-            lost(why);
+            lost(which, why);
     }
 
     const Executor mainThread;

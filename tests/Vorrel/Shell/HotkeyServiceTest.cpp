@@ -40,8 +40,8 @@ struct Served {
     HeadlessHotkeys keys;
     int triggered = 0;
     std::vector<Reason> losses;
-    HotkeyService service{
-        keys, [this] { ++triggered; }, [this](const HotkeyRegistrationError &why) { losses.push_back(why.reason); }};
+    HotkeyService service{keys, [this] { ++triggered; },
+        [this](const HotkeyConfiguration &, const HotkeyRegistrationError &why) { losses.push_back(why.reason); }};
 };
 
 } // namespace
@@ -244,6 +244,93 @@ TEST(HotkeyBinding, StoppingForgetsTheKeyAndReleasingKeepsItsConfiguration)
     EXPECT_TRUE(bound.keys.held.empty());
 }
 
+// The binding, where the system decides later
+
+namespace {
+
+/// A binding on a desktop that asks its user.
+struct Asking : Bound {
+    Asking() { keys.asksUser = true; }
+};
+
+const HotkeyConfiguration controlL{.keyCode = 37, .modifiers = control};
+
+} // namespace
+
+TEST(HotkeyBinding, UntilTheSystemHasDecidedTheOldKeyWorksBesideTheNewOne)
+{
+    Asking bound;
+    bound.binding.replace(optionSpace);
+    bound.binding.granted(optionSpace);
+    bound.binding.replace(commandK);
+    EXPECT_EQ(bound.keys.held, (std::vector{optionSpace, commandK}));
+    EXPECT_EQ(bound.binding.configuration(), commandK);
+    bound.binding.granted(commandK);
+    EXPECT_EQ(bound.keys.held, std::vector{commandK});
+}
+
+TEST(HotkeyBinding, AKeyThatIsRefusedLaterLeavesTheOldOneAtWork)
+{
+    Asking bound;
+    bound.binding.replace(optionSpace);
+    bound.binding.replace(commandK);
+    EXPECT_TRUE(bound.binding.lost(commandK));
+    EXPECT_EQ(bound.keys.held, std::vector{optionSpace});
+    EXPECT_EQ(bound.binding.configuration(), optionSpace);
+    EXPECT_TRUE(bound.binding.active());
+    EXPECT_TRUE(bound.binding.lost(optionSpace));
+    EXPECT_FALSE(bound.binding.active());
+    EXPECT_EQ(bound.binding.configuration(), optionSpace);
+    EXPECT_FALSE(bound.binding.lost(optionSpace)) << "it is lost once";
+}
+
+TEST(HotkeyBinding, AThirdKeyReplacesTheOneThatIsNotDecidedAndNotTheOldOne)
+{
+    Asking bound;
+    bound.binding.replace(optionSpace);
+    bound.binding.granted(optionSpace);
+    bound.binding.replace(commandK);
+    bound.binding.replace(controlL);
+    EXPECT_EQ(bound.keys.held, (std::vector{optionSpace, controlL}));
+    bound.binding.granted(commandK); // an answer that comes too late
+    EXPECT_TRUE(bound.binding.lost(controlL));
+    EXPECT_EQ(bound.keys.held, std::vector{optionSpace});
+}
+
+TEST(HotkeyBinding, GoingBackToTheOldKeyBeforeTheAnswerAsksTheSystemNothing)
+{
+    Asking bound;
+    bound.binding.replace(optionSpace);
+    bound.binding.replace(commandK);
+    bound.binding.replace(optionSpace);
+    EXPECT_EQ(bound.keys.log, (Strings{"reserve ⌥Space", "reserve ⌘K", "release ⌘K"}));
+    EXPECT_EQ(bound.binding.configuration(), optionSpace);
+    EXPECT_TRUE(bound.binding.active());
+}
+
+TEST(HotkeyBinding, AnOldKeyThatIsLostBeforeTheAnswerIsNotReturnedTo)
+{
+    Asking bound;
+    bound.binding.replace(optionSpace);
+    bound.binding.replace(commandK);
+    EXPECT_FALSE(bound.binding.lost(optionSpace)) << "another is to come in its place";
+    EXPECT_TRUE(bound.binding.lost(commandK));
+    EXPECT_FALSE(bound.binding.active());
+}
+
+TEST(HotkeyBinding, ASuspensionBeforeTheAnswerGivesBothKeysBackAndTakesBothAgain)
+{
+    Asking bound;
+    bound.binding.replace(optionSpace);
+    bound.binding.replace(commandK);
+    bound.binding.release();
+    EXPECT_TRUE(bound.keys.held.empty());
+    bound.binding.replace(commandK);
+    EXPECT_EQ(bound.keys.held, (std::vector{optionSpace, commandK}));
+    EXPECT_TRUE(bound.binding.lost(commandK));
+    EXPECT_EQ(bound.keys.held, std::vector{optionSpace});
+}
+
 // The service
 
 TEST(HotkeyService, TheRegisteredKeyTriggersAndNoOther)
@@ -316,7 +403,7 @@ TEST(HotkeyService, AKeyThatTheSystemTakesBackIsGoneAndTold)
 {
     Served served;
     served.service.registerHotkey(optionSpace);
-    served.keys.handlers.lost(HotkeyRegistrationError(Reason::unavailable));
+    served.keys.handlers.lost(optionSpace, HotkeyRegistrationError(Reason::unavailable));
     EXPECT_EQ(served.losses, std::vector{Reason::unavailable});
     EXPECT_FALSE(served.service.active());
     EXPECT_EQ(served.service.configuration(), optionSpace);

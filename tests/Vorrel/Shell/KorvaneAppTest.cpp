@@ -458,7 +458,7 @@ TEST(AppDelegate, ADesktopThatTurnsOutToHaveNoGlobalShortcutsIsToldInTheSettings
     TestApp app;
     app.launch();
     EXPECT_EQ(app.settingsWindow->shown, 0);
-    app.hotkeys.handlers.lost(HotkeyRegistrationError(HotkeyRegistrationError::Reason::unavailable));
+    app.hotkeys.handlers.lost({}, HotkeyRegistrationError(HotkeyRegistrationError::Reason::unavailable));
     EXPECT_EQ(app.settingsWindow->shown, 1);
     const SettingsState &settings = app.services->preferences();
     EXPECT_EQ(settings.hotkeyIssue.get(), "Global shortcuts are unavailable. Open Korvane from the menu bar and try again.");
@@ -484,11 +484,40 @@ TEST(AppDelegate, AKeyThatTheSystemTakesBackIsToldInTheSettings)
 {
     TestApp app;
     app.launch();
-    app.hotkeys.handlers.lost(HotkeyRegistrationError(HotkeyRegistrationError::Reason::rejected, 10));
+    app.hotkeys.handlers.lost({}, HotkeyRegistrationError(HotkeyRegistrationError::Reason::rejected, 10));
     EXPECT_EQ(app.settingsWindow->shown, 1);
     EXPECT_EQ(app.services->preferences().hotkeyAttempt.get(), HotkeyConfiguration());
     EXPECT_FALSE(app.services->preferences().activeHotkey.get());
     EXPECT_EQ(app.delegate->phase(), AppDelegate::Phase::ready);
+}
+
+TEST(AppDelegate, AKeyThatTheDesktopRefusesAfterItWasSavedLeavesTheOldOneAtWorkAndStored)
+{
+    const HotkeyConfiguration commandK{.keyCode = 40, .modifiers = HotkeyConfiguration::command};
+    TestApp app;
+    app.hotkeys.asksUser = true;
+    app.launch();
+    app.hotkeys.handlers.granted({});
+    SettingsState &settings = app.services->preferences();
+    AppPreferences draft = settings.preferences;
+    draft.hotkey = commandK;
+    settings.preferences = draft;
+    settings.save();
+    app.loop.runUntilIdle();
+    ASSERT_EQ(settings.message.get(), "Settings saved.");
+    EXPECT_TRUE(app.hotkeys.press({})) << "the old key works until the desktop has decided";
+    app.hotkeys.handlers.lost(commandK, HotkeyRegistrationError(HotkeyRegistrationError::Reason::rejected, 1));
+    app.loop.runUntilIdle();
+    EXPECT_TRUE(app.hotkeys.press({}));
+    EXPECT_FALSE(app.hotkeys.press(commandK));
+    EXPECT_EQ(app.settingsWindow->shown, 1);
+    EXPECT_EQ(settings.hotkeyAttempt.get(), commandK);
+    EXPECT_EQ(settings.activeHotkey.get(), HotkeyConfiguration());
+    EXPECT_EQ(settings.appliedHotkey.get(), HotkeyConfiguration());
+    EXPECT_EQ(settings.preferences->hotkey, commandK) << "as a draft that is not applied";
+    const auto stored = await(app.loop, app.services->settings.load("preferences"));
+    ASSERT_TRUE(stored);
+    EXPECT_EQ(AppPreferences::decode(*stored).hotkey, HotkeyConfiguration()) << "the next start takes the key that works";
 }
 
 TEST(AppDelegate, WhileTheRecorderListensTheKeyIsFree)

@@ -331,6 +331,49 @@ TEST(SettingsState, AKeyThatIsLostDuringASaveStaysReported)
     EXPECT_TRUE(settings.model().hotkeyIssue.get());
 }
 
+TEST(SettingsState, AKeyThatIsKeptIsStoredAndNothingElseOfTheDraftIs)
+{
+    Settings settings;
+    settings.store(AppPreferences{.hotkey = commandK, .model = "stored"}.json());
+    settings.load();
+    settings.edit([](AppPreferences &draft) { draft.model = "draft"; });
+    settings.model().keepHotkey(controlL);
+    EXPECT_TRUE(settings.model().saving.get());
+    settings.settle();
+    EXPECT_FALSE(settings.model().saving.get());
+    const AppPreferences stored = AppPreferences::decode(*settings.stored());
+    EXPECT_EQ(stored.hotkey, controlL);
+    EXPECT_EQ(stored.model, "stored");
+    EXPECT_EQ(settings.model().appliedHotkey.get(), controlL);
+    EXPECT_EQ(settings.model().preferences->hotkey, commandK);
+    EXPECT_EQ(settings.model().preferences->model, "draft");
+}
+
+TEST(SettingsState, AKeyThatIsKeptDuringASaveIsStoredAfterIt)
+{
+    Settings settings;
+    settings.edit([](AppPreferences &draft) { draft.hotkey = commandK, draft.model = "edited"; });
+    settings.model().updateHotkey = [&](const HotkeyConfiguration &) {
+        runLater(settings.loop.executor(), [&] { settings.model().keepHotkey(controlL); }); // while the store writes
+    };
+    settings.save();
+    const AppPreferences stored = AppPreferences::decode(*settings.stored());
+    EXPECT_EQ(stored.hotkey, controlL);
+    EXPECT_EQ(stored.model, "edited");
+    EXPECT_EQ(settings.model().appliedHotkey.get(), controlL);
+    EXPECT_FALSE(settings.model().saving.get());
+}
+
+TEST(SettingsState, AKeyThatCannotBeKeptInTheStoreIsToldAndSavingIsPossibleAgain)
+{
+    Settings settings;
+    settings.breakTheStore();
+    settings.model().keepHotkey(controlL);
+    settings.settle();
+    EXPECT_EQ(settings.message(), "The database is closed.");
+    EXPECT_FALSE(settings.model().saving.get());
+}
+
 // The shortcut's own operations
 
 TEST(SettingsState, RestoringSetsTheDefaultAndSavesAtOnce)

@@ -1,5 +1,6 @@
 #include "Vorrel/Platform/Linux/PortalHotkeys.h"
 #include "Vorrel/Platform/Linux/LinuxHotkeys.h"
+#include "Vorrel/Shell/HotkeyService.h"
 
 #include "Support/MainLoop.h"
 #include "tests/Vorrel/Platform/Linux/PrivateBus.h"
@@ -47,6 +48,7 @@ public:
     struct Answers {
         std::uint32_t session = 0; ///< To CreateSession: 0 is yes.
         std::uint32_t binding = 0; ///< To BindShortcuts: 1 is the user's no.
+        const char *refused = nullptr; ///< Only the binding of this trigger meets the user's no.
         bool bindsNothing = false;
         bool malformed = false; ///< The answers are of the wrong type.
     };
@@ -187,6 +189,14 @@ private:
         return g_variant_new("(ua{sv})", answers.session, &results);
     }
 
+    std::uint32_t bindingCode(GVariant *arguments) const
+    {
+        char *const asked = g_variant_print(arguments, FALSE);
+        const bool refuses = answers.refused && std::string_view(asked).find(answers.refused) != std::string_view::npos;
+        g_free(asked);
+        return refuses ? 1 : answers.binding;
+    }
+
     GVariant *bindingAnswer(GVariant *arguments) const
     {
         GVariantBuilder results;
@@ -195,7 +205,7 @@ private:
         g_variant_builder_add(&results, "{sv}", "shortcuts",
             answers.bindsNothing ? g_variant_new_array(G_VARIANT_TYPE("(sa{sv})"), nullptr, 0) : asked);
         g_variant_unref(asked);
-        return g_variant_new("(ua{sv})", answers.binding, &results);
+        return g_variant_new("(ua{sv})", bindingCode(arguments), &results);
     }
 
     const Answers answers;
@@ -219,8 +229,13 @@ protected:
     }
     bool install()
     {
-        return hotkeys.install(
-            {.pressed = [this] { ++pressed; }, .lost = [this](const HotkeyRegistrationError &why) { lost.push_back(why); }});
+        return hotkeys.install({.pressed = [this] { ++pressed; },
+            .granted = [this](const HotkeyConfiguration &which) { granted.push_back(which); },
+            .lost =
+                [this](const HotkeyConfiguration &which, const HotkeyRegistrationError &why) {
+                    refused.push_back(which);
+                    lost.push_back(why);
+                }});
     }
     bool soon(const std::function<bool()> &truth) { return test::soon(loop, truth); }
     /// Waits until the portal has been asked to bind and the answer has been taken.
@@ -258,6 +273,7 @@ protected:
     PortalHotkeys hotkeys{loop.executor(), pool.executor(), bus.address(), "Open Korvane"};
     int pressed = 0;
     std::vector<HotkeyRegistrationError> lost;
+    std::vector<HotkeyConfiguration> granted, refused;
 };
 
 } // namespace
@@ -347,6 +363,46 @@ TEST_F(PortalHotkeysTest, APortalThatBindsNothingHasRejectedTheShortcut)
     ASSERT_TRUE(install());
     const HotkeyLease lease = hotkeys.reserve({});
     EXPECT_TRUE(isLost(Reason::rejected, 2));
+}
+
+TEST_F(PortalHotkeysTest, AShortcutThatTheUserAllowsIsGranted)
+{
+    const MockPortal portal(bus, {});
+    ASSERT_TRUE(install());
+    const HotkeyLease lease = hotkeys.reserve({});
+    ASSERT_TRUE(soon([this] { return !granted.empty(); }));
+    EXPECT_THAT(granted, ElementsAre(HotkeyConfiguration()));
+}
+
+TEST_F(PortalHotkeysTest, AKeyThatTheUserRefusesLeavesTheOldOneAtWork)
+{
+    const HotkeyConfiguration superK{.keyCode = 40, .modifiers = HotkeyConfiguration::command};
+    const MockPortal portal(bus, {.refused = "LOGO+k"});
+    std::vector<HotkeyConfiguration> told;
+    HotkeyService service(
+        hotkeys, [this] { ++pressed; },
+        [&](const HotkeyConfiguration &which, const HotkeyRegistrationError &) { told.push_back(which); });
+    service.registerHotkey({});
+    ASSERT_TRUE(binds(portal));
+    service.registerHotkey(superK);
+    ASSERT_TRUE(soon([&] { return !told.empty(); }));
+    EXPECT_THAT(told, ElementsAre(superK));
+    EXPECT_EQ(service.configuration(), HotkeyConfiguration());
+    ASSERT_TRUE(soon([&] { return portal.calls().back() == "Close " + portal.sessions()[1]; }));
+    portal.activate(portal.sessions()[0]);
+    EXPECT_TRUE(soon([this] { return pressed == 1; }));
+}
+
+TEST_F(PortalHotkeysTest, APortalThatEndsTakesEveryShortcutAlong)
+{
+    const HotkeyConfiguration superK{.keyCode = 40, .modifiers = HotkeyConfiguration::command};
+    MockPortal portal(bus, {});
+    ASSERT_TRUE(install());
+    const HotkeyLease first = hotkeys.reserve({}), second = hotkeys.reserve(superK);
+    ASSERT_TRUE(soon([this] { return granted.size() == 2; }));
+    portal.leave();
+    ASSERT_TRUE(soon([this] { return refused.size() == 2; }));
+    EXPECT_THAT(refused, ElementsAre(HotkeyConfiguration(), superK));
 }
 
 TEST_F(PortalHotkeysTest, APortalThatGivesNoSessionHasNoShortcuts)
