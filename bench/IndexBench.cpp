@@ -97,7 +97,7 @@ void printMachine()
 }
 
 /// Publishes a listing of this many rows into a store of its own, and searches it on demand.
-void measureStore(IndexRun run, bool searched, Table &table)
+void measureStore(IndexRun run, bool searched, PublicationTables &tables)
 {
     auto listing = makeListing(run.rows, 1, "/home/ada", "/opt");
     std::printf("\nA listing of %zu rows, %zu of them folders, mean path %.0f bytes, %zu below one root\n", listing.files.size(),
@@ -106,24 +106,26 @@ void measureStore(IndexRun run, bool searched, Table &table)
     const std::string data = run.folder + "/store";
     {
         IndexHost host({.data = data, .home = listing.largeRoot, .roots = {listing.largeRoot, listing.smallRoot}});
-        measurePublications(run, host, listing, table);
+        measurePublications(run, host, listing, tables);
         if (searched)
             measureSearches(run, host, listing);
     }
     std::filesystem::remove_all(data);
 }
 
-void measureSmallerStores(const Options &options, const std::string &folder, Report &report, Table &table)
+void measureSmallerStores(const Options &options, const std::string &folder, Report &report, PublicationTables &tables)
 {
     for (const std::size_t rows : {100'000, 300'000})
         if (rows < options.rows)
-            measureStore({folder, rows, options.quick, report}, false, table);
+            measureStore({folder, rows, options.quick, report}, false, tables);
 }
 
-void printPublications(const Table &table)
+void printPublications(const PublicationTables &tables)
 {
     std::printf("\n### Publications\n\n");
-    table.print();
+    tables.waits.print();
+    std::puts("");
+    tables.searches.print();
 }
 
 int measure(const Options &options)
@@ -146,18 +148,18 @@ int measure(const Options &options)
         }
     };
     part("searches", [&] {
-        Table table = publicationTable();
+        PublicationTables tables;
         if (options.only.empty()) // the smaller ones are for the waits, not for the searches
-            measureSmallerStores(options, folder.path, report, table);
-        measureStore({folder.path, options.rows, options.quick, report}, true, table);
-        printPublications(table);
+            measureSmallerStores(options, folder.path, report, tables);
+        measureStore({folder.path, options.rows, options.quick, report}, true, tables);
+        printPublications(tables);
     });
     if (options.only == "publications")
         part("publications", [&] {
-            Table table = publicationTable();
-            measureSmallerStores(options, folder.path, report, table);
-            measureStore({folder.path, options.rows, options.quick, report}, false, table);
-            printPublications(table);
+            PublicationTables tables;
+            measureSmallerStores(options, folder.path, report, tables);
+            measureStore({folder.path, options.rows, options.quick, report}, false, tables);
+            printPublications(tables);
         });
     part("disk", [&] {
         IndexRun run{folder.path, options.rows, options.quick, report};

@@ -21,8 +21,11 @@ void measureSearches(IndexRun &run, IndexHost &host, const Listing &listing);
 
 /// Publishes a listing the first time, again without a change and with one row in a hundred changed, and leaves the
 /// store full. What small doings and searches wait meanwhile. `listing` is then what the store holds.
-void measurePublications(IndexRun &run, IndexHost &host, Listing &listing, Table &table);
-Table publicationTable();
+struct PublicationTables {
+    PublicationTables();
+    Table waits, searches;
+};
+void measurePublications(IndexRun &run, IndexHost &host, Listing &listing, PublicationTables &tables);
 
 /// A tree on the disk: walks, scans, live changes, idle.
 void measureDisk(IndexRun &run);

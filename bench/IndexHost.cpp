@@ -51,6 +51,9 @@ IndexHost::IndexHost(Settings settings) : folders{.home = settings.home, .data =
     std::filesystem::create_directories(own);
     database = await(Database::open(pool.executor(), storePath(), Database::Access::readWrite));
     searchDatabase = await(Database::open(pool.executor(), storePath(), Database::Access::readOnly));
+    const auto endless = [] { return microseconds() / 1e12; };
+    databaseHere = await(Database::open(loop.executor(), storePath(), Database::Access::readOnly, endless));
+    here.emplace(databaseHere, folders, clock);
     std::vector<std::string> skipped{own};
     skipped.insert(skipped.end(), settings.skipped.begin(), settings.skipped.end());
 

@@ -9,6 +9,7 @@
 #include "tests/support/Await.h"
 
 #include <algorithm>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -39,6 +40,9 @@ public:
     template <class T> T await(Task<T> task) { return test::await(loop, std::move(task)); }
     const FileIndexRepository &repository() const { return service->repository; }
     const FileIndexRepository &searchRepository() const { return service->searchRepository; }
+    /// On a connection of its own that works on the loop's own thread and has no time budget: what a search costs without
+    /// the way between two threads.
+    const FileIndexRepository &repositoryHere() const { return *here; }
     std::string storePath() const { return folders.korvane().value() + "/korvane.sqlite"; }
     /// Runs what is ready, and waits for more, for this time.
     void runFor(Milliseconds time);
@@ -67,7 +71,8 @@ private:
     std::unique_ptr<InotifyFileEvents> events;
     std::unique_ptr<LinuxDirectoryWalker> walker;
     std::unique_ptr<Watcher> watcher;
-    std::shared_ptr<Database> searchDatabase;
+    std::shared_ptr<Database> searchDatabase, databaseHere;
+    std::optional<FileIndexRepository> here;
     std::vector<TaskHandle> waiting;
     std::shared_ptr<StoreWaits> waits;
 

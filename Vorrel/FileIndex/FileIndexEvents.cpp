@@ -68,7 +68,7 @@ std::exception_ptr noWatch()
 /// A watch that cannot begin is no failure: the index stays usable, as it is.
 Task<void> FileIndexService::startWatcher(std::uint64_t sinceID)
 {
-    if (stopped)
+    if (stopping.stop_requested())
         co_return;
     if (!ports.watcher) {
         _liveUpdatesAvailable = false;
@@ -92,7 +92,7 @@ Task<void> FileIndexService::startWatcher(std::uint64_t sinceID)
     const TaskHandle task =
         spawn(ports.mainThread, WatchStart::carry(started, ports.watcher->start(rootPaths(), sinceID, handler)));
     const bool answered = co_await firesWithin(ports.clock, started->over, watchPatience);
-    if (stopped)
+    if (stopping.stop_requested())
         throw Cancelled();
     if (number != watchNumber)
         co_return; // a later start has taken the place of this one
@@ -129,7 +129,7 @@ void FileIndexService::showUnwatched(std::size_t folders)
 void FileIndexService::enqueueEvent(Paths paths, std::uint64_t lastEventID)
 {
     confined.check();
-    if (stopped)
+    if (stopping.stop_requested())
         return;
     for (std::string &path : paths)
         if (!ports.places.aliasPrefix.empty() && path.starts_with(ports.places.aliasPrefix))
@@ -257,7 +257,7 @@ Task<void> FileIndexService::flush(Weak weak)
     self->_isFlushing = false;
     if (!failure) {
         // The store takes what it is given again: what was lost is found by a watch from the last identifier saved.
-        if (self->lossyWatch == self->watchNumber && !self->stopped)
+        if (self->lossyWatch == self->watchNumber && !self->stopping.stop_requested())
             co_await self->restartWatcher();
         co_return;
     }

@@ -142,25 +142,24 @@ Task<std::vector<IndexedFile>> FileIndexRepository::search(std::string text, std
     const FileSearchQuery query(text);
     if (isEmpty(query))
         co_return std::vector<IndexedFile>();
-    Database::Question byEachName = question(query, parent, limit, NameLookup::eachName);
+    // Owns what it uses: the connection's thread may ask for it.
+    const auto question = [query, parent = std::move(parent), limit, folders = folders](NameLookup names) {
+        CompiledSearch search = compile(query, parent, limit, names, folders);
+        return Database::Question{std::move(search.sql), std::move(search.values)};
+    };
+    const std::function<Database::Question()> byEachName = [question] { return question(NameLookup::eachName); };
     if (!hasLongTerms(query))
-        co_return filesFrom(co_await database->rows(std::move(byEachName.sql), std::move(byEachName.values), searchBudget));
-    Database::Question byTable = question(query, parent, limit, NameLookup::nameTable);
+        co_return co_await filesOf(database, byEachName(), searchBudget);
     try {
-        co_return filesFrom(co_await database->rowsIf(nameTableListed, std::move(byTable), byEachName, searchBudget));
+        FileRows rows;
+        co_await database->readIf(nameTableListed, question(NameLookup::nameTable), byEachName, rows.reader(), searchBudget);
+        co_return rows.take();
     } catch (const AppError &error) {
         // A SQLite without the table's module lists it all the same.
         if (error.errorDescription() != cannotBePrepared)
             throw;
     }
-    co_return filesFrom(co_await database->rows(std::move(byEachName.sql), std::move(byEachName.values), searchBudget));
-}
-
-Database::Question FileIndexRepository::question(
-    const FileSearchQuery &query, const std::optional<std::string> &parent, int limit, NameLookup names) const
-{
-    CompiledSearch search = compile(query, parent, limit, names, folders);
-    return {std::move(search.sql), std::move(search.values)};
+    co_return co_await filesOf(database, byEachName(), searchBudget);
 }
 
 Task<std::vector<IndexedFile>> FileIndexRepository::list(std::string parent, std::string sort, long long limit) const
@@ -168,8 +167,7 @@ Task<std::vector<IndexedFile>> FileIndexRepository::list(std::string parent, std
     std::string sql =
         "SELECT path,name,is_directory,size,modified FROM file_index WHERE parent=? ORDER BY " + orderOf(sort) + " LIMIT ?";
     std::vector<SQLValue> values{folders.expandingTilde(parent), double(limit)};
-    const auto rows = co_await database->rows(std::move(sql), std::move(values));
-    co_return filesFrom(rows);
+    co_return co_await filesOf(database, {std::move(sql), std::move(values)});
 }
 
 // Writing
@@ -205,11 +203,11 @@ Task<void> FileIndexRepository::clearStaging() const
     co_await database->execute(clearStaged);
 }
 
-Task<void> FileIndexRepository::commitStagedRoot(std::string root, std::function<bool()> wanted) const
+Task<void> FileIndexRepository::commitStagedRoot(std::string root, std::function<bool()> wanted, std::stop_token abandon) const
 {
     root = folders.expandingTilde(root);
     const auto turn = co_await writers->stagingTurn();
-    const RootPublication published = co_await publish(root, std::move(wanted));
+    const RootPublication published = co_await publish(root, std::move(wanted), std::move(abandon));
     try {
         co_await published.removeStaged();
     } catch (const AppError &) {
@@ -218,7 +216,7 @@ Task<void> FileIndexRepository::commitStagedRoot(std::string root, std::function
     }
 }
 
-Task<RootPublication> FileIndexRepository::publish(std::string root, std::function<bool()> wanted) const
+Task<RootPublication> FileIndexRepository::publish(std::string root, std::function<bool()> wanted, std::stop_token abandon) const
 {
     const auto requireWanted = [&wanted] {
         if (wanted && !wanted())
@@ -238,14 +236,14 @@ Task<RootPublication> FileIndexRepository::publish(std::string root, std::functi
             continue;
         requireWanted();
         auto batches = withoutMerging(publication.corrected(std::move(*difference), *changes), names);
-        co_await database->executeBatches(std::move(batches), Database::Effort::large);
+        co_await database->executeBatches(std::move(batches), Database::Effort::large, abandon);
         co_return publication;
     }
     const auto all = co_await roots();
     RootPublication publication(database, steps, root, all);
     auto statements = publication.replacement();
     requireWanted();
-    co_await database->executeTransaction(std::move(statements), Database::Effort::large);
+    co_await database->executeTransaction(std::move(statements), Database::Effort::large, abandon);
     co_return publication;
 }
 

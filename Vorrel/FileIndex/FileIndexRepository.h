@@ -41,7 +41,8 @@ public:
     /// has rows already gets only the difference, which is found beforehand in steps that let other work through. `wanted` is
     /// asked on the caller's thread just before the transaction; when it says no, `Cancelled` is thrown and nothing changes.
     /// What was staged for the root is gone afterwards, as far as that can be done; others stage meanwhile only when it is.
-    Task<void> commitStagedRoot(std::string root, std::function<bool()> wanted = {}) const;
+    /// `abandon` undoes a transaction that still runs; then, too, `Cancelled` is thrown.
+    Task<void> commitStagedRoot(std::string root, std::function<bool()> wanted = {}, std::stop_token abandon = {}) const;
     /// Removes paths in order, those in `directories` with everything below them, in one transaction.
     Task<void> deleteWithSubtrees(std::vector<std::string> paths, std::set<std::string> directories) const;
     /// Which of the paths the index knows as folders.
@@ -78,9 +79,7 @@ private:
     };
     Task<std::set<std::string>> answerTo(PathQuestion question, std::vector<std::string> among) const;
     void tellRemovedTree(const std::string &path) const;
-    Task<RootPublication> publish(std::string root, std::function<bool()> wanted) const;
-    Database::Question question(
-        const FileSearchQuery &query, const std::optional<std::string> &parent, int limit, NameLookup names) const;
+    Task<RootPublication> publish(std::string root, std::function<bool()> wanted, std::stop_token abandon) const;
     Task<void> mergeNames() const;
     Task<long long> changeCount() const;
 

@@ -160,7 +160,7 @@ Task<void> FileIndexService::bootstrap()
     eventIDLoaded = true;
     co_await startWatcher(_processedEventID);
     co_await throwIfCancelled();
-    if (stopped)
+    if (stopping.stop_requested())
         co_return;
     if (_fileCount == 0) {
         rebuild();
@@ -237,7 +237,7 @@ Task<void> FileIndexService::stop()
 {
     confined.check();
     const auto self = shared_from_this();
-    stopped = true;
+    stopping.request_stop(); // a root that is just being published stays as it was, so that quitting waits for nothing
     lockTask.cancel();
     backfillTask.cancel();
     _scanTask.cancel();
@@ -290,7 +290,7 @@ void FileIndexService::recordIndexError()
 void FileIndexService::rebuild()
 {
     confined.check();
-    if (stopped)
+    if (stopping.stop_requested())
         return;
     if (!ready.fired() && !eventIDLoaded) {
         rebuildWanted = true; // the roots are not known yet
@@ -432,7 +432,7 @@ Task<void> FileIndexService::scanRoot(Weak weak, IndexRoot root, int generation)
     };
     if (!wanted())
         throw Cancelled();
-    co_await repository.commitStagedRoot(root.path, wanted);
+    co_await repository.commitStagedRoot(root.path, wanted, alive(weak)->stopping.get_token());
     const long long count = co_await repository.count();
     const Service self = alive(weak);
     if (self->_scanGeneration == generation)

@@ -12,6 +12,7 @@
 
 #include <deque>
 #include <set>
+#include <stop_token>
 
 namespace korvane {
 
@@ -170,7 +171,7 @@ private:
     TaskHandle lockTask, backfillTask;
     AsyncEvent ready; ///< The stored state has been read.
     bool eventIDLoaded = false;
-    bool stopped = false;
+    std::stop_source stopping; ///< Asked by `stop`.
     bool rebuildWanted = false; ///< Asked for before the lock was free.
     int changes = 0; ///< Changes of the roots under way.
     std::set<std::string> leavingRoots; ///< Paths of roots that are being removed or were, and were not added again.

@@ -1,35 +1,47 @@
 #include "Vorrel/FileIndex/IndexRows.h"
 
 #include "Support/Text.h"
-#include "Vorrel/Store/SQLCells.h"
 
 namespace korvane {
 
 namespace {
 
-std::optional<IndexedFile> parse(const SQLRow &row)
+long long sizeIn(const SQLColumns &row, int column)
 {
-    const auto *path = text(row, "path");
-    const auto *name = text(row, "name");
+    const auto whole = row.integer(column);
+    return whole ? *whole : integerFrom(row.text(column).value_or("")).value_or(0);
+}
+
+double timeIn(const SQLColumns &row, int column)
+{
+    const auto number = row.number(column);
+    return number ? *number : realFrom(row.text(column).value_or("")).value_or(0);
+}
+
+std::optional<IndexedFile> fileIn(const SQLColumns &row)
+{
+    auto path = row.text(0), name = row.text(1);
     if (!path || !name)
         return std::nullopt;
-    const auto *directory = text(row, "is_directory");
-    const auto *size = text(row, "size");
-    const auto *modified = text(row, "modified");
-    return IndexedFile{*path, *name, directory && *directory == "1", size ? integerFrom(*size).value_or(0) : 0,
-        modified ? realFrom(*modified).value_or(0) : 0};
+    return IndexedFile{std::move(*path), std::move(*name), row.text(2) == "1", sizeIn(row, 3), timeIn(row, 4)};
 }
 
 } // namespace
 
-std::vector<IndexedFile> filesFrom(const std::vector<SQLRow> &rows)
+Database::RowReader FileRows::reader() const
 {
-    std::vector<IndexedFile> files;
-    files.reserve(rows.size());
-    for (const auto &row : rows)
-        if (auto file = parse(row))
-            files.push_back(std::move(*file));
-    return files;
+    return [files = files](const SQLColumns &row) {
+        if (auto file = fileIn(row))
+            files->push_back(std::move(*file));
+    };
+}
+
+Task<std::vector<IndexedFile>> filesOf(
+    std::shared_ptr<Database> database, Database::Question question, std::optional<std::chrono::duration<double>> timeout)
+{
+    FileRows rows;
+    co_await database->read(std::move(question), rows.reader(), timeout);
+    co_return rows.take();
 }
 
 } // namespace korvane

@@ -100,8 +100,7 @@ template <class State> Task<Files> ask(std::shared_ptr<State> state, std::string
         co_return Files();
     const Asking asking(*state);
     const auto database = co_await connection(state);
-    const auto rows = co_await database->rows(std::move(sql), std::move(values));
-    co_return filesFrom(rows);
+    co_return co_await filesOf(database, {std::move(sql), std::move(values)});
 }
 
 } // namespace

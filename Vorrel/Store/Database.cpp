@@ -230,9 +230,10 @@ std::optional<FileIdentity> identityOf(const std::string &path)
 
 int bindValue(sqlite3_stmt *statement, int index, const SQLValue &value)
 {
-    // By their true length, so that a text with a NUL inside is stored whole.
+    // By their true length, so that a text with a NUL inside is stored whole. Not copied: it stays until the statement has
+    // been reset.
     if (const auto *text = std::get_if<std::string>(&value))
-        return sqlite3_bind_text64(statement, index, text->data(), text->size(), SQLITE_TRANSIENT, SQLITE_UTF8);
+        return sqlite3_bind_text64(statement, index, text->data(), text->size(), SQLITE_STATIC, SQLITE_UTF8);
     if (const auto *number = std::get_if<double>(&value))
         return sqlite3_bind_double(statement, index, *number);
     return sqlite3_bind_null(statement, index);
@@ -290,6 +291,11 @@ SQLRow rowOf(sqlite3_stmt *statement)
     return row;
 }
 
+std::function<void(sqlite3_stmt *)> onColumns(const Database::RowReader &reader)
+{
+    return [&reader](sqlite3_stmt *statement) { reader(SQLColumns(statement)); };
+}
+
 /// The queries that were asked last, ready to be asked again. Each is reset as soon as it has answered, so that none
 /// keeps a view of the file or a lock.
 class QueryCache {
@@ -326,6 +332,25 @@ double steadyUptime() { return std::chrono::duration<double>(std::chrono::steady
 
 } // namespace
 
+std::optional<std::string> SQLColumns::text(int column) const
+{
+    const auto *text = reinterpret_cast<const char *>(sqlite3_column_text(statement, column));
+    return text ? std::optional(std::string(text, std::size_t(sqlite3_column_bytes(statement, column)))) : std::nullopt;
+}
+
+std::optional<long long> SQLColumns::integer(int column) const
+{
+    const bool whole = sqlite3_column_type(statement, column) == SQLITE_INTEGER;
+    return whole ? std::optional<long long>(sqlite3_column_int64(statement, column)) : std::nullopt;
+}
+
+std::optional<double> SQLColumns::number(int column) const
+{
+    const int type = sqlite3_column_type(statement, column);
+    const bool isNumber = type == SQLITE_INTEGER || type == SQLITE_FLOAT;
+    return isNumber ? std::optional(sqlite3_column_double(statement, column)) : std::nullopt;
+}
+
 /// The SQLite connection and what may touch it. After construction everything but the constants belongs to
 /// the actor's work.
 struct Database::Connection {
@@ -337,12 +362,15 @@ struct Database::Connection {
     ~Connection() { close(); }
 
     void open();
-    std::vector<SQLRow> rows(const std::string &sql, const std::vector<SQLValue> &values,
-        std::optional<std::chrono::duration<double>> timeout, const std::stop_token &stop);
+    std::vector<SQLRow> rows(
+        const Question &question, std::optional<std::chrono::duration<double>> timeout, const std::stop_token &stop);
+    void query(const Question &question, std::optional<std::chrono::duration<double>> timeout, const std::stop_token &stop,
+        const std::function<void(sqlite3_stmt *)> &take);
     void execute(const std::string &sql, const std::vector<SQLValue> &values);
     void executeBatch(const std::string &sql, const std::vector<std::vector<SQLValue>> &rows);
-    void executeBatches(const std::vector<SQLBatch> &batches, Effort effort);
-    void executeTransaction(const std::vector<std::pair<std::string, std::vector<SQLValue>>> &statements, Effort effort);
+    void executeBatches(const std::vector<SQLBatch> &batches, Effort effort, const std::stop_token &abandon);
+    void executeTransaction(const std::vector<std::pair<std::string, std::vector<SQLValue>>> &statements, Effort effort,
+        const std::stop_token &abandon);
     bool canSettle();
     bool hasLongLog();
     void checkpointBeside() const;
@@ -369,6 +397,8 @@ private:
 
     Statement begin(const std::string &sql, const std::vector<SQLValue> &values, int &code);
     void runAll(const std::string &sql, const std::vector<std::vector<SQLValue>> &rows);
+    /// Does `work` in one transaction.
+    void transact(Effort effort, const std::stop_token &abandon, const std::function<void()> &work);
 
     sqlite3 *handle = nullptr;
     QueryCache queries;
@@ -499,8 +529,17 @@ void Database::Connection::settleGoneFile()
     sqlite3_wal_checkpoint_v2(handle, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
 }
 
-std::vector<SQLRow> Database::Connection::rows(const std::string &sql, const std::vector<SQLValue> &values,
-    std::optional<std::chrono::duration<double>> timeout, const std::stop_token &stop)
+std::vector<SQLRow> Database::Connection::rows(
+    const Question &question, std::optional<std::chrono::duration<double>> timeout, const std::stop_token &stop)
+{
+    std::vector<SQLRow> rows;
+    query(question, timeout, stop, [&rows](sqlite3_stmt *statement) { rows.push_back(rowOf(statement)); });
+    return rows;
+}
+
+/// Calls `take` with the statement on each row.
+void Database::Connection::query(const Question &question, std::optional<std::chrono::duration<double>> timeout,
+    const std::stop_token &stop, const std::function<void(sqlite3_stmt *)> &take)
 {
     if (stop.stop_requested())
         throw Cancelled();
@@ -508,14 +547,13 @@ std::vector<SQLRow> Database::Connection::rows(const std::string &sql, const std
     QueryBudget budget{uptime() + (timeout ? timeout->count() : std::numeric_limits<double>::max()), uptime, stop};
     const ProgressHandler handler(handle, budget);
     int code = SQLITE_OK;
-    Statement statement = begin(sql, values, code);
-    std::vector<SQLRow> rows;
+    Statement statement = begin(question.sql, question.values, code);
     for (; code == SQLITE_ROW; code = sqlite3_step(statement.get()))
-        rows.push_back(rowOf(statement.get()));
+        take(statement.get());
     if (code == SQLITE_DONE) {
-        if (QueryCache::keeps(sql))
-            queries.keep(sql, std::move(statement));
-        return rows;
+        if (QueryCache::keeps(question.sql))
+            queries.keep(question.sql, std::move(statement));
+        return;
     }
     if (code != SQLITE_INTERRUPT)
         throw failure("Could not read local data.");
@@ -553,16 +591,13 @@ void Database::Connection::executeBatch(const std::string &sql, const std::vecto
     transaction.commit();
 }
 
-void Database::Connection::executeBatches(const std::vector<SQLBatch> &batches, Effort effort)
+void Database::Connection::executeBatches(const std::vector<SQLBatch> &batches, Effort effort, const std::stop_token &abandon)
 {
-    requireWritable();
-    EffortScope scope(handle, onDisk() ? effort : Effort::usual);
-    Transaction transaction(handle);
-    for (const auto &batch : batches)
-        if (!batch.rows.empty())
-            runAll(batch.sql, batch.rows);
-    transaction.commit();
-    scope.hasCommitted();
+    transact(effort, abandon, [&] {
+        for (const auto &batch : batches)
+            if (!batch.rows.empty())
+                runAll(batch.sql, batch.rows);
+    });
 }
 
 void Database::Connection::runAll(const std::string &sql, const std::vector<std::vector<SQLValue>> &rows)
@@ -573,12 +608,9 @@ void Database::Connection::runAll(const std::string &sql, const std::vector<std:
 }
 
 void Database::Connection::executeTransaction(
-    const std::vector<std::pair<std::string, std::vector<SQLValue>>> &statements, Effort effort)
+    const std::vector<std::pair<std::string, std::vector<SQLValue>>> &statements, Effort effort, const std::stop_token &abandon)
 {
-    requireWritable();
-    EffortScope scope(handle, onDisk() ? effort : Effort::usual);
-    Transaction transaction(handle);
-    {
+    transact(effort, abandon, [&] {
         const std::string *last = nullptr;
         Statement statement;
         for (const auto &[sql, values] : statements) {
@@ -589,8 +621,28 @@ void Database::Connection::executeTransaction(
             last = &sql;
             runOnce(statement.get(), values);
         }
+    });
+}
+
+void Database::Connection::transact(Effort effort, const std::stop_token &abandon, const std::function<void()> &work)
+{
+    if (abandon.stop_requested())
+        throw Cancelled();
+    requireWritable();
+    EffortScope scope(handle, onDisk() ? effort : Effort::usual);
+    Transaction transaction(handle);
+    QueryBudget budget{std::numeric_limits<double>::max(), uptime, abandon};
+    std::optional<ProgressHandler> handler; // ends before the transaction does
+    if (abandon.stop_possible())
+        handler.emplace(handle, budget);
+    try {
+        work();
+        transaction.commit();
+    } catch (const AppError &) {
+        if (abandon.stop_requested())
+            throw Cancelled();
+        throw;
     }
-    transaction.commit();
     scope.hasCommitted();
 }
 
@@ -664,23 +716,30 @@ Task<std::shared_ptr<Database>> Database::open(
 Task<std::vector<SQLRow>> Database::rows(
     std::string sql, std::vector<SQLValue> values, std::optional<std::chrono::duration<double>> timeout)
 {
-    auto work = [connection = connection, sql = std::move(sql), values = std::move(values), timeout](
-                    std::stop_token stop) { return connection->rows(sql, values, timeout, stop); };
+    auto work = [connection = connection, question = Question{std::move(sql), std::move(values)}, timeout](
+                    std::stop_token stop) { return connection->rows(question, timeout, stop); };
     co_await throwIfCancelled();
     co_return co_await connection->actor.run(std::move(work));
 }
 
-Task<std::vector<SQLRow>> Database::rowsIf(
-    std::string probe, Question ifAny, Question ifNone, std::optional<std::chrono::duration<double>> timeout)
+Task<void> Database::read(Question question, RowReader reader, std::optional<std::chrono::duration<double>> timeout)
 {
-    auto work = [connection = connection, probe = std::move(probe), ifAny = std::move(ifAny), ifNone = std::move(ifNone),
-                    timeout](std::stop_token stop) {
-        const bool any = !connection->rows(probe, {}, {}, stop).empty();
-        const Question &question = any ? ifAny : ifNone;
-        return connection->rows(question.sql, question.values, timeout, stop);
+    auto work = [connection = connection, question = std::move(question), reader = std::move(reader), timeout](
+                    std::stop_token stop) { connection->query(question, timeout, stop, onColumns(reader)); };
+    co_await throwIfCancelled();
+    co_await connection->actor.run(std::move(work));
+}
+
+Task<void> Database::readIf(std::string probe, Question ifAny, std::function<Question()> ifNone, RowReader reader,
+    std::optional<std::chrono::duration<double>> timeout)
+{
+    auto work = [connection = connection, probe = Question{std::move(probe)}, ifAny = std::move(ifAny),
+                    ifNone = std::move(ifNone), reader = std::move(reader), timeout](std::stop_token stop) {
+        const bool any = !connection->rows(probe, {}, stop).empty();
+        connection->query(any ? ifAny : ifNone(), timeout, stop, onColumns(reader));
     };
     co_await throwIfCancelled();
-    co_return co_await connection->actor.run(std::move(work));
+    co_await connection->actor.run(std::move(work));
 }
 
 Task<void> Database::execute(std::string sql, std::vector<SQLValue> values)
@@ -699,21 +758,22 @@ Task<void> Database::executeBatch(std::string sql, std::vector<std::vector<SQLVa
     co_await connection->actor.run(std::move(work));
 }
 
-Task<void> Database::executeTransaction(std::vector<std::pair<std::string, std::vector<SQLValue>>> statements, Effort effort)
+Task<void> Database::executeTransaction(
+    std::vector<std::pair<std::string, std::vector<SQLValue>>> statements, Effort effort, std::stop_token abandon)
 {
-    auto work = [connection = connection, statements = std::move(statements), effort](
-                    std::stop_token) { connection->executeTransaction(statements, effort); };
+    auto work = [connection = connection, statements = std::move(statements), effort, abandon = std::move(abandon)](
+                    std::stop_token) { connection->executeTransaction(statements, effort, abandon); };
     co_await connection->actor.run(std::move(work));
     if (effort == Effort::large)
         co_await settleLongLog();
 }
 
-Task<void> Database::executeBatches(std::vector<SQLBatch> batches, Effort effort)
+Task<void> Database::executeBatches(std::vector<SQLBatch> batches, Effort effort, std::stop_token abandon)
 {
     if (std::all_of(batches.begin(), batches.end(), [](const SQLBatch &batch) { return batch.rows.empty(); }))
         co_return;
-    auto work = [connection = connection, batches = std::move(batches), effort](
-                    std::stop_token) { connection->executeBatches(batches, effort); };
+    auto work = [connection = connection, batches = std::move(batches), effort, abandon = std::move(abandon)](
+                    std::stop_token) { connection->executeBatches(batches, effort, abandon); };
     co_await connection->actor.run(std::move(work));
     if (effort == Effort::large)
         co_await settleLongLog();

@@ -14,6 +14,8 @@
 #include <variant>
 #include <vector>
 
+struct sqlite3_stmt;
+
 namespace korvane {
 
 /// A value bound to a `?` placeholder: a text, a 64-bit float or null. Every integer that the program
@@ -22,6 +24,22 @@ using SQLValue = std::variant<std::string, double, std::nullptr_t>;
 
 /// One row of an answer, by column name. Every value is text as SQLite prints it; a NULL is absent.
 using SQLRow = std::map<std::string, std::string, std::less<>>;
+
+/// The row that a query stands on, by the number of a column from 0. For answers of many rows, which would otherwise go
+/// through texts by name. Valid only during the call that it is given to.
+class SQLColumns {
+public:
+    explicit SQLColumns(sqlite3_stmt *statement) : statement(statement) { }
+    /// As SQLite prints it; nothing for a NULL.
+    std::optional<std::string> text(int column) const;
+    /// A whole number that is stored as one; nothing for anything else.
+    std::optional<long long> integer(int column) const;
+    /// A number, whole or not; nothing for anything else.
+    std::optional<double> number(int column) const;
+
+private:
+    sqlite3_stmt *statement;
+};
 
 /// One statement and the values of each time it is run.
 struct SQLBatch {
@@ -66,19 +84,25 @@ public:
         std::string sql;
         std::vector<SQLValue> values = {};
     };
-    /// Rows of `ifAny` where `probe` has an answer and of `ifNone` where it has none, in one turn of the connection.
-    /// `timeout` bounds the second query.
-    Task<std::vector<SQLRow>> rowsIf(
-        std::string probe, Question ifAny, Question ifNone, std::optional<std::chrono::duration<double>> timeout = {});
+    /// Told each row of an answer, on the connection's thread; of a query that fails, as many as there were. What it owns
+    /// ends on either thread.
+    using RowReader = std::function<void(const SQLColumns &)>;
+    /// The rows of a query to `reader`; otherwise as `rows`.
+    Task<void> read(Question question, RowReader reader, std::optional<std::chrono::duration<double>> timeout = {});
+    /// The rows of `ifAny` where `probe` has an answer and of `ifNone` where it has none, in one turn of the connection.
+    /// `ifNone` is called on its thread. `timeout` bounds the second query.
+    Task<void> readIf(std::string probe, Question ifAny, std::function<Question()> ifNone, RowReader reader,
+        std::optional<std::chrono::duration<double>> timeout = {});
     /// One statement, stepped once; anything but its end is "Could not save local data."
     Task<void> execute(std::string sql, std::vector<SQLValue> values = {});
     /// One statement over many rows of values, in one transaction; all or nothing. No rows: no transaction.
     Task<void> executeBatch(std::string sql, std::vector<std::vector<SQLValue>> rows);
-    /// Several such batches in order, in one transaction; all or nothing. No rows in any: no transaction.
-    Task<void> executeBatches(std::vector<SQLBatch> batches, Effort effort = Effort::usual);
-    /// Statements in order, in one transaction; the first failure undoes all.
-    Task<void> executeTransaction(
-        std::vector<std::pair<std::string, std::vector<SQLValue>>> statements, Effort effort = Effort::usual);
+    /// Several such batches in order, in one transaction; all or nothing. No rows in any: no transaction. Cancelling the caller
+    /// does not end it; `abandon` does, also while it runs: it is undone and throws `Cancelled`.
+    Task<void> executeBatches(std::vector<SQLBatch> batches, Effort effort = Effort::usual, std::stop_token abandon = {});
+    /// Statements in order, in one transaction; the first failure undoes all. `abandon` as above.
+    Task<void> executeTransaction(std::vector<std::pair<std::string, std::vector<SQLValue>>> statements,
+        Effort effort = Effort::usual, std::stop_token abandon = {});
     /// Empties the write-ahead log into the file and gives unused memory back, as far as nobody else has to wait for
     /// it: best effort, and never a failure. A store in memory and one that is only read have nothing to settle.
     Task<void> settle();

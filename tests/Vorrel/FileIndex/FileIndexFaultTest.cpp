@@ -2,6 +2,8 @@
 
 #include "tests/Vorrel/Store/TestStore.h"
 
+#include <atomic>
+
 using namespace korvane;
 using namespace korvane::test;
 
@@ -54,6 +56,46 @@ TEST(FileIndexFaults, LiveUpdatesResumeByThemselvesAfterAnotherProgramHeldTheSto
     index.wait(1s);
     EXPECT_EQ(index.paths(), (Strings{"/home/ada/new.txt", "/home/ada/old.txt"}));
     EXPECT_EQ(index.savedID(), 4u);
+}
+
+TEST(FileIndexThreads, AStopWhileARootIsBeingPublishedWaitsForNothingAndLeavesTheRootAsItWas)
+{
+    const DiskFolder folder;
+    const std::string file = folder / "korvane.sqlite";
+    ThreadPool pool(2);
+    {
+        TestIndex index(file, &pool);
+        index.root("/home/ada");
+        await(index.loop, index.repository().markFTSBackfillDone());
+        index.attributes->put(entry("/home/ada/"));
+        index.scanner->disk = {{"/home/ada", FaultyStore::many()}};
+        OtherProgram other(file);
+        std::atomic<bool> publishing = false, stopped = false;
+        index.onLook = [&] {
+            if (!other.isLockedOut())
+                return;
+            publishing = true;
+            runLater(index.loop.executor(), [] {}); // which asks again
+            stopped.wait(false);
+        };
+        const Begun<void> start(index.loop, index.service->start());
+        index.loop.runUntil([&] { return publishing.load(); });
+        const Begun<void> stopping(index.loop, index.service->stop());
+        index.loop.runUntilIdle();
+        stopped = true;
+        stopped.notify_all();
+        index.loop.runUntil([&] { return stopping.done(); });
+        EXPECT_TRUE(index.paths().empty()) << "the transaction was undone";
+        EXPECT_EQ(index.staged().size(), 5000U);
+        index.onLook = nullptr;
+        index.make();
+        index.scanner->disk = {{"/home/ada", FaultyStore::many()}};
+        await(index.loop, index.service->start());
+        index.loop.runUntil([&] { return !index.service->busy(); });
+        EXPECT_EQ(index.paths().size(), 5000U) << "the next start begins anew";
+        await(index.loop, index.service->stop());
+    }
+    pool.join();
 }
 
 TEST(FileIndexFaults, ARootThatCouldNotBeStagedKeepsItsRowsAndTheNextScanPublishesIt)

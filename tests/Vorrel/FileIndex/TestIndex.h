@@ -138,13 +138,17 @@ public:
 };
 
 struct TestIndex {
-    explicit TestIndex(std::string path = ":memory:") :
-        database(await(loop, Database::open(loop.executor(), path, Database::Access::readWrite, {}, 0ms)))
+    /// On `threads`, or else on the one loop.
+    explicit TestIndex(std::string path = ":memory:", const ThreadPool *threads = nullptr) :
+        pool(threads ? threads->executor() : loop.executor()),
+        database(await(loop,
+            Database::open(
+                pool, path, Database::Access::readWrite, [this] { return look(); }, 0ms)))
     {
         AppLog::silence();
         AppLog::observe([this](std::string_view, AppLog::Level, std::string_view message) { log.emplace_back(message); });
         if (path != ":memory:")
-            searchDatabase = await(loop, Database::open(loop.executor(), path, Database::Access::readOnly));
+            searchDatabase = await(loop, Database::open(pool, path, Database::Access::readOnly));
         make();
     }
     ~TestIndex()
@@ -161,7 +165,7 @@ struct TestIndex {
         scanner = ownScanner.get();
         service = std::make_shared<FileIndexService>(FileIndexService::Ports{
             .mainThread = loop.executor(),
-            .pool = loop.executor(),
+            .pool = pool,
             .clock = clock,
             .folders = folders,
             .places = places,
@@ -213,6 +217,12 @@ struct TestIndex {
             all.push_back(row.at("path"));
         return all;
     }
+    double look() const
+    {
+        if (onLook)
+            onLook();
+        return 0;
+    }
     std::uint64_t savedID() { return await(loop, repository().loadEventID()); }
     std::string status() const { return service->statusText(); }
     bool logged(std::string_view text) const
@@ -232,6 +242,8 @@ struct TestIndex {
     UserFolders folders{.home = "/home/ada", .data = "/home/ada/.local/share"};
     IndexPlaces places{
         .defaultRoots = {"/home/ada"}, .skippedPrefixes = {"/home/ada/.local/share/Korvane"}, .looseCount = 1, .aliasPrefix = {}};
+    Executor pool;
+    std::function<void()> onLook; ///< Called, on its thread, by whatever of the store can be ended early.
     std::shared_ptr<Database> database, searchDatabase;
     ScriptedWatcher watcher;
     std::shared_ptr<ScriptedAttributes> attributes = std::make_shared<ScriptedAttributes>();

@@ -38,20 +38,41 @@ TEST_F(DatabaseReuse, AQuestionThatIsAskedAgainSeesWhatWasWrittenMeanwhile)
 
 TEST_F(DatabaseReuse, AProbeDecidesWhichOfTwoQuestionsIsAsked)
 {
-    const auto chosen = [this] {
-        const auto rows = await(database->rowsIf("SELECT 1 FROM items",
-            Database::Question{"SELECT ? AS value", {std::string("some")}}, Database::Question{"SELECT 'none' AS value", {}}));
-        return rows.at(0).at("value");
+    const auto ask = [this](const Database::Question &ifAny, const Database::Question &ifNone) {
+        std::string seen;
+        const auto reader = [&seen](const SQLColumns &row) { seen += row.text(0).value_or("NULL"); };
+        await(database->readIf(
+            "SELECT 1 FROM items", ifAny, [&ifNone] { return ifNone; }, reader, 2s));
+        return seen;
     };
+    const auto chosen = [&ask] { return ask({"SELECT ?", {std::string("some")}}, {"SELECT 'none'", {}}); };
     EXPECT_EQ(chosen(), "none");
     execute(database, addItem, {1.0, std::string("one")});
     EXPECT_EQ(chosen(), "some");
     const Database::Question broken{"SELECT nothing FROM nowhere", {}};
-    EXPECT_EQ(outcomeOf([&] { await(database->rowsIf("SELECT 1 FROM items", broken, broken)); }), couldNotPrepare);
+    EXPECT_EQ(outcomeOf([&] { ask(broken, broken); }), couldNotPrepare);
     uptime = 0;
     onLook = [this] { uptime += 1; };
     const Database::Question question{endless, {}};
-    EXPECT_EQ(outcomeOf([&] { await(database->rowsIf("SELECT 1 FROM items", question, broken, 2s)); }), tookTooLong);
+    EXPECT_EQ(outcomeOf([&] { ask(question, broken); }), tookTooLong);
+}
+
+TEST_F(DatabaseReuse, AReaderIsToldEachRowByTheTypesThatAreStored)
+{
+    const Database::Question question{"SELECT * FROM (VALUES(7,1.5,'9',NULL,x'41'),(-9223372036854775808,3.0,'',' 1 ',0))", {}};
+    std::vector<std::string> seen;
+    await(database->read(question, [&seen](const SQLColumns &row) {
+        for (int column = 0; column < 5; ++column) {
+            const auto whole = row.integer(column);
+            const auto number = row.number(column);
+            seen.push_back((whole ? std::to_string(*whole) : "-") + " " + (number ? std::to_string(*number) : "-") + " "
+                + row.text(column).value_or("NULL"));
+        }
+    }));
+    EXPECT_EQ(seen,
+        (Strings{"7 7.000000 7", "- 1.500000 1.5", "- - 9", "- - NULL", "- - A",
+            "-9223372036854775808 -9223372036854775808.000000 -9223372036854775808", "- 3.000000 3.0", "- - ", "- -  1 ",
+            "0 0.000000 0"}));
 }
 
 TEST_F(DatabaseReuse, AQuestionWhoseTableHasGoneFailsInTheWordsOfANewOne)

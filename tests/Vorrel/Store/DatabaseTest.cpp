@@ -444,6 +444,42 @@ TEST_F(DatabaseBudget, AWriteIsCarriedToItsEndWhenItsTaskIsCancelled)
     EXPECT_EQ(names(), "one two three four");
 }
 
+TEST_F(DatabaseBudget, ATransactionThatIsAbandonedWhileItRunsIsUndone)
+{
+    const std::string many = "INSERT INTO items(id,name) WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i+1 FROM n "
+                             "WHERE i<100000) SELECT i,'x' FROM n";
+    for (const auto effort : {Database::Effort::usual, Database::Effort::large}) {
+        std::stop_source abandon;
+        onLook = [&] { abandon.request_stop(); };
+        EXPECT_EQ(outcomeOf([&] {
+            await(database->executeTransaction({{addItem, {0.0, std::string("zero")}}, {many, {}}}, effort, abandon.get_token()));
+        }),
+            "cancelled");
+        EXPECT_TRUE(abandon.stop_requested()) << "it was running";
+        onLook = nullptr;
+        EXPECT_EQ(names(), "NULL") << "no item";
+        EXPECT_EQ(outcomeOf([&] { await(database->executeBatches({{many, {{}}}}, effort, abandon.get_token())); }), "cancelled");
+        EXPECT_EQ(names(), "NULL") << "no item";
+    }
+    EXPECT_EQ(outcomeOf([&] { await(database->execute(addItem, {1.0, std::string("one")})); }), "done");
+    EXPECT_EQ(names(), "one");
+}
+
+TEST_F(DatabaseBudget, ATransactionThatCanBeAbandonedIsCarriedToItsEndWhenOnlyItsTaskIsCancelled)
+{
+    const std::stop_source abandon;
+    auto list =
+        begin(database->executeTransaction({{addItem, {1.0, std::string("one")}}}, Database::Effort::large, abandon.get_token()));
+    loop.runOne();
+    list.cancel();
+    EXPECT_EQ(outcomeOf([&] { list.result(); }), "done");
+    EXPECT_EQ(names(), "one");
+    EXPECT_EQ(outcomeOf([&] {
+        await(database->executeTransaction({{addItem, {1.0}}}, Database::Effort::large, abandon.get_token()));
+    }),
+        couldNotSave);
+}
+
 // Writes
 
 TEST_F(DatabaseWrites, FailInTheWordsOfTheStepThatFailed)

@@ -101,6 +101,14 @@ std::string OtherProgram::line(const std::string &sql)
     return all.empty() ? "no row" : all.front();
 }
 
+bool OtherProgram::isLockedOut()
+{
+    if (sqlite3_exec(handle, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK)
+        return true;
+    run("ROLLBACK");
+    return false;
+}
+
 Strings schemaOf(const std::string &path)
 {
     return OtherProgram(path).lines("SELECT type,name,tbl_name,sql FROM sqlite_master ORDER BY type,name");

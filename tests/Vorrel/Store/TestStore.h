@@ -53,6 +53,8 @@ public:
     /// Every row as one line, cells separated by "|", a NULL as "NULL".
     Strings lines(const std::string &sql);
     std::string line(const std::string &sql);
+    /// Whether somebody else is writing.
+    bool isLockedOut();
 
 private:
     sqlite3 *handle = nullptr;
