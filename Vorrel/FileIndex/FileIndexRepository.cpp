@@ -145,7 +145,7 @@ Task<std::vector<IndexedFile>> FileIndexRepository::search(std::string text, std
     // Owns what it uses: the connection's thread may ask for it.
     const auto question = [query, parent = std::move(parent), limit, folders = folders](NameLookup names) {
         CompiledSearch search = compile(query, parent, limit, names, folders);
-        return Database::Question{std::move(search.sql), std::move(search.values)};
+        return Database::Question{std::move(search.sql), std::move(search.values), !search.usesNameIndex};
     };
     const std::function<Database::Question()> byEachName = [question] { return question(NameLookup::eachName); };
     if (!hasLongTerms(query))

@@ -83,7 +83,7 @@ public:
         addOrder();
         sql += " LIMIT ?";
         bind(double(std::clamp(limit, 1, mostRows)));
-        return {std::move(sql), std::move(values)};
+        return {std::move(sql), std::move(values), usesNameIndex};
     }
 
 private:
@@ -109,9 +109,12 @@ private:
     /// A lone short term is how a name begins, which the index on names answers.
     void addShortTerms()
     {
-        for (const auto &term : query.terms)
-            if (!isLong(term))
-                addName(query.terms.size() == 1 ? escapedLike(term) + "%" : containing(term));
+        for (const auto &term : query.terms) {
+            if (isLong(term))
+                continue;
+            usesNameIndex = query.terms.size() == 1;
+            addName(usesNameIndex ? escapedLike(term) + "%" : containing(term));
+        }
     }
 
     void addName(std::string pattern)
@@ -224,6 +227,7 @@ private:
     Texts clauses;
     std::string sql;
     std::vector<SQLValue> values;
+    bool usesNameIndex = false;
 };
 
 } // namespace

@@ -16,6 +16,7 @@ namespace korvane {
 struct CompiledSearch {
     std::string sql;
     std::vector<SQLValue> values;
+    bool usesNameIndex = false; ///< By a `LIKE` for how names begin.
 };
 
 /// How a term of three characters and more is found: in the table of names, which knows every three characters in a row,

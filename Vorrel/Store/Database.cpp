@@ -395,13 +395,23 @@ private:
     bool fileHasGone();
     void settleGoneFile();
 
-    Statement begin(const std::string &sql, const std::vector<SQLValue> &values, int &code);
+    /// What answers a query.
+    struct Reader {
+        sqlite3 *handle;
+        QueryCache &queries;
+    };
+    Reader readerFor(const Question &question);
+    bool openScanner();
+    static Statement begin(const Reader &reader, const Question &question, int &code);
     void runAll(const std::string &sql, const std::vector<std::vector<SQLValue>> &rows);
     /// Does `work` in one transaction.
     void transact(Effort effort, const std::stop_token &abandon, const std::function<void()> &work);
 
     sqlite3 *handle = nullptr;
     QueryCache queries;
+    sqlite3 *scanner = nullptr; ///< With a `LIKE` of our own; opened when it is asked for.
+    QueryCache scannerQueries;
+    std::optional<FileIdentity> file; ///< That was opened for reading.
     std::string logPath; ///< The write-ahead log's path, as SQLite names it.
     std::optional<FileIdentity> log; ///< The write-ahead log that this connection writes; nothing if it needs none.
     bool settled = false;
@@ -418,8 +428,11 @@ void Database::Connection::open()
     }
     sqlite3_busy_timeout(handle, int(patience.count()));
     useOwnTextFunctions(handle);
-    if (reads)
+    if (reads) {
+        if (onDisk())
+            file = identityOf(path);
         return;
+    }
     try {
         migrate();
         configure();
@@ -545,14 +558,15 @@ void Database::Connection::query(const Question &question, std::optional<std::ch
         throw Cancelled();
     requireOpen();
     QueryBudget budget{uptime() + (timeout ? timeout->count() : std::numeric_limits<double>::max()), uptime, stop};
-    const ProgressHandler handler(handle, budget);
+    const Reader reader = readerFor(question);
+    const ProgressHandler handler(reader.handle, budget);
     int code = SQLITE_OK;
-    Statement statement = begin(question.sql, question.values, code);
+    Statement statement = begin(reader, question, code);
     for (; code == SQLITE_ROW; code = sqlite3_step(statement.get()))
         take(statement.get());
     if (code == SQLITE_DONE) {
         if (QueryCache::keeps(question.sql))
-            queries.keep(question.sql, std::move(statement));
+            reader.queries.keep(question.sql, std::move(statement));
         return;
     }
     if (code != SQLITE_INTERRUPT)
@@ -564,15 +578,40 @@ void Database::Connection::query(const Question &question, std::optional<std::ch
 
 /// A query after its first step, which gives `code`. A kept statement that cannot go on, because what it asks has gone,
 /// is prepared once more, so that the failure is the one of a new query.
-Statement Database::Connection::begin(const std::string &sql, const std::vector<SQLValue> &values, int &code)
+/// False where there is none: the other connection answers the same.
+bool Database::Connection::openScanner()
 {
-    if (Statement kept = queries.take(sql)) {
-        bind(kept.get(), values);
+    if (scanner)
+        return true;
+    if (!file || identityOf(path) != file)
+        return false;
+    const int flags = SQLITE_OPEN_READONLY | SQLITE_OPEN_FULLMUTEX;
+    if (sqlite3_open_v2(path.c_str(), &scanner, flags, nullptr) != SQLITE_OK) {
+        sqlite3_close(std::exchange(scanner, nullptr));
+        return false;
+    }
+    sqlite3_busy_timeout(scanner, int(patience.count()));
+    useOwnTextFunctions(scanner);
+    useOwnLike(scanner);
+    return true;
+}
+
+Database::Connection::Reader Database::Connection::readerFor(const Question &question)
+{
+    if (question.scans && openScanner())
+        return {scanner, scannerQueries};
+    return {handle, queries};
+}
+
+Statement Database::Connection::begin(const Reader &reader, const Question &question, int &code)
+{
+    if (Statement kept = reader.queries.take(question.sql)) {
+        bind(kept.get(), question.values);
         code = sqlite3_step(kept.get());
         if (code == SQLITE_ROW || code == SQLITE_DONE || code == SQLITE_INTERRUPT || code == SQLITE_BUSY)
             return kept;
     }
-    Statement statement = prepare(handle, sql, values);
+    Statement statement = prepare(reader.handle, question.sql, question.values);
     code = sqlite3_step(statement.get());
     return statement;
 }
@@ -689,6 +728,8 @@ void Database::Connection::close()
 {
     if (!handle)
         return;
+    scannerQueries.clear();
+    sqlite3_close(std::exchange(scanner, nullptr));
     queries.clear();
     if (fileHasGone())
         settleGoneFile();

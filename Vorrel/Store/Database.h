@@ -52,7 +52,7 @@ struct SQLBatch {
 /// Threads:  callable from any coroutine; statements run one at a time, in the order of the calls, on
 ///           the connection's own strand of the pool, and the caller resumes on its own executor.
 /// Errors:   `AppError` of kind `database`, with the sentences told at each operation; a cancelled
-///           `rows` throws `Cancelled`. A write that has begun is always carried to its end.
+///           `rows` throws `Cancelled`. A write that has begun is carried to its end, unless it may be abandoned.
 /// Files:    a store on disk that another program has moved, removed or replaced is written no more: what
 ///           was committed goes to the file that was opened, and every later write is "Could not save
 ///           local data." Reads go on from that file.
@@ -83,6 +83,9 @@ public:
     struct Question {
         std::string sql;
         std::vector<SQLValue> values = {};
+        /// Whether no index can serve a `LIKE` of it. A `readOnly` store then compares several times as fast, on a second
+        /// connection, since that takes every `LIKE` away from the indexes.
+        bool scans = false;
     };
     /// Told each row of an answer, on the connection's thread; of a query that fails, as many as there were. What it owns
     /// ends on either thread.

@@ -75,6 +75,70 @@ TEST_F(DatabaseReuse, AReaderIsToldEachRowByTheTypesThatAreStored)
             "0 0.000000 0"}));
 }
 
+// Queries that scan
+
+namespace {
+
+/// The names that match a pattern, in order, asked of a store that only reads.
+struct DatabaseScans : DatabaseReuse {
+    std::shared_ptr<Database> reading;
+
+    DatabaseScans()
+    {
+        for (const char *name : {"Report.PDF", "photo.jpg", "Ärger.pdf", "pdf"})
+            execute(database, "INSERT INTO items(name) VALUES(?)", {std::string(name)});
+        reading = open(Access::readOnly);
+    }
+    std::string like(const std::string &pattern, bool scans)
+    {
+        std::string found;
+        const Database::Question question{"SELECT name FROM items WHERE name LIKE ? ORDER BY id", {pattern}, scans};
+        await(reading->read(question, [&found](const SQLColumns &row) { found += row.text(0).value_or("NULL") + " "; }));
+        return found;
+    }
+};
+
+} // namespace
+
+TEST_F(DatabaseScans, AnswerAsAllOthersAndSeeWhatIsWrittenMeanwhile)
+{
+    for (const bool scans : {true, false, true}) {
+        EXPECT_EQ(like("%.pdf", scans), "Report.PDF Ärger.pdf ");
+        EXPECT_EQ(like("p%", scans), "photo.jpg pdf ");
+        EXPECT_EQ(like("p_f", scans), "pdf ");
+    }
+    execute(database, "UPDATE items SET name='other.pdf' WHERE name='pdf'");
+    EXPECT_EQ(like("%.pdf", true), "Report.PDF Ärger.pdf other.pdf ");
+}
+
+TEST_F(DatabaseScans, EndWithTheirBudgetAndWithTheStore)
+{
+    uptime = 0;
+    onLook = [this] { uptime += 1; };
+    const auto ask = [this] {
+        await(reading->read(
+            {endless, {}, true}, [](const SQLColumns &) {}, 2s));
+    };
+    EXPECT_EQ(outcomeOf(ask), tookTooLong);
+    EXPECT_EQ(like("p_f", true), "pdf ") << "the connection stays usable";
+    await(reading->close());
+    EXPECT_EQ(outcomeOf(ask), databaseClosed);
+    await(database->close());
+    EXPECT_FALSE(exists(file + "-wal")) << "no connection is left open";
+}
+
+TEST_F(DatabaseScans, GoOnReadingTheFileThatWasOpened)
+{
+    EXPECT_EQ(like("p_f", false), "pdf ");
+    const std::string other = folder / "other.sqlite";
+    const auto second = openPath(other);
+    execute(second, "CREATE TABLE items(id INTEGER PRIMARY KEY, name TEXT)");
+    await(second->close());
+    std::filesystem::rename(file, file + ".old");
+    std::filesystem::rename(other, file);
+    EXPECT_EQ(like("p_f", true), "pdf ");
+}
+
 TEST_F(DatabaseReuse, AQuestionWhoseTableHasGoneFailsInTheWordsOfANewOne)
 {
     EXPECT_EQ(value(database, nameOf, {1.0}), "no row");
