@@ -576,8 +576,6 @@ void Database::Connection::query(const Question &question, std::optional<std::ch
     throw AppError(AppError::Kind::recoverable, "File search took too long. Add a filename or folder filter and try again.");
 }
 
-/// A query after its first step, which gives `code`. A kept statement that cannot go on, because what it asks has gone,
-/// is prepared once more, so that the failure is the one of a new query.
 /// False where there is none: the other connection answers the same.
 bool Database::Connection::openScanner()
 {
@@ -603,6 +601,8 @@ Database::Connection::Reader Database::Connection::readerFor(const Question &que
     return {handle, queries};
 }
 
+/// A query after its first step, which gives `code`. A kept statement that cannot go on, because what it asks has gone,
+/// is prepared once more, so that the failure is the one of a new query.
 Statement Database::Connection::begin(const Reader &reader, const Question &question, int &code)
 {
     if (Statement kept = reader.queries.take(question.sql)) {
