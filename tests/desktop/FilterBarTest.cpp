@@ -75,6 +75,12 @@ protected:
     }
 
     FileFilters &filters() { return *scene.view().findChild<FileFilters *>(); }
+    /// The panel for files or folders, once it is up; null when it does not come.
+    QFileDialog *shownPanel()
+    {
+        const bool up = scene.waitFor([this] { return scene.shownWindow().hasSheet(); });
+        return up ? scene.shownWindow().surface()->findChild<QFileDialog *>() : nullptr;
+    }
     /// Opens the menu and waits until it is up.
     FlatMenu &open(Picker &picker)
     {
@@ -295,9 +301,7 @@ TEST_F(Filters, ThePanelForAFolderHasItsWordsAndStandsOverThePalette)
     choice.message = "Choose a folder to narrow results to that scope. Search still covers every indexed root.";
     choice.directory = scene.folder.path().toStdString();
     Begun<std::optional<std::vector<std::string>>> asked(scene.loop, dialogs.choose(choice));
-    ASSERT_TRUE(scene.waitFor([&] { return scene.shownWindow().hasSheet(); }));
-
-    auto *panel = scene.shownWindow().surface()->findChild<QFileDialog *>();
+    auto *const panel = shownPanel();
     ASSERT_NE(panel, nullptr);
     EXPECT_EQ(panel->windowTitle(), "Choose a Folder to Search");
     EXPECT_EQ(panel->windowModality(), Qt::WindowModal);
@@ -335,9 +339,7 @@ TEST_F(Filters, ThePanelForFilesGivesEveryOneThatWasChosen)
     choice.title = "Choose two files";
     choice.directory = scene.folder.path().toStdString();
     Begun<std::optional<std::vector<std::string>>> asked(scene.loop, dialogs.choose(choice));
-    ASSERT_TRUE(scene.waitFor([&] { return scene.shownWindow().hasSheet(); }));
-
-    auto *panel = scene.shownWindow().surface()->findChild<QFileDialog *>();
+    auto *const panel = shownPanel();
     ASSERT_NE(panel, nullptr);
     auto *name = panel->findChild<QLineEdit *>();
     ASSERT_NE(name, nullptr);

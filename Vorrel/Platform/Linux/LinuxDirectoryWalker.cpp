@@ -34,7 +34,6 @@ constexpr int descriptorsOfWalk = 1;
 
 /// For descriptors and memory that others may give back.
 constexpr auto betweenAttempts = 20ms;
-constexpr int attempts = 1000;
 
 int threadsWithin(int wanted)
 {
@@ -50,13 +49,13 @@ int threadsWithin(int wanted)
 bool isShortage(int error) { return error == EMFILE || error == ENFILE || error == ENOMEM; }
 
 /// Opens something, again and again while the system is short of what it takes. Empty, with `errno`.
-template <class Open> Descriptor patiently(Open open)
+template <class Open> Descriptor patiently(const LinuxDirectoryWalker::Pause &pause, Open open)
 {
     for (int attempt = 1;; ++attempt) {
         Descriptor opened = open();
-        if (opened || !isShortage(errno) || attempt == attempts)
+        if (opened || !isShortage(errno) || attempt == LinuxDirectoryWalker::attempts)
             return opened;
-        std::this_thread::sleep_for(betweenAttempts);
+        pause();
     }
 }
 
@@ -93,16 +92,17 @@ public:
     using Visitor = DirectoryWalker::Visitor;
 
     Walk(std::string root, std::shared_ptr<const Visitor> visitor, LinuxDirectoryWalker::Entering entering, int threads,
-        std::chrono::milliseconds idlePatience) :
+        std::chrono::milliseconds idlePatience, LinuxDirectoryWalker::Pause pause) :
         rootPath(withoutSlashesAtEnd(std::move(root))),
-        visitor(std::move(visitor)), entering(std::move(entering)), threads(threadsWithin(threads)), idlePatience(idlePatience)
+        visitor(std::move(visitor)), entering(std::move(entering)), threads(threadsWithin(threads)), idlePatience(idlePatience),
+        pause(std::move(pause))
     {
     }
 
     /// The first thread.
     void run()
     {
-        root = patiently([this] { return openFolder(rootPath); });
+        root = patiently(pause, [this] { return openFolder(rootPath); });
         if (!root)
             return visitor->done(Visitor::End::unreadable);
         realRoot = realPath(root, rootPath);
@@ -205,7 +205,7 @@ private:
     {
         if (folder.relative.empty())
             return true;
-        folder.opened = patiently([&] { return openFolderBelow(root, folder.relative); });
+        folder.opened = patiently(pause, [&] { return openFolderBelow(root, folder.relative); });
         if (!folder.opened && isShortage(errno))
             stop(Visitor::End::unreadable); // nobody knows what is in it
         return static_cast<bool>(folder.opened);
@@ -265,6 +265,7 @@ private:
     const LinuxDirectoryWalker::Entering entering;
     const int threads;
     const std::chrono::milliseconds idlePatience;
+    const LinuxDirectoryWalker::Pause pause;
 
     // Set before the second thread starts
     Descriptor root;
@@ -281,9 +282,11 @@ private:
 
 } // namespace
 
+void LinuxDirectoryWalker::usualPause() { std::this_thread::sleep_for(betweenAttempts); }
+
 void LinuxDirectoryWalker::walk(std::string root, std::shared_ptr<const Visitor> visitor) const
 {
-    auto walk = std::make_shared<Walk>(std::move(root), visitor, entering, threads, idlePatience);
+    auto walk = std::make_shared<Walk>(std::move(root), visitor, entering, threads, idlePatience, pause);
     try {
         runOnOwnThread([walk] { walk->run(); });
     } catch (const std::system_error &) {

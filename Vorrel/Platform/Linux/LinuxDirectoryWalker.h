@@ -27,10 +27,17 @@ public:
     /// How long a thread without work stays: one that hangs must not keep the others for good.
     static constexpr std::chrono::milliseconds usualPatience{1000};
 
-    explicit LinuxDirectoryWalker(
-        Entering entering = {}, int threads = usualThreads, std::chrono::milliseconds idlePatience = usualPatience) :
+    /// How often something is opened while the system is short of descriptors, before the walk ends as unreadable.
+    static constexpr int attempts = 1000;
+    /// What a thread does between two of these attempts; from several threads at once.
+    using Pause = std::function<void()>;
+    /// Sleeps for 20 ms.
+    static void usualPause();
+
+    explicit LinuxDirectoryWalker(Entering entering = {}, int threads = usualThreads,
+        std::chrono::milliseconds idlePatience = usualPatience, Pause pause = usualPause) :
         entering(std::move(entering)),
-        threads(threads), idlePatience(idlePatience)
+        threads(threads), idlePatience(idlePatience), pause(std::move(pause))
     {
     }
 
@@ -40,6 +47,7 @@ private:
     Entering entering;
     int threads;
     std::chrono::milliseconds idlePatience;
+    Pause pause;
 };
 
 } // namespace korvane

@@ -624,39 +624,44 @@ TEST(LinuxDirectoryWalkerSlow, TakesAtMostAQuarterOfTheDescriptors)
     }
 }
 
-TEST(LinuxDirectoryWalker, WaitsForDescriptorsThatOthersHaveTaken)
+namespace {
+
+/// How a walk ends whose descriptors others take all below its root, and give back at a pause.
+std::string endWithDescriptorsAtPause(int givenBack)
+{
+    const DiskFolder disk;
+    disk.file("a/file");
+    return inChild([&] {
+        const rlimit few{64, 64};
+        setrlimit(RLIMIT_NOFILE, &few);
+        std::vector<Descriptor> taken;
+        int pauses = 0;
+        const LinuxDirectoryWalker walker(
+            [&](const std::string &folder) {
+                for (int number; folder != disk.path && (number = dup(0)) >= 0;)
+                    taken.emplace_back(number);
+            },
+            1, LinuxDirectoryWalker::usualPatience,
+            [&] {
+                if (++pauses == givenBack)
+                    taken.clear();
+            });
+        const auto result = walked(walker, disk.path);
+        return result.end + " " + std::to_string(result.entries.size()) + " after " + std::to_string(pauses);
+    });
+}
+
+} // namespace
+
+TEST(LinuxDirectoryWalker, WaitsForDescriptorsThatOthersHaveTakenUntilItsLastAttempt)
 {
 #if __has_feature(undefined_behavior_sanitizer)
     GTEST_SKIP() << "the sanitizer opens descriptors of its own to look at objects";
 #endif
-    const DiskFolder disk;
-    disk.file("a/file");
-    disk.file("b/file");
-    EXPECT_EQ(inChild([&] {
-        const rlimit few{64, 64};
-        setrlimit(RLIMIT_NOFILE, &few);
-        std::once_flag once;
-        std::thread other;
-        const LinuxDirectoryWalker walker(
-            [&](const std::string &folder) {
-                if (folder == disk.path)
-                    return;
-                std::call_once(once, [&] {
-                    auto taken = std::make_shared<std::vector<Descriptor>>();
-                    for (int number; (number = dup(0)) >= 0;)
-                        taken->emplace_back(number);
-                    other = std::thread([taken] {
-                        std::this_thread::sleep_for(100ms);
-                        taken->clear();
-                    });
-                });
-            },
-            1);
-        const auto result = walked(walker, disk.path);
-        other.join();
-        return result.end + " " + std::to_string(result.entries.size());
-    }),
-        "complete 4");
+    constexpr int last = LinuxDirectoryWalker::attempts - 1; // the pause before the last attempt
+    EXPECT_EQ(endWithDescriptorsAtPause(3), "complete 2 after 3");
+    EXPECT_EQ(endWithDescriptorsAtPause(last), "complete 2 after " + std::to_string(last));
+    EXPECT_EQ(endWithDescriptorsAtPause(last + 1), "unreadable 1 after " + std::to_string(last));
 }
 
 TEST(LinuxDirectoryWalker, TellsFiveThousandEntriesInOneBatch)
